@@ -1,0 +1,80 @@
+#include "base/Memory.h"
+#include "base/Globals.h"
+
+void* AllocatePool(UINTN Size) {
+  void* buffer = nullptr;
+  if (gBS == nullptr || EFI_ERROR(gBS->AllocatePool(EfiBootServicesData, Size, &buffer)))
+    return nullptr;
+  return buffer;
+}
+
+void* AllocateZeroPool(UINTN Size) {
+  void* buffer = AllocatePool(Size);
+  if (buffer != nullptr)
+    ZeroMem(buffer, Size);
+  return buffer;
+}
+
+void* AllocateCopyPool(UINTN Size, const void* Source) {
+  void* buffer = AllocatePool(Size);
+  if (buffer != nullptr)
+    CopyMem(buffer, Source, Size);
+  return buffer;
+}
+
+void FreePool(void* Buffer) {
+  if (Buffer != nullptr && gBS != nullptr)
+    gBS->FreePool(Buffer);
+}
+
+void CopyMem(void* Destination, const void* Source, UINTN Length) {
+  // Volatile keeps the compiler from turning these loops back into calls to memcpy/memmove,
+  // which are implemented on top of this function in the firmware build.
+  auto* d = static_cast<volatile UINT8*>(Destination);
+  const auto* s = static_cast<const volatile UINT8*>(Source);
+  if (d == s || Length == 0)
+    return;
+  if (d < s || d >= s + Length) {
+    for (UINTN i = 0; i < Length; ++i)
+      d[i] = s[i];
+  } else {
+    for (UINTN i = Length; i > 0; --i)
+      d[i - 1] = s[i - 1];
+  }
+}
+
+void SetMem(void* Buffer, UINTN Size, UINT8 Value) {
+  auto* d = static_cast<volatile UINT8*>(Buffer);
+  for (UINTN i = 0; i < Size; ++i)
+    d[i] = Value;
+}
+
+void ZeroMem(void* Buffer, UINTN Size) { SetMem(Buffer, Size, 0); }
+
+INTN CompareMem(const void* A, const void* B, UINTN Length) {
+  const auto* a = static_cast<const UINT8*>(A);
+  const auto* b = static_cast<const UINT8*>(B);
+  for (UINTN i = 0; i < Length; ++i)
+    if (a[i] != b[i])
+      return INTN(a[i]) - INTN(b[i]);
+  return 0;
+}
+
+#ifdef WIRECHECK_FIRMWARE
+// The compiler may emit calls to these for aggregate copies and zeroing; there is no C library.
+extern "C" {
+void* memset(void* dest, int value, size_t count) {
+  SetMem(dest, count, UINT8(value));
+  return dest;
+}
+void* memcpy(void* dest, const void* src, size_t count) {
+  CopyMem(dest, src, count);
+  return dest;
+}
+void* memmove(void* dest, const void* src, size_t count) {
+  CopyMem(dest, src, count);
+  return dest;
+}
+int memcmp(const void* a, const void* b, size_t count) { return int(CompareMem(a, b, count)); }
+}
+#endif

@@ -1,0 +1,162 @@
+// Owners for firmware resources. Each releases what it holds when it goes out of scope, so a
+// resource taken in an operation is given back on every exit path of that operation.
+#pragma once
+#include "base/Cxx.h"
+#include "base/Globals.h"
+#include "base/Memory.h"
+#include "uefi/protocol/ServiceBinding.h"
+
+namespace wc {
+
+// Boot-services pool memory.
+template <class T> class PoolPtr {
+public:
+  PoolPtr() = default;
+  explicit PoolPtr(T* p) : p_(p) {}
+  PoolPtr(PoolPtr&& o) noexcept : p_(Exchange<T*>(o.p_, nullptr)) {}
+  PoolPtr& operator=(PoolPtr&& o) noexcept {
+    if (this != &o)
+      Reset(o.Release());
+    return *this;
+  }
+  PoolPtr(const PoolPtr&) = delete;
+  PoolPtr& operator=(const PoolPtr&) = delete;
+  ~PoolPtr() { Reset(); }
+
+  static PoolPtr Allocate(UINTN bytes) { return PoolPtr(static_cast<T*>(AllocatePool(bytes))); }
+  static PoolPtr AllocateZero(UINTN bytes) { return PoolPtr(static_cast<T*>(AllocateZeroPool(bytes))); }
+
+  T* Get() const { return p_; }
+  T* operator->() const { return p_; }
+  T& operator*() const { return *p_; }
+  T& operator[](UINTN i) const { return p_[i]; }
+  explicit operator bool() const { return p_ != nullptr; }
+  // For out-parameters of firmware calls that hand back pool memory.
+  T** Receive() {
+    Reset();
+    return &p_;
+  }
+  T* Release() { return Exchange<T*>(p_, nullptr); }
+  void Reset(T* p = nullptr) {
+    if (p_ != nullptr && p_ != p)
+      FreePool(const_cast<void*>(static_cast<const void*>(p_)));
+    p_ = p;
+  }
+
+private:
+  T* p_ = nullptr;
+};
+
+// An event created with CreateEvent and closed by its creator.
+class EventOwner {
+public:
+  EventOwner() = default;
+  EventOwner(EventOwner&& o) noexcept : e_(Exchange<EFI_EVENT>(o.e_, nullptr)) {}
+  EventOwner(const EventOwner&) = delete;
+  EventOwner& operator=(const EventOwner&) = delete;
+  ~EventOwner() { Close(); }
+
+  EFI_STATUS Create(UINT32 type, EFI_TPL tpl = TPL_CALLBACK, EFI_EVENT_NOTIFY notify = nullptr,
+                    void* context = nullptr) {
+    Close();
+    return gBS->CreateEvent(type, tpl, notify, context, &e_);
+  }
+  EFI_EVENT Get() const { return e_; }
+  explicit operator bool() const { return e_ != nullptr; }
+  void Close() {
+    if (e_ != nullptr)
+      gBS->CloseEvent(Exchange<EFI_EVENT>(e_, nullptr));
+  }
+
+private:
+  EFI_EVENT e_ = nullptr;
+};
+
+// A protocol opened on a handle with OpenProtocol; closed with CloseProtocol on release when the
+// open was of a kind that must be closed (anything but GET_PROTOCOL/TEST_PROTOCOL).
+template <class P> class OpenedProtocol {
+public:
+  OpenedProtocol() = default;
+  OpenedProtocol(OpenedProtocol&& o) noexcept
+      : iface_(Exchange<P*>(o.iface_, nullptr)), handle_(o.handle_), guid_(o.guid_), agent_(o.agent_),
+        controller_(o.controller_), mustClose_(Exchange(o.mustClose_, false)) {}
+  OpenedProtocol(const OpenedProtocol&) = delete;
+  OpenedProtocol& operator=(const OpenedProtocol&) = delete;
+  ~OpenedProtocol() { Close(); }
+
+  EFI_STATUS Open(EFI_HANDLE handle, const EFI_GUID& guid, EFI_HANDLE agent, EFI_HANDLE controller,
+                  UINT32 attributes) {
+    Close();
+    void* iface = nullptr;
+    EFI_STATUS status = gBS->OpenProtocol(handle, &guid, &iface, agent, controller, attributes);
+    if (EFI_ERROR(status))
+      return status;
+    iface_ = static_cast<P*>(iface);
+    handle_ = handle;
+    guid_ = &guid;
+    agent_ = agent;
+    controller_ = controller;
+    mustClose_ = (attributes & (EFI_OPEN_PROTOCOL_GET_PROTOCOL | EFI_OPEN_PROTOCOL_TEST_PROTOCOL)) == 0;
+    return status;
+  }
+  P* Get() const { return iface_; }
+  P* operator->() const { return iface_; }
+  explicit operator bool() const { return iface_ != nullptr; }
+  EFI_STATUS Close() {
+    EFI_STATUS status = EFI_SUCCESS;
+    if (iface_ != nullptr && mustClose_)
+      status = gBS->CloseProtocol(handle_, guid_, agent_, controller_);
+    iface_ = nullptr;
+    mustClose_ = false;
+    return status;
+  }
+
+private:
+  P* iface_ = nullptr;
+  EFI_HANDLE handle_ = nullptr;
+  const EFI_GUID* guid_ = nullptr;
+  EFI_HANDLE agent_ = nullptr;
+  EFI_HANDLE controller_ = nullptr;
+  bool mustClose_ = false;
+};
+
+// A child created through a service binding; destroyed on release.
+class ServiceChild {
+public:
+  ServiceChild() = default;
+  ServiceChild(ServiceChild&& o) noexcept
+      : binding_(Exchange<EFI_SERVICE_BINDING_PROTOCOL*>(o.binding_, nullptr)),
+        child_(Exchange<EFI_HANDLE>(o.child_, nullptr)) {}
+  ServiceChild(const ServiceChild&) = delete;
+  ServiceChild& operator=(const ServiceChild&) = delete;
+  ~ServiceChild() { Destroy(); }
+
+  EFI_STATUS Create(EFI_SERVICE_BINDING_PROTOCOL* binding) {
+    Destroy();
+    if (binding == nullptr)
+      return EFI_INVALID_PARAMETER;
+    EFI_HANDLE child = nullptr;
+    EFI_STATUS status = binding->CreateChild(binding, &child);
+    if (!EFI_ERROR(status)) {
+      binding_ = binding;
+      child_ = child;
+    }
+    return status;
+  }
+  EFI_HANDLE Handle() const { return child_; }
+  explicit operator bool() const { return child_ != nullptr; }
+  EFI_STATUS Destroy() {
+    EFI_STATUS status = EFI_SUCCESS;
+    if (binding_ != nullptr && child_ != nullptr)
+      status = binding_->DestroyChild(binding_, child_);
+    binding_ = nullptr;
+    child_ = nullptr;
+    return status;
+  }
+
+private:
+  EFI_SERVICE_BINDING_PROTOCOL* binding_ = nullptr;
+  EFI_HANDLE child_ = nullptr;
+};
+
+} // namespace wc

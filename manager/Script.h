@@ -1,0 +1,34 @@
+// Text files the manager reads: the list of option strings to run and the scripted answers to
+// prompts, progress reports and menus.
+#pragma once
+#include "uefi/Base.h"
+
+// Decodes a file's bytes into a pool UCS-2 string: UTF-16LE with a byte-order mark, otherwise
+// UTF-8 (with or without its mark; plain ASCII is UTF-8). Null when out of memory.
+CHAR16* DecodeText(const UINT8* Data, UINTN Size);
+
+// Walks the lines of a decoded text in place: returns the next line (without its CR LF) and moves
+// Cursor past it, or null at the end.
+CHAR16* NextLine(CHAR16** Cursor);
+
+// Scripted answers, consumed in order per kind. Lines read "prompt ok|abort", "progress
+// none|cancel|fail", "menu <value>"; blank lines and lines starting with "#" are skipped.
+enum class AnswerKind : UINT8 { Prompt, Progress, Menu };
+
+struct Answer {
+  AnswerKind Kind;
+  INT64 Value; // prompt: 0 ok, 1 abort; progress: interrupt value; menu: item value
+};
+
+constexpr UINTN kMaxAnswers = 256;
+
+struct AnswerScript {
+  Answer Items[kMaxAnswers];
+  UINTN Count;
+  UINTN Used[3]; // per kind: how many were consumed
+};
+
+// Parses a script text; FALSE (with the bad line number) on a line it does not understand.
+BOOLEAN ParseAnswerScript(CHAR16* Text, AnswerScript* Script, UINTN* BadLine);
+// The next unused answer of a kind, or null when the script has none left.
+const Answer* TakeAnswer(AnswerScript* Script, AnswerKind Kind);

@@ -1,0 +1,449 @@
+// VexRun: the project's diagnostics manager. It installs the manager protocol, loads a test module
+// from its own directory, drives the module's test-module protocol with option strings from its
+// command line or a calls file, answers prompts and progress from a script or the keyboard, and
+// prints one machine-readable line per protocol call:
+//
+//   MODULE name=<name> version=<major>.<minor> build="<build>"
+//   RUNTIME runtime=<n> result=<Name> error=0x<HEX> status=<status>
+//   RESULT result=<Name> error=0x<HEX> status=<status>
+//   UNLOAD status=<status> protocols=<removed|still-installed>
+//
+// Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-old] [-v] ["OPTION STRING" ...]
+#include "base/DevicePathText.h"
+#include "base/Globals.h"
+#include "base/Memory.h"
+#include "base/Owners.h"
+#include "base/Print.h"
+#include "base/String.h"
+#include "manager/Script.h"
+#include "uefi/Uefi.h"
+
+namespace {
+
+constexpr UINTN kLineChars = 1000;
+constexpr UINTN kPathChars = 260;
+constexpr UINTN kMaxCalls = 256;
+constexpr UINTN kMaxFileBytes = 1 << 20;
+
+struct Settings {
+  const CHAR16* module = u"Wirecheck.efi";
+  const CHAR16* callsFile = nullptr;
+  const CHAR16* scriptFile = nullptr;
+  bool oldLayout = false;
+  bool verbose = false;
+  const CHAR16* calls[kMaxCalls] = {};
+  UINTN callCount = 0;
+};
+
+// Manager state reachable from the protocol operations.
+struct State {
+  EFI_FILE_PROTOCOL* root = nullptr;
+  EFI_FILE_PROTOCOL* log = nullptr; // everything the manager received or said
+  EFI_FILE_PROTOCOL* out = nullptr; // exactly what it showed on the console
+  CHAR16 dir[kPathChars] = {};
+  AnswerScript* script = nullptr;
+  bool verbose = false;
+};
+constinit State* gState = nullptr;
+
+const CHAR16* ResultName(UINTN result) {
+  static constexpr const CHAR16* kNames[] = {u"InProgress", u"Passed",       u"Cancelled",
+                                             u"Failed",     u"Skipped",      u"NotAvailable",
+                                             u"NotInstalled", u"Warning",    u"SoftwareError"};
+  return result < wc::ArrayCount(kNames) ? kNames[result] : u"Unknown";
+}
+
+// UTF-8 copy of a text into one of the manager's files.
+void WriteText(EFI_FILE_PROTOCOL* file, const CHAR16* text) {
+  if (file == nullptr || text == nullptr)
+    return;
+  CHAR8 bytes[kLineChars * 3];
+  UINTN n = 0;
+  for (; *text != 0 && n + 3 < sizeof(bytes); ++text) {
+    CHAR16 c = *text;
+    if (c < 0x80) {
+      bytes[n++] = CHAR8(c);
+    } else if (c < 0x800) {
+      bytes[n++] = CHAR8(0xC0 | (c >> 6));
+      bytes[n++] = CHAR8(0x80 | (c & 0x3F));
+    } else {
+      bytes[n++] = CHAR8(0xE0 | (c >> 12));
+      bytes[n++] = CHAR8(0x80 | ((c >> 6) & 0x3F));
+      bytes[n++] = CHAR8(0x80 | (c & 0x3F));
+    }
+  }
+  file->Write(file, &n, bytes);
+}
+
+void LogText(const CHAR16* text) { WriteText(gState->log, text); }
+
+void Show(const CHAR16* text, UINTN attribute = 0) {
+  EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL* out = gST->ConOut;
+  if (attribute != 0)
+    out->SetAttribute(out, attribute);
+  out->OutputString(out, text);
+  if (attribute != 0)
+    out->SetAttribute(out, EFI_LIGHTGRAY);
+  LogText(text);
+  WriteText(gState->out, text);
+}
+
+template <class... A> void Say(const CHAR16* format, const A&... args) {
+  CHAR16 line[kLineChars];
+  SPrint(line, sizeof(line), format, args...);
+  Show(line);
+}
+
+// Non-blocking look at the keyboard: ESC cancels, F fails; anything else is ignored.
+UINTN KeyboardInterrupt() {
+  EFI_INPUT_KEY key;
+  if (gST->ConIn == nullptr || EFI_ERROR(gST->ConIn->ReadKeyStroke(gST->ConIn, &key)))
+    return 0;
+  if (key.ScanCode == SCAN_ESC)
+    return 2;
+  if (key.UnicodeChar == u'f' || key.UnicodeChar == u'F')
+    return 3;
+  return 0;
+}
+
+EFI_INPUT_KEY WaitForKey() {
+  EFI_INPUT_KEY key = {};
+  UINTN index = 0;
+  gBS->WaitForEvent(1, &gST->ConIn->WaitForKey, &index);
+  gST->ConIn->ReadKeyStroke(gST->ConIn, &key);
+  return key;
+}
+
+// ---- Manager protocol operations ----
+
+EFI_STATUS EFIAPI ManagerProgress(UINTN Percent, UINTN SecondsRemaining, UINTN* Interrupt) {
+  constexpr UINTN kBar = 20;
+  CHAR16 bar[kBar + 1];
+  UINTN filled = (Percent > 100 ? 100 : Percent) * kBar / 100;
+  for (UINTN i = 0; i < kBar; ++i)
+    bar[i] = i < filled ? u'#' : u'.';
+  bar[kBar] = 0;
+  Say(u"PROGRESS [%s] %3d%% %d s left\r\n", bar, Percent, SecondsRemaining);
+  if (Interrupt != nullptr) {
+    UINTN value = 0;
+    if (const Answer* a = TakeAnswer(gState->script, AnswerKind::Progress))
+      value = UINTN(a->Value);
+    else if (gState->script == nullptr)
+      value = KeyboardInterrupt();
+    *Interrupt = value;
+    if (value != 0)
+      Say(u"PROGRESS interrupt=%s\r\n", ResultName(value));
+  }
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI ManagerOutput(CHAR16* Text, BOOLEAN Flag, BOOLEAN ToConsole, BOOLEAN ToError) {
+  if (Text == nullptr)
+    return EFI_INVALID_PARAMETER;
+  if (gState->verbose) {
+    Say(u"[flag=%d console=%d error=%d] ", Flag, ToConsole, ToError);
+    Show(Text, ToError ? EFI_LIGHTRED : 0);
+  } else if (ToConsole || ToError) {
+    Show(Text, ToError ? EFI_LIGHTRED : 0);
+  } else {
+    LogText(Text); // for the log only
+  }
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI ManagerPrompt(UINTN MessageId, CHAR16* MessageFile) {
+  Say(u"PROMPT message=%d file=%s\r\n", MessageId, MessageFile);
+  bool abort = false;
+  if (gState->script != nullptr) {
+    const Answer* a = TakeAnswer(gState->script, AnswerKind::Prompt);
+    abort = a != nullptr && a->Value != 0;
+    Say(u"PROMPT answer=%s%s\r\n", abort ? u"abort" : u"ok", a == nullptr ? u" (script has no answer left)" : u"");
+  } else {
+    Say(u"Press a key to continue, ESC to abort.\r\n");
+    abort = WaitForKey().ScanCode == SCAN_ESC;
+    Say(u"PROMPT answer=%s\r\n", abort ? u"abort" : u"ok");
+  }
+  return abort ? EFI_ABORTED : EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI ManagerReserved() { return EFI_UNSUPPORTED; }
+
+constinit VEX_MANAGER_PROTOCOL gManagerProtocol = {ManagerProgress, ManagerReserved, ManagerOutput, ManagerReserved,
+                                                   ManagerPrompt};
+
+// ---- Files in the manager's directory ----
+
+void PathInDir(CHAR16 (&path)[kPathChars], const CHAR16* name) {
+  if (name[0] == u'\\') {
+    StrCopy(path, sizeof(path), name);
+    return;
+  }
+  SPrint(path, sizeof(path), u"%s\\%s", gState->dir, name);
+}
+
+EFI_STATUS ReadWholeFile(const CHAR16* name, wc::PoolPtr<CHAR16>& text) {
+  CHAR16 path[kPathChars];
+  PathInDir(path, name);
+  EFI_FILE_PROTOCOL* file = nullptr;
+  EFI_STATUS status = gState->root->Open(gState->root, &file, path, EFI_FILE_MODE_READ, 0);
+  if (EFI_ERROR(status))
+    return status;
+  wc::ScopeGuard close([&] { file->Close(file); });
+  auto data = wc::PoolPtr<UINT8>::Allocate(kMaxFileBytes);
+  if (!data)
+    return EFI_OUT_OF_RESOURCES;
+  UINTN size = kMaxFileBytes;
+  status = file->Read(file, &size, data.Get());
+  if (EFI_ERROR(status))
+    return status;
+  text.Reset(DecodeText(data.Get(), size));
+  return text ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
+}
+
+// A new, empty file beside the manager (null when it cannot be made).
+EFI_FILE_PROTOCOL* CreateFresh(const CHAR16* name) {
+  CHAR16 path[kPathChars];
+  PathInDir(path, name);
+  EFI_FILE_PROTOCOL* file = nullptr;
+  constexpr UINT64 kMode = EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE | EFI_FILE_MODE_CREATE;
+  if (EFI_ERROR(gState->root->Open(gState->root, &file, path, kMode, 0)))
+    return nullptr;
+  file->Delete(file); // start afresh on every run
+  if (EFI_ERROR(gState->root->Open(gState->root, &file, path, kMode, 0)))
+    return nullptr;
+  return file;
+}
+
+// The directory of the manager's own file, from its loaded image.
+void FindOwnDirectory(EFI_LOADED_IMAGE_PROTOCOL* self) {
+  CHAR16 full[kPathChars] = {};
+  for (const EFI_DEVICE_PATH_PROTOCOL* node = self->FilePath;
+       node != nullptr && DevicePathNodeLength(node) >= 4 && !IsDevicePathEnd(node); node = NextDevicePathNode(node)) {
+    if (node->Type == MEDIA_DEVICE_PATH && node->SubType == MEDIA_FILEPATH_DP) {
+      CHAR16 piece[kPathChars];
+      UINTN chars = wc::Min<UINTN>((DevicePathNodeLength(node) - 4) / 2, kPathChars - 1);
+      CopyMem(piece, reinterpret_cast<const UINT8*>(node) + 4, chars * sizeof(CHAR16));
+      piece[chars] = 0;
+      if (full[0] != 0 && piece[0] != u'\\')
+        StrAppend(full, sizeof(full), u"\\");
+      StrAppend(full, sizeof(full), piece);
+    }
+  }
+  UINTN cut = 0;
+  for (UINTN i = 0; full[i] != 0; ++i)
+    if (full[i] == u'\\')
+      cut = i;
+  full[cut] = 0; // "" for the root directory
+  StrCopy(gState->dir, sizeof(gState->dir), full);
+}
+
+// The device path of a file beside the manager: the volume's path and a file-path node.
+EFI_DEVICE_PATH_PROTOCOL* FileDevicePath(EFI_HANDLE device, const CHAR16* name) {
+  EFI_DEVICE_PATH_PROTOCOL* volume = nullptr;
+  if (EFI_ERROR(gBS->HandleProtocol(device, &EFI_DEVICE_PATH_PROTOCOL_GUID, reinterpret_cast<void**>(&volume))))
+    return nullptr;
+  UINTN volumeSize = DevicePathSize(volume);
+  if (volumeSize < 4)
+    return nullptr;
+  CHAR16 path[kPathChars];
+  PathInDir(path, name);
+  UINTN nodeSize = 4 + StrSize(path);
+  auto* result = static_cast<UINT8*>(AllocatePool(volumeSize - 4 + nodeSize + 4));
+  if (result == nullptr)
+    return nullptr;
+  CopyMem(result, volume, volumeSize - 4);
+  UINT8* node = result + volumeSize - 4;
+  node[0] = MEDIA_DEVICE_PATH;
+  node[1] = MEDIA_FILEPATH_DP;
+  node[2] = UINT8(nodeSize);
+  node[3] = UINT8(nodeSize >> 8);
+  CopyMem(node + 4, path, StrSize(path));
+  UINT8* end = node + nodeSize;
+  end[0] = END_DEVICE_PATH_TYPE;
+  end[1] = END_ENTIRE_DEVICE_PATH_SUBTYPE;
+  end[2] = 4;
+  end[3] = 0;
+  return reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL*>(result);
+}
+
+// ---- Command line ----
+
+bool ParseArguments(EFI_HANDLE image, Settings& s) {
+  EFI_SHELL_PARAMETERS_PROTOCOL* params = nullptr;
+  if (EFI_ERROR(gBS->HandleProtocol(image, &EFI_SHELL_PARAMETERS_PROTOCOL_GUID, reinterpret_cast<void**>(&params))))
+    return true; // started outside the shell: defaults only
+  for (UINTN i = 1; i < params->Argc; ++i) {
+    const CHAR16* arg = params->Argv[i];
+    bool hasNext = i + 1 < params->Argc;
+    if (StriEq(arg, u"-m") && hasNext) {
+      s.module = params->Argv[++i];
+    } else if (StriEq(arg, u"-c") && hasNext) {
+      s.callsFile = params->Argv[++i];
+    } else if (StriEq(arg, u"-s") && hasNext) {
+      s.scriptFile = params->Argv[++i];
+    } else if (StriEq(arg, u"-old")) {
+      s.oldLayout = true;
+    } else if (StriEq(arg, u"-v")) {
+      s.verbose = true;
+    } else if (StriEq(arg, u"-h") || StriEq(arg, u"-?")) {
+      return false;
+    } else if (s.callCount < kMaxCalls) {
+      s.calls[s.callCount++] = arg;
+    }
+  }
+  return true;
+}
+
+// ---- Driving the module ----
+
+struct ModuleApi {
+  VEX_TEST_MODULE_PROTOCOL* current = nullptr;
+  VEX_TEST_MODULE_OLD_PROTOCOL* old = nullptr;
+};
+
+void RunOneCall(const ModuleApi& api, CHAR16* options) {
+  Say(u"CALL options='%s'\r\n", options);
+  UINTN runTime = 0;
+  UINTN result = 0;
+  UINTN error = 0;
+  EFI_STATUS status;
+  if (api.current != nullptr) {
+    status = api.current->GetTestRunTime(0, options, &runTime, &result, &error);
+    Say(u"RUNTIME runtime=%d result=%s error=0x%x status=%r\r\n", runTime, ResultName(result), error, status);
+  } else {
+    status = api.old->GetTestRunTime(0, options, &runTime);
+    Say(u"RUNTIME runtime=%d status=%r\r\n", runTime, status);
+  }
+  result = 0;
+  error = 0;
+  VEX_EXECUTE_TEST execute = api.current != nullptr ? api.current->ExecuteTest : api.old->ExecuteTest;
+  status = execute(0, options, &result, &error);
+  Say(u"RESULT result=%s error=0x%x status=%r\r\n", ResultName(result), error, status);
+}
+
+EFI_STATUS Run(EFI_HANDLE image) {
+  Settings settings;
+  if (!ParseArguments(image, settings)) {
+    Say(u"Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-old] [-v] [\"OPTION STRING\" ...]\r\n");
+    return EFI_INVALID_PARAMETER;
+  }
+  gState->verbose = settings.verbose;
+
+  EFI_LOADED_IMAGE_PROTOCOL* self = nullptr;
+  EFI_STATUS status = gBS->HandleProtocol(image, &EFI_LOADED_IMAGE_PROTOCOL_GUID, reinterpret_cast<void**>(&self));
+  if (EFI_ERROR(status))
+    return status;
+  EFI_SIMPLE_FILE_SYSTEM_PROTOCOL* fs = nullptr;
+  status = gBS->HandleProtocol(self->DeviceHandle, &EFI_SIMPLE_FILE_SYSTEM_PROTOCOL_GUID,
+                               reinterpret_cast<void**>(&fs));
+  if (EFI_ERROR(status) || EFI_ERROR(status = fs->OpenVolume(fs, &gState->root))) {
+    Say(u"VexRun: cannot open its own volume (%r)\r\n", status);
+    return status;
+  }
+  FindOwnDirectory(self);
+  gState->log = CreateFresh(u"VexRun.log");
+  gState->out = CreateFresh(u"VexRun.out");
+
+  wc::PoolPtr<CHAR16> callsText;
+  if (settings.callsFile != nullptr) {
+    status = ReadWholeFile(settings.callsFile, callsText);
+    if (EFI_ERROR(status)) {
+      Say(u"VexRun: cannot read %s (%r)\r\n", settings.callsFile, status);
+      return status;
+    }
+    CHAR16* cursor = callsText.Get();
+    while (CHAR16* line = NextLine(&cursor))
+      if (line[0] != u'#' && settings.callCount < kMaxCalls)
+        settings.calls[settings.callCount++] = line;
+  }
+  wc::PoolPtr<CHAR16> scriptText;
+  auto script = wc::PoolPtr<AnswerScript>::AllocateZero(sizeof(AnswerScript));
+  if (settings.scriptFile != nullptr) {
+    UINTN bad = 0;
+    status = ReadWholeFile(settings.scriptFile, scriptText);
+    if (EFI_ERROR(status) || !script || !ParseAnswerScript(scriptText.Get(), script.Get(), &bad)) {
+      Say(u"VexRun: cannot use script %s (%r, line %d)\r\n", settings.scriptFile, status, bad);
+      return EFI_INVALID_PARAMETER;
+    }
+    gState->script = script.Get();
+  }
+
+  EFI_HANDLE managerHandle = nullptr;
+  status = gBS->InstallProtocolInterface(&managerHandle, &VEX_MANAGER_PROTOCOL_GUID, EFI_NATIVE_INTERFACE,
+                                         &gManagerProtocol);
+  if (EFI_ERROR(status)) {
+    Say(u"VexRun: cannot install the manager protocol (%r)\r\n", status);
+    return status;
+  }
+  wc::ScopeGuard uninstall(
+      [&] { gBS->UninstallProtocolInterface(managerHandle, &VEX_MANAGER_PROTOCOL_GUID, &gManagerProtocol); });
+
+  wc::PoolPtr<EFI_DEVICE_PATH_PROTOCOL> modulePath(FileDevicePath(self->DeviceHandle, settings.module));
+  EFI_HANDLE module = nullptr;
+  status = gBS->LoadImage(FALSE, image, modulePath.Get(), nullptr, 0, &module);
+  if (!EFI_ERROR(status))
+    status = gBS->StartImage(module, nullptr, nullptr);
+  Say(u"LOAD module=%s status=%r\r\n", settings.module, status);
+  if (EFI_ERROR(status))
+    return status;
+
+  ModuleApi api;
+  void* iface = nullptr;
+  BOOLEAN hasCurrent = !EFI_ERROR(gBS->HandleProtocol(module, &VEX_TEST_MODULE_PROTOCOL_GUID, &iface));
+  if (hasCurrent && !settings.oldLayout)
+    api.current = static_cast<VEX_TEST_MODULE_PROTOCOL*>(iface);
+  BOOLEAN hasOld = !EFI_ERROR(gBS->HandleProtocol(module, &VEX_TEST_MODULE_OLD_PROTOCOL_GUID, &iface));
+  if (hasOld && settings.oldLayout)
+    api.old = static_cast<VEX_TEST_MODULE_OLD_PROTOCOL*>(iface);
+  Say(u"PROTOCOLS current=%s old=%s layout=%s\r\n", hasCurrent ? u"yes" : u"no", hasOld ? u"yes" : u"no",
+      settings.oldLayout ? u"old" : u"current");
+
+  if (api.current != nullptr || api.old != nullptr) {
+    CHAR16 name[64] = {};
+    VEX_GET_TEST_NAME getName = api.current != nullptr ? api.current->GetTestName : api.old->GetTestName;
+    VEX_GET_TEST_VERSION getVersion = api.current != nullptr ? api.current->GetTestVersion : api.old->GetTestVersion;
+    getName(name, sizeof(name));
+    UINTN major = 0;
+    UINTN minor = 0;
+    wc::PoolPtr<CHAR16> build;
+    getVersion(&major, &minor, build.Receive());
+    Say(u"MODULE name=%s version=%d.%d build=\"%s\"\r\n", name, major, minor, build ? build.Get() : u"");
+    for (UINTN i = 0; i < settings.callCount; ++i) {
+      // Each call gets its own writable copy: the protocol takes a non-constant string.
+      wc::PoolPtr<CHAR16> options(StrDuplicate(settings.calls[i]));
+      if (options)
+        RunOneCall(api, options.Get());
+    }
+  } else {
+    Say(u"VexRun: the module installed no usable test-module protocol\r\n");
+  }
+
+  status = gBS->UnloadImage(module);
+  void* left = nullptr;
+  bool stillThere = !EFI_ERROR(gBS->LocateProtocol(&VEX_TEST_MODULE_PROTOCOL_GUID, nullptr, &left)) ||
+                    !EFI_ERROR(gBS->LocateProtocol(&VEX_TEST_MODULE_OLD_PROTOCOL_GUID, nullptr, &left));
+  Say(u"UNLOAD status=%r protocols=%s\r\n", status, stillThere ? u"still-installed" : u"removed");
+  return EFI_SUCCESS;
+}
+
+} // namespace
+
+extern "C" EFI_STATUS EFIAPI VexRunMain(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE* SystemTable) {
+  gST = SystemTable;
+  gBS = SystemTable->BootServices;
+  gRT = SystemTable->RuntimeServices;
+  gImageHandle = ImageHandle;
+  State state;
+  gState = &state;
+  Say(u"VEXRUN BEGIN\r\n");
+  EFI_STATUS status = Run(ImageHandle);
+  Say(u"VEXRUN END status=%r\r\n", status);
+  EFI_FILE_PROTOCOL* files[] = {state.log, state.out};
+  for (EFI_FILE_PROTOCOL* file : files)
+    if (file != nullptr)
+      file->Close(file);
+  if (state.root != nullptr)
+    state.root->Close(state.root);
+  gState = nullptr;
+  return status;
+}

@@ -1,0 +1,37 @@
+// The parsed-option store of one manager call, validation against the selected test's option
+// table, number and boolean conversion, and the getters the test procedures read options with.
+#pragma once
+#include "options/Catalog.h"
+
+struct ParsedOption {
+  const CHAR16* Name;
+  OptionType Type;
+  UINT64 Value; // text pointer before validation; number, BOOLEAN or text pointer after
+  BOOLEAN IsSet;
+};
+
+constexpr UINTN kParsedOptionCapacity = 64;
+constexpr UINTN kOptionNameChars = 128;
+
+ParsedOption* AddParsedOption(const CHAR16* Name, const CHAR16* Value, BOOLEAN IsSet);
+void ClearParsedOptions();
+UINTN ParsedOptionCount();
+ParsedOption* FindParsedOption(const CHAR16* Name, UINTN Index);
+const TestInfo* FindTestInfo(const TestInfo* Table, const CHAR16* Name);
+const OptionInfo* FindOptionInfo(const OptionInfo* Table, const CHAR16* Name);
+BOOLEAN IsValueInList(const CHAR16* const* List, const CHAR16* Value);
+BOOLEAN ValidateTestOptions(const ModuleInfo* Module, const CHAR16* TestName);
+void DumpTestOptions();
+EFI_STATUS ParseBoolean(const CHAR16* Text, BOOLEAN* Value);
+UINT64 StrToInteger(const CHAR16* Text, const CHAR16** End, BOOLEAN Hex);
+// Option names compare without regard to case; a name longer than 127 characters matches nothing.
+BOOLEAN OptionNamesEqual(const CHAR16* A, const CHAR16* B);
+
+EFI_STATUS GetOptionValueAt(const CHAR16* Name, UINTN Index, UINT64* Value, BOOLEAN* IsSet);
+EFI_STATUS GetOptionBooleanAt(const CHAR16* Name, UINTN Index, BOOLEAN* Value, BOOLEAN* IsSet);
+inline EFI_STATUS GetOptionValue(const CHAR16* Name, UINT64* Value, BOOLEAN* IsSet) {
+  return GetOptionValueAt(Name, 0, Value, IsSet);
+}
+inline EFI_STATUS GetOptionBoolean(const CHAR16* Name, BOOLEAN* Value, BOOLEAN* IsSet) {
+  return GetOptionBooleanAt(Name, 0, Value, IsSet);
+}

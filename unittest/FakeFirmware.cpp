@@ -1,0 +1,247 @@
+#include "unittest/FakeFirmware.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "base/Globals.h"
+
+FakeFirmware* FakeFirmware::current = nullptr;
+FakeManager* FakeManager::current = nullptr;
+
+namespace {
+
+FakeFirmware& F() { return *FakeFirmware::current; }
+
+EFI_STATUS EFIAPI FakeAllocatePool(EFI_MEMORY_TYPE, UINTN size, void** buffer) {
+  if (F().failAllocationAfter == 0) {
+    *buffer = nullptr;
+    return EFI_OUT_OF_RESOURCES;
+  }
+  if (F().failAllocationAfter != SIZE_MAX)
+    --F().failAllocationAfter;
+  *buffer = std::malloc(size == 0 ? 1 : size);
+  std::memset(*buffer, 0xA5, size); // pool memory is not zeroed
+  F().pool[*buffer] = size;
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI FakeFreePool(void* buffer) {
+  auto it = F().pool.find(buffer);
+  if (it == F().pool.end())
+    return EFI_INVALID_PARAMETER;
+  F().pool.erase(it);
+  std::free(buffer);
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI FakeHandleProtocol(EFI_HANDLE handle, const EFI_GUID* guid, void** iface) {
+  for (auto& p : F().protocols)
+    if (p.handle == handle && p.guid == *guid) {
+      *iface = p.iface;
+      return EFI_SUCCESS;
+    }
+  return EFI_UNSUPPORTED;
+}
+
+EFI_STATUS EFIAPI FakeLocateProtocol(const EFI_GUID* guid, void*, void** iface) {
+  for (auto& p : F().protocols)
+    if (p.guid == *guid) {
+      *iface = p.iface;
+      return EFI_SUCCESS;
+    }
+  *iface = nullptr;
+  return EFI_NOT_FOUND;
+}
+
+EFI_STATUS EFIAPI FakeInstallMultiple(EFI_HANDLE* handle, ...) {
+  if (F().failInstallWith != EFI_SUCCESS)
+    return F().failInstallWith;
+  __builtin_ms_va_list ap;
+  __builtin_ms_va_start(ap, handle);
+  std::vector<FakeFirmware::Installed> adding;
+  for (;;) {
+    auto* guid = __builtin_va_arg(ap, const EFI_GUID*);
+    if (guid == nullptr)
+      break;
+    void* iface = __builtin_va_arg(ap, void*);
+    if (F().HasProtocol(*handle, *guid)) {
+      __builtin_ms_va_end(ap);
+      return EFI_ALREADY_STARTED;
+    }
+    adding.push_back({*handle, *guid, iface});
+  }
+  __builtin_ms_va_end(ap);
+  F().protocols.insert(F().protocols.end(), adding.begin(), adding.end());
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI FakeUninstallMultiple(EFI_HANDLE handle, ...) {
+  __builtin_ms_va_list ap;
+  __builtin_ms_va_start(ap, handle);
+  std::vector<std::pair<EFI_GUID, void*>> removing;
+  for (;;) {
+    auto* guid = __builtin_va_arg(ap, const EFI_GUID*);
+    if (guid == nullptr)
+      break;
+    removing.push_back({*guid, __builtin_va_arg(ap, void*)});
+  }
+  __builtin_ms_va_end(ap);
+  // All or nothing, as the firmware does.
+  for (auto& [guid, iface] : removing) {
+    bool found = false;
+    for (auto& p : F().protocols)
+      found |= p.handle == handle && p.guid == guid && p.iface == iface;
+    if (!found)
+      return EFI_INVALID_PARAMETER;
+  }
+  for (auto& [guid, iface] : removing)
+    std::erase_if(F().protocols,
+                  [&](auto& p) { return p.handle == handle && p.guid == guid && p.iface == iface; });
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI FakeGetNextVariableName(UINTN* size, CHAR16* name, EFI_GUID* guid) {
+  auto& vars = F().variables;
+  size_t next = 0;
+  if (name[0] != 0) {
+    next = vars.size();
+    for (size_t i = 0; i < vars.size(); ++i)
+      if (vars[i].name == std::u16string(name) && vars[i].guid == *guid)
+        next = i + 1;
+    if (next == vars.size() + 1 || next > vars.size())
+      return EFI_INVALID_PARAMETER;
+  }
+  if (next >= vars.size())
+    return EFI_NOT_FOUND;
+  size_t need = (vars[next].name.size() + 1) * 2;
+  if (*size < need) {
+    *size = need;
+    return EFI_BUFFER_TOO_SMALL;
+  }
+  std::memcpy(name, vars[next].name.c_str(), need);
+  *guid = vars[next].guid;
+  *size = need;
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI FakeGetVariable(const CHAR16* name, const EFI_GUID* guid, UINT32*, UINTN* size, void* data) {
+  for (auto& v : F().variables)
+    if (v.name == std::u16string(name) && v.guid == *guid) {
+      if (*size < v.data.size()) {
+        *size = v.data.size();
+        return EFI_BUFFER_TOO_SMALL;
+      }
+      std::memcpy(data, v.data.data(), v.data.size());
+      *size = v.data.size();
+      return EFI_SUCCESS;
+    }
+  return EFI_NOT_FOUND;
+}
+
+std::u16string& TextOf(EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL* out) {
+  return out == &F().stdErr ? F().stdErrText : F().conOutText;
+}
+
+EFI_STATUS EFIAPI FakeOutputString(EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL* self, const CHAR16* s) {
+  TextOf(self) += s;
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI FakeSetAttribute(EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL* self, UINTN attr) {
+  TextOf(self) += u"{" + Widen(std::to_string(attr)) + u"}";
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI ManagerOutput(CHAR16* text, BOOLEAN flag, BOOLEAN toConsole, BOOLEAN toError) {
+  FakeManager::current->lines.push_back({text, flag != 0, toConsole != 0, toError != 0});
+  return EFI_SUCCESS;
+}
+EFI_STATUS EFIAPI ManagerProgress(UINTN, UINTN, UINTN*) { return EFI_SUCCESS; }
+EFI_STATUS EFIAPI ManagerPrompt(UINTN, CHAR16*) { return EFI_SUCCESS; }
+EFI_STATUS EFIAPI ManagerReserved() { return EFI_UNSUPPORTED; }
+
+} // namespace
+
+FakeFirmware::FakeFirmware() {
+  current = this;
+  bs.AllocatePool = FakeAllocatePool;
+  bs.FreePool = FakeFreePool;
+  bs.HandleProtocol = FakeHandleProtocol;
+  bs.LocateProtocol = FakeLocateProtocol;
+  bs.InstallMultipleProtocolInterfaces = FakeInstallMultiple;
+  bs.UninstallMultipleProtocolInterfaces = FakeUninstallMultiple;
+  rt.GetNextVariableName = FakeGetNextVariableName;
+  rt.GetVariable = FakeGetVariable;
+  conOut.OutputString = FakeOutputString;
+  conOut.SetAttribute = FakeSetAttribute;
+  stdErr.OutputString = FakeOutputString;
+  stdErr.SetAttribute = FakeSetAttribute;
+  st.BootServices = &bs;
+  st.RuntimeServices = &rt;
+  st.ConOut = &conOut;
+  st.StdErr = &stdErr;
+  gST = &st;
+  gBS = &bs;
+  gRT = &rt;
+}
+
+FakeFirmware::~FakeFirmware() {
+  for (auto& [p, size] : pool)
+    std::free(p);
+  gST = nullptr;
+  gBS = nullptr;
+  gRT = nullptr;
+  current = nullptr;
+}
+
+bool FakeFirmware::HasProtocol(EFI_HANDLE handle, const EFI_GUID& guid) const {
+  for (auto& p : protocols)
+    if (p.handle == handle && p.guid == guid)
+      return true;
+  return false;
+}
+
+void FakeFirmware::SetVariable(const std::u16string& name, const EFI_GUID& guid, const std::u16string& text) {
+  std::vector<uint8_t> data((text.size() + 1) * 2);
+  std::memcpy(data.data(), text.c_str(), data.size());
+  SetVariableBytes(name, guid, std::move(data));
+}
+
+void FakeFirmware::SetVariableBytes(const std::u16string& name, const EFI_GUID& guid, std::vector<uint8_t> data) {
+  variables.push_back({name, guid, std::move(data)});
+}
+
+FakeManager::FakeManager() {
+  current = this;
+  protocol = {ManagerProgress, ManagerReserved, ManagerOutput, ManagerReserved, ManagerPrompt};
+}
+FakeManager::~FakeManager() { current = nullptr; }
+
+std::u16string FakeManager::AllText() const {
+  std::u16string all;
+  for (auto& l : lines)
+    all += l.text;
+  return all;
+}
+
+std::u16string FakeManager::ConsoleText() const {
+  std::u16string all;
+  for (auto& l : lines)
+    if (l.toConsole || l.toError)
+      all += l.text;
+  return all;
+}
+
+std::string Narrow(const std::u16string& s) {
+  std::string out;
+  for (char16_t c : s)
+    out += c < 0x80 ? char(c) : '?';
+  return out;
+}
+
+std::u16string Widen(const std::string& s) {
+  std::u16string out;
+  for (unsigned char c : s)
+    out += char16_t(c);
+  return out;
+}

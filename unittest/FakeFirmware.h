@@ -1,0 +1,68 @@
+// A small in-process stand-in for the firmware: pool memory with leak accounting, a protocol
+// database, variables, and consoles that record what was written. Tests install it into the
+// module's gST/gBS/gRT.
+#pragma once
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "uefi/Uefi.h"
+
+struct FakeFirmware {
+  FakeFirmware();
+  ~FakeFirmware();
+
+  EFI_SYSTEM_TABLE st{};
+  EFI_BOOT_SERVICES bs{};
+  EFI_RUNTIME_SERVICES rt{};
+  EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL conOut{};
+  EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL stdErr{};
+
+  // What each console received, attributes included as "{attr}" markers.
+  std::u16string conOutText;
+  std::u16string stdErrText;
+
+  std::map<void*, size_t> pool; // live allocations
+  size_t failAllocationAfter = SIZE_MAX; // make the n-th further allocation fail
+
+  struct Installed {
+    EFI_HANDLE handle;
+    EFI_GUID guid;
+    void* iface;
+  };
+  std::vector<Installed> protocols;
+  EFI_STATUS failInstallWith = EFI_SUCCESS;
+
+  struct Variable {
+    std::u16string name;
+    EFI_GUID guid;
+    std::vector<uint8_t> data;
+  };
+  std::vector<Variable> variables;
+
+  void AddProtocol(EFI_HANDLE handle, const EFI_GUID& guid, void* iface) { protocols.push_back({handle, guid, iface}); }
+  bool HasProtocol(EFI_HANDLE handle, const EFI_GUID& guid) const;
+  void SetVariable(const std::u16string& name, const EFI_GUID& guid, const std::u16string& text);
+  void SetVariableBytes(const std::u16string& name, const EFI_GUID& guid, std::vector<uint8_t> data);
+
+  static FakeFirmware* current;
+};
+
+// A manager protocol that records what the module hands it.
+struct FakeManager {
+  FakeManager();
+  ~FakeManager();
+  VEX_MANAGER_PROTOCOL protocol{};
+  struct Line {
+    std::u16string text;
+    bool flag, toConsole, toError;
+  };
+  std::vector<Line> lines;
+  std::u16string AllText() const;
+  std::u16string ConsoleText() const; // lines marked for the console or as errors
+  static FakeManager* current;
+};
+
+std::string Narrow(const std::u16string& s);
+std::u16string Widen(const std::string& s);

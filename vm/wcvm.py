@@ -1,0 +1,383 @@
+#!/usr/bin/env python3
+"""Boots OVMF under QEMU with a FAT disk holding Wirecheck.efi and the VexRun manager, runs the
+manager from the UEFI shell and reads its results back.
+
+Networking is QEMU user networking with restrict=on (or an isolated hub): the guest can reach
+nothing outside the virtual network.
+"""
+import argparse
+import os
+import re
+import select
+import shutil
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+from dataclasses import dataclass, field
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+EFI_DIR = os.path.join(ROOT, "build", "efi")
+LAST_DIR = os.path.join(ROOT, "build", "vm", "last")
+OVMF_CODE = "/usr/share/OVMF/OVMF_CODE_4M.fd"
+OVMF_VARS = "/usr/share/OVMF/OVMF_VARS_4M.fd"
+# Vendor GUID under which --var NAME sets a variable when no GUID is given (the module's own).
+DEFAULT_VAR_GUID = "59D1C24F-50F1-401A-B101-F33E0DAED443"
+NIC_MODELS = {"virtio": "virtio-net-pci", "e1000": "e1000", "rtl8139": "rtl8139"}
+ESCAPE = re.compile(r"\x1b\[[0-9;=?]*[A-Za-z]")
+RESULT_LINE = re.compile(r"^RESULT result=(\w+) error=0x([0-9A-Fa-f]+) status=(.*)$")
+MANAGER_LINES = ("CALL ", "RUNTIME ", "LOAD ", "PROTOCOLS ", "MODULE ", "UNLOAD ", "VEXRUN ")
+
+
+class HarnessError(Exception):
+    """The VM or the harness failed; the module's result is unknown."""
+
+
+@dataclass
+class Nic:
+    model: str = "virtio"
+    link: bool = True
+    network: bool = True
+    mac: str = ""
+    policy: str = "dhcp"
+
+    @staticmethod
+    def parse(text):
+        model, _, opts = text.partition(":")
+        if model not in NIC_MODELS:
+            raise ValueError(f"unknown NIC model '{model}' (one of {', '.join(NIC_MODELS)})")
+        nic = Nic(model=model)
+        for opt in filter(None, opts.split(",")):
+            key, _, value = opt.partition("=")
+            if key == "link" and value in ("on", "off"):
+                nic.link = value == "on"
+            elif key == "net" and value in ("none", "user"):
+                nic.network = value == "user"
+            elif key == "mac" and re.fullmatch(r"([0-9A-Fa-f]{2}:){5}[0-9A-Fa-f]{2}", value):
+                nic.mac = value.lower()
+            elif key == "policy" and value in ("dhcp", "static"):
+                nic.policy = value
+            else:
+                raise ValueError(f"bad NIC option '{opt}' (link=off, net=none, mac=XX:..:XX, policy=dhcp|static)")
+        return nic
+
+
+@dataclass
+class VmConfig:
+    calls: list = field(default_factory=list)  # option strings, one manager call each
+    nics: list = field(default_factory=list)
+    smbios: list = field(default_factory=list)
+    variables: list = field(default_factory=list)  # (name, guid, text)
+    files: list = field(default_factory=list)  # (local path, image path)
+    script: str = ""  # answers for prompts, progress and menus
+    verbose: bool = False  # manager shows the output flags of every line
+    old_layout: bool = False
+    timeout: int = 240
+    shell_before: list = field(default_factory=list)  # extra shell lines before the manager
+
+
+@dataclass
+class VmRun:
+    serial: str
+    output: str  # what the manager showed on its console
+    log: str  # everything the manager received, console or not
+    results: list  # (result, error code, status) per call
+    files_dir: str
+    elapsed: float
+
+    def lines(self, prefix):
+        return [l for l in self.output.splitlines() if l.startswith(prefix)]
+
+
+def parse_var(text):
+    name, _, value = text.partition("=")
+    name, _, guid = name.partition("@")
+    if not name or not re.fullmatch(r"[A-Za-z0-9_]+", name):
+        raise ValueError(f"bad variable name in '{text}'")
+    guid = guid or DEFAULT_VAR_GUID
+    if not re.fullmatch(r"[0-9A-Fa-f]{8}-([0-9A-Fa-f]{4}-){3}[0-9A-Fa-f]{12}", guid):
+        raise ValueError(f"bad GUID in '{text}'")
+    if '"' in value or "\n" in value:
+        raise ValueError("a variable's text cannot hold a double quote or a line break")
+    return name, guid, value
+
+
+def _check_tools():
+    for tool in ("qemu-system-x86_64", "mformat", "mcopy"):
+        if shutil.which(tool) is None:
+            raise HarnessError(f"{tool} is missing (./wirecheck installs it)")
+    for path in (OVMF_CODE, OVMF_VARS):
+        if not os.path.exists(path):
+            raise HarnessError(f"{path} is missing (package ovmf)")
+    for image in ("Wirecheck.efi", "VexRun.efi"):
+        if not os.path.exists(os.path.join(EFI_DIR, image)):
+            raise HarnessError(f"{image} is not built (./wirecheck build)")
+
+
+def _startup_script(cfg):
+    lines = ["@echo -off", "connect -r"]
+    for index, nic in enumerate(cfg.nics):
+        if nic.policy == "dhcp":
+            lines.append(f"ifconfig -s eth{index} dhcp")
+    for name, guid, value in cfg.variables:
+        lines.append(f'setvar {name} -guid {guid} -bs -rt -nv =L"{value}"')
+    lines += cfg.shell_before
+    lines.append("fs0:")
+    args = "-c calls.txt"
+    if cfg.script:
+        args += " -s script.txt"
+    if cfg.verbose:
+        args += " -v"
+    if cfg.old_layout:
+        args += " -old"
+    lines.append(f"VexRun.efi {args}")
+    lines.append("reset -s")
+    return "\r\n".join(lines) + "\r\n"
+
+
+def _build_disk(cfg, work):
+    content = os.path.join(work, "content")
+    os.makedirs(content)
+    for image in ("Wirecheck.efi", "VexRun.efi"):
+        shutil.copy(os.path.join(EFI_DIR, image), content)
+    for extra in ("Wirecheck.msg.xml",):
+        path = os.path.join(ROOT, "support", extra)
+        if os.path.exists(path):
+            shutil.copy(path, content)
+    with open(os.path.join(content, "startup.nsh"), "w", newline="") as f:
+        f.write(_startup_script(cfg))
+    with open(os.path.join(content, "calls.txt"), "w", newline="") as f:
+        f.write("".join(c + "\n" for c in cfg.calls))
+    if cfg.script:
+        with open(os.path.join(content, "script.txt"), "w", newline="") as f:
+            f.write(cfg.script)
+    disk = os.path.join(work, "disk.img")
+    with open(disk, "wb") as f:
+        f.truncate(32 * 1024 * 1024)
+    subprocess.run(["mformat", "-i", disk, "::"], check=True, capture_output=True)
+    subprocess.run(["mcopy", "-s", "-i", disk] + [os.path.join(content, n) for n in sorted(os.listdir(content))]
+                   + ["::"], check=True, capture_output=True)
+    for local, target in cfg.files:
+        target = target.replace("\\", "/").lstrip("/")
+        parts = target.split("/")[:-1]
+        for depth in range(1, len(parts) + 1):
+            subprocess.run(["mmd", "-i", disk, "::/" + "/".join(parts[:depth])], capture_output=True)
+        subprocess.run(["mcopy", "-o", "-i", disk, local, "::/" + target], check=True, capture_output=True)
+    return disk
+
+
+def _qemu_command(cfg, disk, vars_copy, qmp_path):
+    cmd = ["qemu-system-x86_64", "-machine", "q35", "-accel", "tcg", "-m", "512", "-smp", "1",
+           "-nodefaults", "-no-reboot", "-display", "none", "-serial", "stdio", "-monitor", "none",
+           "-drive", f"if=pflash,format=raw,unit=0,readonly=on,file={OVMF_CODE}",
+           "-drive", f"if=pflash,format=raw,unit=1,file={vars_copy}",
+           "-drive", f"if=none,id=d0,format=raw,file={disk}",
+           "-device", "virtio-blk-pci,drive=d0,bootindex=0"]
+    for index, nic in enumerate(cfg.nics):
+        netdev = f"n{index}"
+        if nic.network:
+            cmd += ["-netdev", f"user,id={netdev},restrict=on"]
+        else:
+            # A hub of its own with nothing else on it: link up, no DHCP server, no way out.
+            cmd += ["-netdev", f"hubport,id={netdev},hubid={10 + index}"]
+        device = f"{NIC_MODELS[nic.model]},netdev={netdev}"
+        if nic.model == "virtio":
+            device += ",romfile="
+        if nic.mac:
+            device += f",mac={nic.mac}"
+        cmd += ["-device", device]
+    for entry in cfg.smbios:
+        cmd += ["-smbios", "type=" + entry]
+    if qmp_path:
+        cmd += ["-S", "-qmp", f"unix:{qmp_path},server=on,wait=off"]
+    return cmd
+
+
+def _qmp_links_down(qmp_path, nics, deadline):
+    """Unplugs the cables of the NICs started with link=off, then lets the VM run."""
+    while not os.path.exists(qmp_path):
+        if time.time() > deadline:
+            raise HarnessError("QEMU did not open its QMP socket")
+        time.sleep(0.05)
+    with socket.socket(socket.AF_UNIX) as s:
+        s.connect(qmp_path)
+        f = s.makefile("rw")
+        f.readline()  # greeting
+
+        def execute(command, arguments=None):
+            import json
+            msg = {"execute": command}
+            if arguments:
+                msg["arguments"] = arguments
+            f.write(json.dumps(msg) + "\n")
+            f.flush()
+            while True:
+                reply = json.loads(f.readline())
+                if "return" in reply:
+                    return
+                if "error" in reply:
+                    raise HarnessError(f"QMP {command}: {reply['error']}")
+
+        execute("qmp_capabilities")
+        for index, nic in enumerate(nics):
+            if not nic.link:
+                execute("set_link", {"name": f"n{index}", "up": False})
+        execute("cont")
+
+
+def clean_serial(raw):
+    text = raw.decode("utf-8", "replace")
+    return ESCAPE.sub("", text).replace("\r", "")
+
+
+def run_vm(cfg):
+    """Boots the VM once, runs every call of cfg, and returns what came back."""
+    _check_tools()
+    if not cfg.nics:
+        cfg.nics = [Nic()]
+    start = time.time()
+    work = tempfile.mkdtemp(prefix="wirecheck-vm-")
+    try:
+        disk = _build_disk(cfg, work)
+        vars_copy = os.path.join(work, "vars.fd")
+        shutil.copy(OVMF_VARS, vars_copy)
+        qmp_path = os.path.join(work, "qmp.sock") if any(not n.link for n in cfg.nics) else ""
+        proc = subprocess.Popen(_qemu_command(cfg, disk, vars_copy, qmp_path), stdin=subprocess.PIPE,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        deadline = start + cfg.timeout
+        raw = bytearray()
+        skipped = False
+        timed_out = False
+        try:
+            if qmp_path:
+                _qmp_links_down(qmp_path, cfg.nics, deadline)
+            while proc.poll() is None:
+                if time.time() > deadline:
+                    timed_out = True
+                    break
+                ready, _, _ = select.select([proc.stdout], [], [], 0.2)
+                if ready:
+                    chunk = os.read(proc.stdout.fileno(), 65536)
+                    if not chunk:
+                        # The serial side closed: QEMU is on its way out after "reset -s".
+                        try:
+                            proc.wait(timeout=max(1, min(15, deadline - time.time())))
+                        except subprocess.TimeoutExpired:
+                            timed_out = True
+                        break
+                    raw += chunk
+                    # The shell counts down before startup.nsh; any key but ESC skips the wait.
+                    if not skipped and b"seconds to skip" in raw:
+                        proc.stdin.write(b" ")
+                        proc.stdin.flush()
+                        skipped = True
+        finally:
+            if proc.poll() is None:
+                proc.kill()
+            rest, err = proc.communicate()
+            raw += rest or b""
+        serial = clean_serial(bytes(raw))
+
+        if os.path.isdir(LAST_DIR):
+            shutil.rmtree(LAST_DIR)
+        os.makedirs(LAST_DIR)
+        with open(os.path.join(LAST_DIR, "serial.log"), "w") as f:
+            f.write(serial)
+        subprocess.run(["mcopy", "-s", "-n", "-i", disk, "::/", LAST_DIR + "/"], capture_output=True)
+
+        if timed_out:
+            raise HarnessError(f"the VM did not finish within {cfg.timeout} s (serial log in {LAST_DIR})")
+        if proc.returncode != 0:
+            raise HarnessError(f"QEMU failed ({proc.returncode}): {err.decode(errors='replace').strip()}")
+        output = _read_text(os.path.join(LAST_DIR, "VexRun.out"))
+        log = _read_text(os.path.join(LAST_DIR, "VexRun.log"))
+        if output is None:
+            # The manager did not get to write its files: take its console from the serial log.
+            m = re.search(r"VEXRUN BEGIN\n(.*?)(VEXRUN END[^\n]*\n|\Z)", serial, re.S)
+            output = (m.group(0) if m else "")
+        results = []
+        for line in output.splitlines():
+            m = RESULT_LINE.match(line)
+            if m:
+                results.append((m.group(1), int(m.group(2), 16), m.group(3).strip()))
+        if "VEXRUN END" not in output:
+            raise HarnessError(f"the manager did not finish (serial log in {LAST_DIR})")
+        return VmRun(serial=serial, output=output, log=log or "", results=results, files_dir=LAST_DIR,
+                     elapsed=time.time() - start)
+    finally:
+        shutil.rmtree(work, ignore_errors=True)
+
+
+def _read_text(path):
+    if not os.path.exists(path):
+        return None
+    with open(path, "rb") as f:
+        return f.read().decode("utf-8", "replace").replace("\r", "")
+
+
+def main(argv):
+    parser = argparse.ArgumentParser(
+        prog="wirecheck run",
+        description="Boot OVMF, run Wirecheck through the VexRun manager with one option string, "
+                    "print the module's output and its RESULT line.")
+    parser.add_argument("--nic", action="append", default=[], metavar="MODEL[:OPT,...]",
+                        help="NIC model virtio|e1000|rtl8139 with options link=off, net=none, "
+                             "mac=XX:XX:XX:XX:XX:XX, policy=dhcp|static (repeatable; default one virtio)")
+    parser.add_argument("--smbios", action="append", default=[], metavar="TYPE,FIELD=VALUE")
+    parser.add_argument("--var", action="append", default=[], metavar="NAME[@GUID]=TEXT")
+    parser.add_argument("--file", action="append", default=[], metavar="LOCAL=PATH")
+    parser.add_argument("--script", metavar="FILE", help="answers for prompts, progress and menus")
+    parser.add_argument("--verbose", action="store_true", help="show the manager's own lines and output flags")
+    parser.add_argument("--old-layout", action="store_true", help="drive the module's old protocol layout")
+    parser.add_argument("--timeout", type=int, default=240)
+    parser.add_argument("options", nargs=argparse.REMAINDER, help="the module's option string")
+    # Module options begin with a single "-": everything from the first word that is not one of
+    # the VM options above belongs to the option string.
+    vm_args, rest = [], list(argv)
+    takes_value = {"--nic", "--smbios", "--var", "--file", "--script", "--timeout"}
+    while rest and rest[0].startswith("--") and rest[0] != "--":
+        word = rest.pop(0)
+        vm_args.append(word)
+        if word in takes_value and rest:
+            vm_args.append(rest.pop(0))
+    if rest and rest[0] == "--":
+        rest.pop(0)
+    args = parser.parse_args(vm_args)
+    try:
+        cfg = VmConfig(calls=[" ".join(rest)], verbose=args.verbose, old_layout=args.old_layout,
+                       timeout=args.timeout)
+        cfg.nics = [Nic.parse(n) for n in args.nic]
+        cfg.smbios = args.smbios
+        cfg.variables = [parse_var(v) for v in args.var]
+        for spec in args.file:
+            local, sep, target = spec.partition("=")
+            if not sep or not os.path.isfile(local):
+                raise ValueError(f"--file wants LOCAL=PATH with an existing local file, got '{spec}'")
+            cfg.files.append((local, target))
+        if args.script:
+            with open(args.script) as f:
+                cfg.script = f.read()
+    except (ValueError, OSError) as e:
+        print(f"wirecheck run: {e}", file=sys.stderr)
+        return 2
+    try:
+        run = run_vm(cfg)
+    except HarnessError as e:
+        print(f"wirecheck run: {e}", file=sys.stderr)
+        return 2
+    result_line = None
+    for line in run.output.splitlines():
+        if RESULT_LINE.match(line):
+            result_line = line
+        elif args.verbose or not line.startswith(MANAGER_LINES):
+            print(line)
+    if result_line is None:
+        print("wirecheck run: the manager printed no RESULT line", file=sys.stderr)
+        return 2
+    print(result_line)
+    return 0 if run.results and run.results[-1][0] == "Passed" else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
