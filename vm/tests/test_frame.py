@@ -1,0 +1,79 @@
+"""The module in real firmware: loading, both protocol layouts, run times, dispatch and unload."""
+import os
+import struct
+import unittest
+
+from vmtest import boot, call_blocks, wcvm
+
+
+def pe_header(path):
+    with open(path, "rb") as f:
+        data = f.read(4096)
+    offset = struct.unpack_from("<I", data, 0x3C)[0]
+    assert data[offset:offset + 4] == b"PE\0\0"
+    machine = struct.unpack_from("<H", data, offset + 4)[0]
+    magic, = struct.unpack_from("<H", data, offset + 24)
+    subsystem, = struct.unpack_from("<H", data, offset + 24 + 68)
+    return machine, magic, subsystem
+
+
+class Images(unittest.TestCase):
+    def test_images_are_pe32plus_x64_with_their_subsystems(self):
+        for name, subsystem in (("Wirecheck.efi", 11), ("VexRun.efi", 10)):
+            machine, magic, sub = pe_header(os.path.join(wcvm.EFI_DIR, name))
+            self.assertEqual(machine, 0x8664, name)
+            self.assertEqual(magic, 0x20B, name)  # PE32+
+            self.assertEqual(sub, subsystem, name)
+
+
+class CurrentLayout(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.run_ = boot(["-test=interactivenetworktest", "-test=pingtest", "-version", "-test=nosuch",
+                         "-test=pingtest -retries=9", ""])
+        cls.blocks = dict(call_blocks(cls.run_))
+
+    def test_module_loads_and_names_itself(self):
+        out = self.run_.output
+        self.assertIn("LOAD module=Wirecheck.efi status=Success", out)
+        self.assertIn("PROTOCOLS current=yes old=yes layout=current", out)
+        self.assertIn('MODULE name=Wirecheck version=1.1 build=""', out)
+
+    def test_run_times(self):
+        self.assertIn("RUNTIME runtime=60 result=Passed error=0x0 status=Success",
+                      self.blocks["-test=interactivenetworktest"])
+        self.assertIn("RUNTIME runtime=10 result=Passed error=0x0 status=Success", self.blocks["-test=pingtest"])
+        self.assertIn("RUNTIME runtime=0 result=Passed error=0x0 status=Success", self.blocks["-version"])
+
+    def test_every_execute_call_reports_one_result(self):
+        self.assertEqual(len(self.run_.results), 6)
+        for options, lines in self.blocks.items():
+            self.assertEqual(sum(l.startswith("RESULT ") for l in lines), 1, options)
+
+    def test_answered_and_refused_strings(self):
+        self.assertIn("Wirecheck Version 1.01 built Jan  3 2024 16:39:14", self.blocks["-version"])
+        self.assertIn("RESULT result=Passed error=0x0 status=Success", self.blocks["-version"])
+        self.assertIn("RESULT result=Failed error=0x80000002 status=Success", self.blocks["-test=nosuch"])
+        refused = self.blocks["-test=pingtest -retries=9"]
+        self.assertIn("RESULT result=Failed error=0x80000002 status=Success", refused)
+        # The console switch is off after -version: the error reaches the manager's log only.
+        self.assertIn("Option -retries argument should be below maximum value of 5", self.run_.log)
+
+    def test_unload_removes_the_protocols(self):
+        self.assertIn("UNLOAD status=Success protocols=removed", self.run_.output)
+        self.assertIn("Starting Wirecheck.vex version 1.01 built Jan  3 2024 16:39:14", self.run_.log)
+
+
+class OldLayout(unittest.TestCase):
+    def test_old_layout_gives_the_same_answers(self):
+        run = boot(["-test=interactivenetworktest", "-test=detectcable -bogus"], old_layout=True)
+        blocks = dict(call_blocks(run))
+        self.assertIn("PROTOCOLS current=yes old=yes layout=old", run.output)
+        self.assertIn("RUNTIME runtime=60 status=Success", blocks["-test=interactivenetworktest"])
+        self.assertIn("RESULT result=Failed error=0x80000002 status=Success", blocks["-test=detectcable -bogus"])
+        self.assertIn("VexGetTestRunTime() returns result 3 with error code 0x80000002", run.log)
+        self.assertIn("UNLOAD status=Success protocols=removed", run.output)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,23 @@
+"""Shared helpers for the VM tests: one boot per scenario group, results parsed once."""
+import os
+import sys
+
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+
+import wcvm  # noqa: E402
+
+
+def boot(calls, **settings):
+    cfg = wcvm.VmConfig(calls=list(calls), **settings)
+    return wcvm.run_vm(cfg)
+
+
+def call_blocks(run):
+    """Splits the manager's output into one block per call: (options, lines)."""
+    blocks = []
+    for line in run.output.splitlines():
+        if line.startswith("CALL options='"):
+            blocks.append((line[len("CALL options='"):-1], []))
+        elif blocks:
+            blocks[-1][1].append(line)
+    return blocks
