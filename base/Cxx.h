@@ -5,22 +5,18 @@
 #include <stddef.h>
 
 #ifdef WIRECHECK_FIRMWARE
-inline void* operator new(size_t, void* where) noexcept { return where; }
+inline void* operator new(size_t, void* where) noexcept {
+  return where;
+}
 #else
 #include <new>
 #endif
 
 namespace wc {
 
-template <class T> struct RemoveReference {
-  using Type = T;
-};
-template <class T> struct RemoveReference<T&> {
-  using Type = T;
-};
-template <class T> struct RemoveReference<T&&> {
-  using Type = T;
-};
+template <class T> struct RemoveReference { using Type = T; };
+template <class T> struct RemoveReference<T&> { using Type = T; };
+template <class T> struct RemoveReference<T&&> { using Type = T; };
 
 template <class T> constexpr typename RemoveReference<T>::Type&& Move(T&& v) noexcept {
   return static_cast<typename RemoveReference<T>::Type&&>(v);
@@ -37,10 +33,16 @@ template <class T> constexpr T Exchange(T& slot, T value) {
   return old;
 }
 
-template <class T, size_t N> constexpr size_t ArrayCount(const T (&)[N]) { return N; }
+template <class T, size_t N> constexpr size_t ArrayCount(const T (&)[N]) {
+  return N;
+}
 
-template <class T> constexpr T Min(T a, T b) { return a < b ? a : b; }
-template <class T> constexpr T Max(T a, T b) { return a < b ? b : a; }
+template <class T> constexpr T Min(T a, T b) {
+  return a < b ? a : b;
+}
+template <class T> constexpr T Max(T a, T b) {
+  return a < b ? b : a;
+}
 
 // Runs a callable when the scope ends, unless dismissed.
 template <class F> class ScopeGuard {

@@ -21,10 +21,16 @@ private:
   UINTN used_ = 0;
 };
 
-UINT16 Read16(const UINT8* p) { return UINT16(p[0] | (p[1] << 8)); }
-UINT32 Read32(const UINT8* p) { return UINT32(p[0]) | (UINT32(p[1]) << 8) | (UINT32(p[2]) << 16) | (UINT32(p[3]) << 24); }
+UINT16 Read16(const UINT8* p) {
+  return UINT16(p[0] | (p[1] << 8));
+}
+UINT32 Read32(const UINT8* p) {
+  return UINT32(p[0]) | (UINT32(p[1]) << 8) | (UINT32(p[2]) << 16) | (UINT32(p[3]) << 24);
+}
 
-void AddIPv4(TextBuilder& t, const UINT8* a) { t.Add(u"%d.%d.%d.%d", a[0], a[1], a[2], a[3]); }
+void AddIPv4(TextBuilder& t, const UINT8* a) {
+  t.Add(u"%d.%d.%d.%d", a[0], a[1], a[2], a[3]);
+}
 
 void AddIPv6(TextBuilder& t, const UINT8* a) {
   for (int i = 0; i < 16; i += 2)
@@ -114,7 +120,9 @@ void AddNode(TextBuilder& t, const EFI_DEVICE_PATH_PROTOCOL* node, BOOLEAN displ
         t.Add(u",");
         AddProtocol(t, Read16(d + 36));
         UINT8 origin = dataLen >= 39 ? d[38] : 0;
-        t.Add(origin == 0 ? u",Static," : origin == 1 ? u",StatelessAutoConfigure," : u",StatefulAutoConfigure,");
+        t.Add(origin == 0   ? u",Static,"
+              : origin == 1 ? u",StatelessAutoConfigure,"
+                            : u",StatefulAutoConfigure,");
         AddIPv6(t, d);
       }
       t.Add(u")");

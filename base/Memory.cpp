@@ -49,7 +49,9 @@ void SetMem(void* Buffer, UINTN Size, UINT8 Value) {
     d[i] = Value;
 }
 
-void ZeroMem(void* Buffer, UINTN Size) { SetMem(Buffer, Size, 0); }
+void ZeroMem(void* Buffer, UINTN Size) {
+  SetMem(Buffer, Size, 0);
+}
 
 INTN CompareMem(const void* A, const void* B, UINTN Length) {
   const auto* a = static_cast<const UINT8*>(A);
@@ -75,6 +77,8 @@ void* memmove(void* dest, const void* src, size_t count) {
   CopyMem(dest, src, count);
   return dest;
 }
-int memcmp(const void* a, const void* b, size_t count) { return int(CompareMem(a, b, count)); }
+int memcmp(const void* a, const void* b, size_t count) {
+  return int(CompareMem(a, b, count));
+}
 }
 #endif

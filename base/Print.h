@@ -36,8 +36,7 @@ struct PrintArg {
   constexpr PrintArg(long v) : kind(Kind::Signed), number(UINT64(INT64(v))) {}
   constexpr PrintArg(long long v) : kind(Kind::Signed), number(UINT64(INT64(v))) {}
   template <class E>
-    requires __is_enum(E)
-  constexpr PrintArg(E v) : kind(Kind::Number), number(UINT64(v)) {}
+  requires __is_enum(E) constexpr PrintArg(E v) : kind(Kind::Number), number(UINT64(v)) {}
 };
 
 // Formats into Buffer, whose size is given in bytes; stops one character before the end and

@@ -9,7 +9,9 @@ UINTN StrLen(const CHAR16* s) {
   return n;
 }
 
-UINTN StrSize(const CHAR16* s) { return (StrLen(s) + 1) * sizeof(CHAR16); }
+UINTN StrSize(const CHAR16* s) {
+  return (StrLen(s) + 1) * sizeof(CHAR16);
+}
 
 UINTN StrnLen(const CHAR16* s, UINTN max) {
   UINTN n = 0;
@@ -35,10 +37,18 @@ template <bool Fold> static INTN Compare(const CHAR16* a, const CHAR16* b, UINTN
   return 0;
 }
 
-INTN StrCmp(const CHAR16* a, const CHAR16* b) { return Compare<false>(a, b, ~UINTN(0)); }
-INTN StrnCmp(const CHAR16* a, const CHAR16* b, UINTN n) { return Compare<false>(a, b, n); }
-INTN StriCmp(const CHAR16* a, const CHAR16* b) { return Compare<true>(a, b, ~UINTN(0)); }
-INTN StrniCmp(const CHAR16* a, const CHAR16* b, UINTN n) { return Compare<true>(a, b, n); }
+INTN StrCmp(const CHAR16* a, const CHAR16* b) {
+  return Compare<false>(a, b, ~UINTN(0));
+}
+INTN StrnCmp(const CHAR16* a, const CHAR16* b, UINTN n) {
+  return Compare<false>(a, b, n);
+}
+INTN StriCmp(const CHAR16* a, const CHAR16* b) {
+  return Compare<true>(a, b, ~UINTN(0));
+}
+INTN StrniCmp(const CHAR16* a, const CHAR16* b, UINTN n) {
+  return Compare<true>(a, b, n);
+}
 
 void StrLwrAscii(CHAR16* s) {
   for (; s != nullptr && *s != 0; ++s)

@@ -10,11 +10,19 @@ INTN StrCmp(const CHAR16* a, const CHAR16* b);
 INTN StrnCmp(const CHAR16* a, const CHAR16* b, UINTN n);
 INTN StriCmp(const CHAR16* a, const CHAR16* b);
 INTN StrniCmp(const CHAR16* a, const CHAR16* b, UINTN n);
-inline bool StrEq(const CHAR16* a, const CHAR16* b) { return StrCmp(a, b) == 0; }
-inline bool StriEq(const CHAR16* a, const CHAR16* b) { return StriCmp(a, b) == 0; }
+inline bool StrEq(const CHAR16* a, const CHAR16* b) {
+  return StrCmp(a, b) == 0;
+}
+inline bool StriEq(const CHAR16* a, const CHAR16* b) {
+  return StriCmp(a, b) == 0;
+}
 
-constexpr CHAR16 CharToLower(CHAR16 c) { return (c >= u'A' && c <= u'Z') ? CHAR16(c - u'A' + u'a') : c; }
-constexpr CHAR16 CharToUpper(CHAR16 c) { return (c >= u'a' && c <= u'z') ? CHAR16(c - u'a' + u'A') : c; }
+constexpr CHAR16 CharToLower(CHAR16 c) {
+  return (c >= u'A' && c <= u'Z') ? CHAR16(c - u'A' + u'a') : c;
+}
+constexpr CHAR16 CharToUpper(CHAR16 c) {
+  return (c >= u'a' && c <= u'z') ? CHAR16(c - u'a' + u'A') : c;
+}
 void StrLwrAscii(CHAR16* s);
 void StrUprAscii(CHAR16* s);
 

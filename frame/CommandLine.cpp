@@ -98,8 +98,8 @@ void FreeOptionWords() {
   gWordCount = 0;
 }
 
-void ParseCLIOptions(const CHAR16* Options, const ModuleInfo* Module, TestOptionHandlerFn Handler, UINTN* Result,
-                     UINTN* ErrorCode) {
+void ParseCLIOptions(const CHAR16* Options, const ModuleInfo* Module, TestOptionHandlerFn Handler,
+                     UINTN* Result, UINTN* ErrorCode) {
   auto finish = [&](UINTN result, UINTN error) {
     *Result = result;
     *ErrorCode = error;

@@ -28,12 +28,18 @@ constexpr TestEntry kTests[kTestCount] = {
     {nullptr, 10}, // IRQTest
 };
 
-bool IsKnownTest(INT32 number) { return UINT32(number) < kTestCount; }
+bool IsKnownTest(INT32 number) {
+  return UINT32(number) < kTestCount;
+}
 
 } // namespace
 
-INT32 GetSelectedTestNumber() { return gSelectedTest; }
-void SetSelectedTestNumber(INT32 Number) { gSelectedTest = Number; }
+INT32 GetSelectedTestNumber() {
+  return gSelectedTest;
+}
+void SetSelectedTestNumber(INT32 Number) {
+  gSelectedTest = Number;
+}
 
 UINTN TestOptionHandler(CHAR16* Name, CHAR16* Value, CHAR16** TestName) {
   if (StrEq(Name, u"test") || StrEq(Name, u"t") || StrEq(Name, u"subtest")) {

@@ -53,7 +53,8 @@ EFI_STATUS InitializeTestModule(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE* System
     ErrorPrint(u"Failed to Initialize EfiSmbiosLib. (%r)\r\n", status);
 
   EFI_LOADED_IMAGE_PROTOCOL* image = nullptr;
-  status = gBS->HandleProtocol(ImageHandle, &EFI_LOADED_IMAGE_PROTOCOL_GUID, reinterpret_cast<void**>(&image));
+  status =
+      gBS->HandleProtocol(ImageHandle, &EFI_LOADED_IMAGE_PROTOCOL_GUID, reinterpret_cast<void**>(&image));
   if (EFI_ERROR(status)) {
     ErrorPrint(u"Failed Loading Loaded Image Protocol. (%r)\r\n", status);
     return status;

@@ -97,8 +97,9 @@ EFI_STATUS InstallTestModuleProtocols(EFI_HANDLE ImageHandle) {
   old->ExecuteTest = VexExecuteTest;
 
   EFI_HANDLE handle = ImageHandle;
-  EFI_STATUS status = gBS->InstallMultipleProtocolInterfaces(&handle, &VEX_TEST_MODULE_PROTOCOL_GUID, current.Get(),
-                                                             &VEX_TEST_MODULE_OLD_PROTOCOL_GUID, old.Get(), nullptr);
+  EFI_STATUS status =
+      gBS->InstallMultipleProtocolInterfaces(&handle, &VEX_TEST_MODULE_PROTOCOL_GUID, current.Get(),
+                                             &VEX_TEST_MODULE_OLD_PROTOCOL_GUID, old.Get(), nullptr);
   if (EFI_ERROR(status)) {
     TracePrint(u"InstallMultipleProtocolInterfaces failure 0x%X\r\n", status);
     return status;
@@ -109,9 +110,9 @@ EFI_STATUS InstallTestModuleProtocols(EFI_HANDLE ImageHandle) {
 }
 
 EFI_STATUS UninstallTestModuleProtocols(EFI_HANDLE ImageHandle) {
-  EFI_STATUS status = gBS->UninstallMultipleProtocolInterfaces(ImageHandle, &VEX_TEST_MODULE_PROTOCOL_GUID,
-                                                               gTestModule, &VEX_TEST_MODULE_OLD_PROTOCOL_GUID,
-                                                               gTestModuleOld, nullptr);
+  EFI_STATUS status =
+      gBS->UninstallMultipleProtocolInterfaces(ImageHandle, &VEX_TEST_MODULE_PROTOCOL_GUID, gTestModule,
+                                               &VEX_TEST_MODULE_OLD_PROTOCOL_GUID, gTestModuleOld, nullptr);
   if (EFI_ERROR(status))
     return status;
   FreePool(gTestModule);

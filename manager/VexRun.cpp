@@ -47,9 +47,9 @@ struct State {
 constinit State* gState = nullptr;
 
 const CHAR16* ResultName(UINTN result) {
-  static constexpr const CHAR16* kNames[] = {u"InProgress", u"Passed",       u"Cancelled",
-                                             u"Failed",     u"Skipped",      u"NotAvailable",
-                                             u"NotInstalled", u"Warning",    u"SoftwareError"};
+  static constexpr const CHAR16* kNames[] = {u"InProgress",   u"Passed",  u"Cancelled",
+                                             u"Failed",       u"Skipped", u"NotAvailable",
+                                             u"NotInstalled", u"Warning", u"SoftwareError"};
   return result < wc::ArrayCount(kNames) ? kNames[result] : u"Unknown";
 }
 
@@ -75,7 +75,9 @@ void WriteText(EFI_FILE_PROTOCOL* file, const CHAR16* text) {
   file->Write(file, &n, bytes);
 }
 
-void LogText(const CHAR16* text) { WriteText(gState->log, text); }
+void LogText(const CHAR16* text) {
+  WriteText(gState->log, text);
+}
 
 void Show(const CHAR16* text, UINTN attribute = 0) {
   EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL* out = gST->ConOut;
@@ -157,7 +159,8 @@ EFI_STATUS EFIAPI ManagerPrompt(UINTN MessageId, CHAR16* MessageFile) {
   if (gState->script != nullptr) {
     const Answer* a = TakeAnswer(gState->script, AnswerKind::Prompt);
     abort = a != nullptr && a->Value != 0;
-    Say(u"PROMPT answer=%s%s\r\n", abort ? u"abort" : u"ok", a == nullptr ? u" (script has no answer left)" : u"");
+    Say(u"PROMPT answer=%s%s\r\n", abort ? u"abort" : u"ok",
+        a == nullptr ? u" (script has no answer left)" : u"");
   } else {
     Say(u"Press a key to continue, ESC to abort.\r\n");
     abort = WaitForKey().ScanCode == SCAN_ESC;
@@ -166,10 +169,12 @@ EFI_STATUS EFIAPI ManagerPrompt(UINTN MessageId, CHAR16* MessageFile) {
   return abort ? EFI_ABORTED : EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI ManagerReserved() { return EFI_UNSUPPORTED; }
+EFI_STATUS EFIAPI ManagerReserved() {
+  return EFI_UNSUPPORTED;
+}
 
-constinit VEX_MANAGER_PROTOCOL gManagerProtocol = {ManagerProgress, ManagerReserved, ManagerOutput, ManagerReserved,
-                                                   ManagerPrompt};
+constinit VEX_MANAGER_PROTOCOL gManagerProtocol = {ManagerProgress, ManagerReserved, ManagerOutput,
+                                                   ManagerReserved, ManagerPrompt};
 
 // ---- Files in the manager's directory ----
 
@@ -218,7 +223,8 @@ EFI_FILE_PROTOCOL* CreateFresh(const CHAR16* name) {
 void FindOwnDirectory(EFI_LOADED_IMAGE_PROTOCOL* self) {
   CHAR16 full[kPathChars] = {};
   for (const EFI_DEVICE_PATH_PROTOCOL* node = self->FilePath;
-       node != nullptr && DevicePathNodeLength(node) >= 4 && !IsDevicePathEnd(node); node = NextDevicePathNode(node)) {
+       node != nullptr && DevicePathNodeLength(node) >= 4 && !IsDevicePathEnd(node);
+       node = NextDevicePathNode(node)) {
     if (node->Type == MEDIA_DEVICE_PATH && node->SubType == MEDIA_FILEPATH_DP) {
       CHAR16 piece[kPathChars];
       UINTN chars = wc::Min<UINTN>((DevicePathNodeLength(node) - 4) / 2, kPathChars - 1);
@@ -240,7 +246,8 @@ void FindOwnDirectory(EFI_LOADED_IMAGE_PROTOCOL* self) {
 // The device path of a file beside the manager: the volume's path and a file-path node.
 EFI_DEVICE_PATH_PROTOCOL* FileDevicePath(EFI_HANDLE device, const CHAR16* name) {
   EFI_DEVICE_PATH_PROTOCOL* volume = nullptr;
-  if (EFI_ERROR(gBS->HandleProtocol(device, &EFI_DEVICE_PATH_PROTOCOL_GUID, reinterpret_cast<void**>(&volume))))
+  if (EFI_ERROR(
+          gBS->HandleProtocol(device, &EFI_DEVICE_PATH_PROTOCOL_GUID, reinterpret_cast<void**>(&volume))))
     return nullptr;
   UINTN volumeSize = DevicePathSize(volume);
   if (volumeSize < 4)
@@ -270,7 +277,8 @@ EFI_DEVICE_PATH_PROTOCOL* FileDevicePath(EFI_HANDLE device, const CHAR16* name) 
 
 bool ParseArguments(EFI_HANDLE image, Settings& s) {
   EFI_SHELL_PARAMETERS_PROTOCOL* params = nullptr;
-  if (EFI_ERROR(gBS->HandleProtocol(image, &EFI_SHELL_PARAMETERS_PROTOCOL_GUID, reinterpret_cast<void**>(&params))))
+  if (EFI_ERROR(
+          gBS->HandleProtocol(image, &EFI_SHELL_PARAMETERS_PROTOCOL_GUID, reinterpret_cast<void**>(&params))))
     return true; // started outside the shell: defaults only
   for (UINTN i = 1; i < params->Argc; ++i) {
     const CHAR16* arg = params->Argv[i];
@@ -330,7 +338,8 @@ EFI_STATUS Run(EFI_HANDLE image) {
   gState->verbose = settings.verbose;
 
   EFI_LOADED_IMAGE_PROTOCOL* self = nullptr;
-  EFI_STATUS status = gBS->HandleProtocol(image, &EFI_LOADED_IMAGE_PROTOCOL_GUID, reinterpret_cast<void**>(&self));
+  EFI_STATUS status =
+      gBS->HandleProtocol(image, &EFI_LOADED_IMAGE_PROTOCOL_GUID, reinterpret_cast<void**>(&self));
   if (EFI_ERROR(status))
     return status;
   EFI_SIMPLE_FILE_SYSTEM_PROTOCOL* fs = nullptr;
@@ -401,7 +410,8 @@ EFI_STATUS Run(EFI_HANDLE image) {
   if (api.current != nullptr || api.old != nullptr) {
     CHAR16 name[64] = {};
     VEX_GET_TEST_NAME getName = api.current != nullptr ? api.current->GetTestName : api.old->GetTestName;
-    VEX_GET_TEST_VERSION getVersion = api.current != nullptr ? api.current->GetTestVersion : api.old->GetTestVersion;
+    VEX_GET_TEST_VERSION getVersion =
+        api.current != nullptr ? api.current->GetTestVersion : api.old->GetTestVersion;
     getName(name, sizeof(name));
     UINTN major = 0;
     UINTN minor = 0;

@@ -61,4 +61,6 @@ inline const CHAR16* TypeName(const CHAR16* const (&Table)[kOptionTypeCount], Op
   return Table[UINTN(Type) < kOptionTypeCount ? UINTN(Type) : 0];
 }
 
-inline const CHAR16* ModuleName() { return gModuleInfo.Name; }
+inline const CHAR16* ModuleName() {
+  return gModuleInfo.Name;
+}

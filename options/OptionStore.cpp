@@ -18,7 +18,9 @@ const CHAR16* ValueText(const ParsedOption& entry) {
   return reinterpret_cast<const CHAR16*>(static_cast<UINTN>(entry.Value));
 }
 
-UINT64 TextValue(const CHAR16* text) { return UINT64(reinterpret_cast<UINTN>(text)); }
+UINT64 TextValue(const CHAR16* text) {
+  return UINT64(reinterpret_cast<UINTN>(text));
+}
 
 // Converts and range-checks one store entry against its option record. An entry that carries the
 // option's default may lack a text (a string option without default); one given in the call may not.
@@ -103,8 +105,12 @@ ParsedOption* AddParsedOption(const CHAR16* Name, const CHAR16* Value, BOOLEAN I
   return &entry;
 }
 
-void ClearParsedOptions() { gStoreCount = 0; }
-UINTN ParsedOptionCount() { return gStoreCount; }
+void ClearParsedOptions() {
+  gStoreCount = 0;
+}
+UINTN ParsedOptionCount() {
+  return gStoreCount;
+}
 
 ParsedOption* FindParsedOption(const CHAR16* Name, UINTN Index) {
   for (UINTN i = 0; i < gStoreCount; ++i) {

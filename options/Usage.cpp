@@ -17,7 +17,8 @@ constexpr UINTN kDefaultBytes = 128;
 constexpr UINTN kListBytes = 512;
 
 // Appends formatted text to a buffer that already holds a string.
-template <class... A> void AppendFormat(CHAR16* buffer, UINTN bufferSize, const CHAR16* format, const A&... args) {
+template <class... A>
+void AppendFormat(CHAR16* buffer, UINTN bufferSize, const CHAR16* format, const A&... args) {
   UINTN used = StrnLen(buffer, bufferSize / sizeof(CHAR16));
   if ((used + 1) * sizeof(CHAR16) < bufferSize)
     SPrint(buffer + used, bufferSize - used * sizeof(CHAR16), format, args...);
@@ -69,8 +70,8 @@ CHAR16* FormatOptionHelp(const OptionInfo* Option, UINTN BufferSize, CHAR16* Buf
   CHAR16 dflt[kDefaultBytes / sizeof(CHAR16)] = {};
 
   if (Option->Type != OPTION_TYPE_NONE)
-    SPrint(head, sizeof(head), u"%s=%s: %s", Option->Name,
-           TypeName(kUsageTypeNames, Option->Type), Option->Description);
+    SPrint(head, sizeof(head), u"%s=%s: %s", Option->Name, TypeName(kUsageTypeNames, Option->Type),
+           Option->Description);
   else
     SPrint(head, sizeof(head), u"%s: %s", Option->Name, Option->Description);
 
@@ -161,15 +162,15 @@ void PrintVersion(const ModuleInfo* Module) {
 }
 
 void WriteCatalog(const ModuleInfo* Module, EFI_FILE_PROTOCOL* File) {
-  CatalogPiece(File, u"<DIAGNOSTIC Name=\"%s\" FileName=\"%s\" Version=\"%s\">\r\n", Module->Name, Module->FileName,
-               Module->Version);
+  CatalogPiece(File, u"<DIAGNOSTIC Name=\"%s\" FileName=\"%s\" Version=\"%s\">\r\n", Module->Name,
+               Module->FileName, Module->Version);
   for (const TestInfo* t = Module->Tests; t != nullptr && t->Name != nullptr; ++t) {
     CatalogPiece(File, u" <TEST Name=\"%s\" Description=\"%s\">\r\n", t->Name, t->Description);
     for (const OptionInfo* o = t->Options; o != nullptr && o->Name != nullptr; ++o) {
-      CatalogPiece(File, u"  <ARGUMENT Name=\"%s\" Value=\"%s\" Type=\"%s\" Description=\"%s\" Required=\"%s\"", o->Name,
-                   o->Default != nullptr ? o->Default : u"",
-                   TypeName(kCatalogTypeNames, o->Type), o->Description,
-                   o->Required ? u"true" : u"false");
+      CatalogPiece(File,
+                   u"  <ARGUMENT Name=\"%s\" Value=\"%s\" Type=\"%s\" Description=\"%s\" Required=\"%s\"",
+                   o->Name, o->Default != nullptr ? o->Default : u"", TypeName(kCatalogTypeNames, o->Type),
+                   o->Description, o->Required ? u"true" : u"false");
       if (o->Low != nullptr)
         CatalogPiece(File, u" Low=\"%s\"", o->Low);
       if (o->High != nullptr)
@@ -192,7 +193,8 @@ BOOLEAN PrintCatalog(const ModuleInfo* Module, const CHAR16* Path) {
   if (Path != nullptr && Path[0] != 0) {
     if (EFI_ERROR(FileIoDeleteFile(Path)))
       return FALSE;
-    if (EFI_ERROR(FileIoOpenFile(Path, EFI_FILE_MODE_CREATE | EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE, 0, &file)))
+    if (EFI_ERROR(
+            FileIoOpenFile(Path, EFI_FILE_MODE_CREATE | EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE, 0, &file)))
       file = nullptr;
   }
   TracePrint(u"printing catalog to %s\r\n", file != nullptr ? Path : u"console");

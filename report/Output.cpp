@@ -22,8 +22,8 @@ void Show(EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL* out, const CHAR16* line, UINTN attrib
     out->SetAttribute(out, EFI_LIGHTGRAY);
 }
 
-void FormatAndWrite(const CHAR16* format, const PrintArg* args, UINTN count, BOOLEAN toConsole, BOOLEAN toError,
-                    UINTN attribute) {
+void FormatAndWrite(const CHAR16* format, const PrintArg* args, UINTN count, BOOLEAN toConsole,
+                    BOOLEAN toError, UINTN attribute) {
   CHAR16 line[kLineBufferBytes / sizeof(CHAR16)];
   FormatV(line, sizeof(line), format, args, count);
   WriteOutput(line, FALSE, toConsole, toError, attribute);
@@ -84,9 +84,12 @@ void SetDebugLevel(CHAR16* Text) {
     gDebugLevel = DEBUG_LEVEL_CONSOLE;
 }
 
-UINT64 GetDebugLevel() { return gDebugLevel; }
+UINT64 GetDebugLevel() {
+  return gDebugLevel;
+}
 
-EFI_STATUS InitDebugLevel(EFI_HANDLE, EFI_SYSTEM_TABLE* SystemTable, VEX_MANAGER_PROTOCOL** ManagerPointerAddress) {
+EFI_STATUS InitDebugLevel(EFI_HANDLE, EFI_SYSTEM_TABLE* SystemTable,
+                          VEX_MANAGER_PROTOCOL** ManagerPointerAddress) {
   gManagerLink = ManagerPointerAddress;
   if (SystemTable == nullptr || SystemTable->RuntimeServices == nullptr)
     return EFI_SUCCESS;
@@ -113,8 +116,12 @@ EFI_STATUS InitDebugLevel(EFI_HANDLE, EFI_SYSTEM_TABLE* SystemTable, VEX_MANAGER
   return EFI_SUCCESS;
 }
 
-void SetConsoleOutput(BOOLEAN On) { gConsoleOn = On; }
-BOOLEAN GetConsoleOutput() { return gConsoleOn; }
+void SetConsoleOutput(BOOLEAN On) {
+  gConsoleOn = On;
+}
+BOOLEAN GetConsoleOutput() {
+  return gConsoleOn;
+}
 
 void ResetOutputState() {
   gDebugLevel = DEBUG_LEVEL_OFF;

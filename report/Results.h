@@ -21,7 +21,9 @@ constexpr UINTN ERROR_CODE_OPERATOR_ABORT = 0x80000001;  // failed or cancelled 
 constexpr UINTN ERROR_CODE_INVALID_OPTIONS = 0x80000002; // option string refused
 constexpr UINTN ERROR_CODE_SOFTWARE = 0x800000FF;        // the module itself failed
 
-constexpr UINTN PingErrorCode(UINTN n) { return 0x80160100 + n; }
+constexpr UINTN PingErrorCode(UINTN n) {
+  return 0x80160100 + n;
+}
 constexpr UINTN ERROR_CODE_PING_CONFIG_FAILED = PingErrorCode(1);
 constexpr UINTN ERROR_CODE_PING_TIMEOUT = PingErrorCode(2);
 constexpr UINTN ERROR_CODE_NO_NIC = PingErrorCode(3);

@@ -14,7 +14,8 @@ EFI_STATUS FileIoOpenFile(const CHAR16* Path, UINT64 OpenMode, UINT64 Attributes
 // Formats into at most 2048 bytes and appends the text at the end of the file.
 EFI_STATUS FileIoPrintV(EFI_FILE_PROTOCOL* File, const CHAR16* Format, const PrintArg* Args, UINTN Count);
 
-template <class... A> EFI_STATUS FileIoPrint(EFI_FILE_PROTOCOL* File, const CHAR16* Format, const A&... args) {
+template <class... A>
+EFI_STATUS FileIoPrint(EFI_FILE_PROTOCOL* File, const CHAR16* Format, const A&... args) {
   const PrintArg list[sizeof...(A) + 1] = {PrintArg(args)...};
   return FileIoPrintV(File, Format, list, sizeof...(A));
 }

@@ -3,7 +3,8 @@
 
 namespace {
 // Links a new node after Reference, or at the front when Reference is null.
-EFI_STATUS InsertAfter(ORDERED_LIST* list, ORDERED_LIST_NODE* reference, void* element, ORDERED_LIST_NODE** out) {
+EFI_STATUS InsertAfter(ORDERED_LIST* list, ORDERED_LIST_NODE* reference, void* element,
+                       ORDERED_LIST_NODE** out) {
   if (list == nullptr)
     return EFI_INVALID_PARAMETER;
   auto* node = static_cast<ORDERED_LIST_NODE*>(AllocateZeroPool(sizeof(ORDERED_LIST_NODE)));

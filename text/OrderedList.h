@@ -19,7 +19,8 @@ struct ORDERED_LIST {
   UINTN Count;
 };
 
-EFI_STATUS OrderedListCreate(ORDERED_LIST** List, ORDERED_LIST_COMPARE Compare, ORDERED_LIST_FREE_ELEMENT FreeElement);
+EFI_STATUS OrderedListCreate(ORDERED_LIST** List, ORDERED_LIST_COMPARE Compare,
+                             ORDERED_LIST_FREE_ELEMENT FreeElement);
 EFI_STATUS OrderedListAppend(ORDERED_LIST* List, void* Element, ORDERED_LIST_NODE** Node);
 EFI_STATUS OrderedListInsertFront(ORDERED_LIST* List, void* Element, ORDERED_LIST_NODE** Node);
 EFI_STATUS OrderedListFind(ORDERED_LIST* List, const void* Key, ORDERED_LIST_NODE** Node);

@@ -92,8 +92,12 @@ static_assert(sizeof(EFI_IP_ADDRESS) == 16);
 
 // Status codes.
 constexpr EFI_STATUS EFI_ERROR_BIT = 0x8000000000000000ull;
-constexpr EFI_STATUS EncodeError(UINTN code) { return EFI_ERROR_BIT | code; }
-constexpr bool EFI_ERROR(EFI_STATUS s) { return (s & EFI_ERROR_BIT) != 0; }
+constexpr EFI_STATUS EncodeError(UINTN code) {
+  return EFI_ERROR_BIT | code;
+}
+constexpr bool EFI_ERROR(EFI_STATUS s) {
+  return (s & EFI_ERROR_BIT) != 0;
+}
 
 constexpr EFI_STATUS EFI_SUCCESS = 0;
 constexpr EFI_STATUS EFI_LOAD_ERROR = EncodeError(1);

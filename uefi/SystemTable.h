@@ -139,7 +139,8 @@ struct EFI_BOOT_SERVICES {
   (EFI_HANDLE* Handle, const EFI_GUID* Protocol, EFI_INTERFACE_TYPE InterfaceType, void* Interface);
   EFI_STATUS(EFIAPI* ReinstallProtocolInterface)
   (EFI_HANDLE Handle, const EFI_GUID* Protocol, void* OldInterface, void* NewInterface);
-  EFI_STATUS(EFIAPI* UninstallProtocolInterface)(EFI_HANDLE Handle, const EFI_GUID* Protocol, void* Interface);
+  EFI_STATUS(EFIAPI* UninstallProtocolInterface)
+  (EFI_HANDLE Handle, const EFI_GUID* Protocol, void* Interface);
   EFI_STATUS(EFIAPI* HandleProtocol)(EFI_HANDLE Handle, const EFI_GUID* Protocol, void** Interface);
   void* Reserved;
   EFI_STATUS(EFIAPI* RegisterProtocolNotify)(const EFI_GUID* Protocol, EFI_EVENT Event, void** Registration);
@@ -211,11 +212,14 @@ struct EFI_RUNTIME_SERVICES {
   EFI_STATUS(EFIAPI* ConvertPointer)(UINTN DebugDisposition, void** Address);
   EFI_STATUS(EFIAPI* GetVariable)
   (const CHAR16* VariableName, const EFI_GUID* VendorGuid, UINT32* Attributes, UINTN* DataSize, void* Data);
-  EFI_STATUS(EFIAPI* GetNextVariableName)(UINTN* VariableNameSize, CHAR16* VariableName, EFI_GUID* VendorGuid);
+  EFI_STATUS(EFIAPI* GetNextVariableName)
+  (UINTN* VariableNameSize, CHAR16* VariableName, EFI_GUID* VendorGuid);
   EFI_STATUS(EFIAPI* SetVariable)
-  (const CHAR16* VariableName, const EFI_GUID* VendorGuid, UINT32 Attributes, UINTN DataSize, const void* Data);
+  (const CHAR16* VariableName, const EFI_GUID* VendorGuid, UINT32 Attributes, UINTN DataSize,
+   const void* Data);
   EFI_STATUS(EFIAPI* GetNextHighMonotonicCount)(UINT32* HighCount);
-  void(EFIAPI* ResetSystem)(EFI_RESET_TYPE ResetType, EFI_STATUS ResetStatus, UINTN DataSize, void* ResetData);
+  void(EFIAPI* ResetSystem)(EFI_RESET_TYPE ResetType, EFI_STATUS ResetStatus, UINTN DataSize,
+                            void* ResetData);
   void* UpdateCapsule;
   void* QueryCapsuleCapabilities;
   void* QueryVariableInfo;

@@ -136,10 +136,11 @@ TEST_F(ListFixture, RefusesBadCallsAndFreesThroughTheCallback) {
   static int freed;
   freed = 0;
   ORDERED_LIST* list = nullptr;
-  ASSERT_EQ(OrderedListCreate(&list, nullptr, [](void* e, ORDERED_LIST_NODE*) {
-              ++freed;
-              FreePool(e);
-            }),
+  ASSERT_EQ(OrderedListCreate(&list, nullptr,
+                              [](void* e, ORDERED_LIST_NODE*) {
+                                ++freed;
+                                FreePool(e);
+                              }),
             EFI_SUCCESS);
   OrderedListAppend(list, NewInt(1), nullptr);
   OrderedListAppend(list, NewInt(2), nullptr);
@@ -180,7 +181,8 @@ std::u16string PathText(std::vector<std::vector<uint8_t>> nodes, bool displayOnl
     path.insert(path.end(), n.begin(), n.end());
   auto end = Node(0x7F, 0xFF, {});
   path.insert(path.end(), end.begin(), end.end());
-  CHAR16* text = DevicePathToTextFallback(reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL*>(path.data()), displayOnly);
+  CHAR16* text =
+      DevicePathToTextFallback(reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL*>(path.data()), displayOnly);
   std::u16string result = text ? text : u"(null)";
   FreePool(text);
   return result;
@@ -200,7 +202,8 @@ TEST(DevicePathText, NodesOfANic) {
             u"PciRoot(0x0)/Pci(0x3,0x0)/MAC(525400123456,0x1)/IPv4(10.0.2.2)");
   EXPECT_EQ(PathText({Node(3, 12, ipv4)}), u"IPv4(10.0.2.2,UDP,DHCP,0.0.0.0,1.2.3.4,255.255.255.0)");
   EXPECT_EQ(PathText({Node(3, 0x14, {5, 0}), Node(3, 5, {2, 1})}), u"Vlan(5)/USB(0x2,0x1)");
-  std::vector<uint8_t> ven = {0x53, 0x45, 0x94, 0xD8, 0xDD, 0xC4, 0xF4, 0x41, 0x9B, 0x30, 0xE1, 0x39, 0x7C, 0xFB, 0x26, 0x7B};
+  std::vector<uint8_t> ven = {0x53, 0x45, 0x94, 0xD8, 0xDD, 0xC4, 0xF4, 0x41,
+                              0x9B, 0x30, 0xE1, 0x39, 0x7C, 0xFB, 0x26, 0x7B};
   EXPECT_EQ(PathText({Node(1, 4, ven)}), u"VenHw(d8944553-c4dd-41f4-9b30-e1397cfb267b)");
   EXPECT_EQ(PathText({Node(4, 4, {'\\', 0, 'a', 0, '.', 0, 'e', 0, 0, 0})}), u"\\a.e");
   EXPECT_EQ(PathText({pci, Node(9, 9, {1, 2}), pci}), u"Pci(0x3,0x0)/?/Pci(0x3,0x0)");
@@ -209,7 +212,8 @@ TEST(DevicePathText, NodesOfANic) {
 TEST(DevicePathText, MalformedPathsStopSafely) {
   FakeFirmware fw;
   std::vector<uint8_t> zeroLength = {1, 1, 0, 0, 0, 0};
-  CHAR16* text = DevicePathToTextFallback(reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL*>(zeroLength.data()), FALSE);
+  CHAR16* text =
+      DevicePathToTextFallback(reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL*>(zeroLength.data()), FALSE);
   EXPECT_EQ(std::u16string(text), u"");
   FreePool(text);
   EXPECT_EQ(DevicePathSize(reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL*>(zeroLength.data())), 0u);

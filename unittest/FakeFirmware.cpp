@@ -10,7 +10,9 @@ FakeManager* FakeManager::current = nullptr;
 
 namespace {
 
-FakeFirmware& F() { return *FakeFirmware::current; }
+FakeFirmware& F() {
+  return *FakeFirmware::current;
+}
 
 EFI_STATUS EFIAPI FakeAllocatePool(EFI_MEMORY_TYPE, UINTN size, void** buffer) {
   if (F().failAllocationAfter == 0) {
@@ -94,9 +96,10 @@ EFI_STATUS EFIAPI FakeUninstallMultiple(EFI_HANDLE handle, ...) {
     if (!found)
       return EFI_INVALID_PARAMETER;
   }
-  for (auto& [guid, iface] : removing)
-    std::erase_if(F().protocols,
-                  [&](auto& p) { return p.handle == handle && p.guid == guid && p.iface == iface; });
+  for (auto& entry : removing)
+    std::erase_if(F().protocols, [&](auto& p) {
+      return p.handle == handle && p.guid == entry.first && p.iface == entry.second;
+    });
   return EFI_SUCCESS;
 }
 
@@ -124,7 +127,8 @@ EFI_STATUS EFIAPI FakeGetNextVariableName(UINTN* size, CHAR16* name, EFI_GUID* g
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI FakeGetVariable(const CHAR16* name, const EFI_GUID* guid, UINT32*, UINTN* size, void* data) {
+EFI_STATUS EFIAPI FakeGetVariable(const CHAR16* name, const EFI_GUID* guid, UINT32*, UINTN* size,
+                                  void* data) {
   for (auto& v : F().variables)
     if (v.name == std::u16string(name) && v.guid == *guid) {
       if (*size < v.data.size()) {
@@ -156,9 +160,15 @@ EFI_STATUS EFIAPI ManagerOutput(CHAR16* text, BOOLEAN flag, BOOLEAN toConsole, B
   FakeManager::current->lines.push_back({text, flag != 0, toConsole != 0, toError != 0});
   return EFI_SUCCESS;
 }
-EFI_STATUS EFIAPI ManagerProgress(UINTN, UINTN, UINTN*) { return EFI_SUCCESS; }
-EFI_STATUS EFIAPI ManagerPrompt(UINTN, CHAR16*) { return EFI_SUCCESS; }
-EFI_STATUS EFIAPI ManagerReserved() { return EFI_UNSUPPORTED; }
+EFI_STATUS EFIAPI ManagerProgress(UINTN, UINTN, UINTN*) {
+  return EFI_SUCCESS;
+}
+EFI_STATUS EFIAPI ManagerPrompt(UINTN, CHAR16*) {
+  return EFI_SUCCESS;
+}
+EFI_STATUS EFIAPI ManagerReserved() {
+  return EFI_UNSUPPORTED;
+}
 
 } // namespace
 
@@ -207,7 +217,8 @@ void FakeFirmware::SetVariable(const std::u16string& name, const EFI_GUID& guid,
   SetVariableBytes(name, guid, std::move(data));
 }
 
-void FakeFirmware::SetVariableBytes(const std::u16string& name, const EFI_GUID& guid, std::vector<uint8_t> data) {
+void FakeFirmware::SetVariableBytes(const std::u16string& name, const EFI_GUID& guid,
+                                    std::vector<uint8_t> data) {
   variables.push_back({name, guid, std::move(data)});
 }
 
@@ -215,7 +226,9 @@ FakeManager::FakeManager() {
   current = this;
   protocol = {ManagerProgress, ManagerReserved, ManagerOutput, ManagerReserved, ManagerPrompt};
 }
-FakeManager::~FakeManager() { current = nullptr; }
+FakeManager::~FakeManager() {
+  current = nullptr;
+}
 
 std::u16string FakeManager::AllText() const {
   std::u16string all;

@@ -23,7 +23,7 @@ struct FakeFirmware {
   std::u16string conOutText;
   std::u16string stdErrText;
 
-  std::map<void*, size_t> pool; // live allocations
+  std::map<void*, size_t> pool;          // live allocations
   size_t failAllocationAfter = SIZE_MAX; // make the n-th further allocation fail
 
   struct Installed {
@@ -41,7 +41,9 @@ struct FakeFirmware {
   };
   std::vector<Variable> variables;
 
-  void AddProtocol(EFI_HANDLE handle, const EFI_GUID& guid, void* iface) { protocols.push_back({handle, guid, iface}); }
+  void AddProtocol(EFI_HANDLE handle, const EFI_GUID& guid, void* iface) {
+    protocols.push_back({handle, guid, iface});
+  }
   bool HasProtocol(EFI_HANDLE handle, const EFI_GUID& guid) const;
   void SetVariable(const std::u16string& name, const EFI_GUID& guid, const std::u16string& text);
   void SetVariableBytes(const std::u16string& name, const EFI_GUID& guid, std::vector<uint8_t> data);

@@ -75,7 +75,8 @@ TEST_F(ModuleTest, StartupInstallsBothLayoutsAndUnloadRemovesThem) {
   EXPECT_EQ(p->First, 0u);
   EXPECT_TRUE(fw.HasProtocol(kImage, VEX_TEST_MODULE_OLD_PROTOCOL_GUID));
   EXPECT_EQ(image.Unload, VexUnloadTestModule);
-  EXPECT_NE(Said().find(std::string(59, '=') + "\r\nStarting Wirecheck.vex version 1.01 built Jan  3 2024 16:39:14\r\n"),
+  EXPECT_NE(Said().find(std::string(59, '=') +
+                        "\r\nStarting Wirecheck.vex version 1.01 built Jan  3 2024 16:39:14\r\n"),
             std::string::npos);
   EXPECT_NE(Said().find("Wirecheck.VEX init complete\r\n"), std::string::npos);
   for (auto& line : mgr.lines)
@@ -169,7 +170,8 @@ TEST_F(ModuleTest, OldLayoutLogsOnlyWhenTheRunTimeCallFails) {
   EXPECT_EQ(runTime, 10u);
   EXPECT_EQ(Said().find("returns result"), std::string::npos);
   EXPECT_EQ(old->GetTestRunTime(0, bad.data(), &runTime), EFI_SUCCESS);
-  EXPECT_NE(Said().find("VexGetTestRunTime() returns result 3 with error code 0x80000002\r\n"), std::string::npos);
+  EXPECT_NE(Said().find("VexGetTestRunTime() returns result 3 with error code 0x80000002\r\n"),
+            std::string::npos);
 }
 
 TEST_F(ModuleTest, SelectionPersistsAndOptionsAreCheckedAgainstIt) {
@@ -187,7 +189,7 @@ TEST_F(ModuleTest, SelectionPersistsAndOptionsAreCheckedAgainstIt) {
   EXPECT_EQ(GetSelectedTestNumber(), 3); // the earlier selection stays
 
   mgr.lines.clear();
-  c = Execute(p, u"-index=2", 77); // no -test: test 3 runs again, whatever the parameter
+  c = Execute(p, u"-index=2", 77);         // no -test: test 3 runs again, whatever the parameter
   EXPECT_EQ(c.result, TEST_RESULT_FAILED); // test options without -test in the same string
   EXPECT_EQ(c.error, ERROR_CODE_INVALID_OPTIONS);
 
@@ -201,7 +203,7 @@ TEST_F(ModuleTest, SelectionPersistsAndOptionsAreCheckedAgainstIt) {
   EXPECT_EQ(c.result, TEST_RESULT_SOFTWARE_ERROR);
   SetSelectedTestNumber(0);
   c = Execute(p, u"-localping=true -test=macaddresstest"); // accepted by pingtest, unknown to the MAC test
-  EXPECT_EQ(c.result, TEST_RESULT_SOFTWARE_ERROR);      // validation only walks the MAC test's table
+  EXPECT_EQ(c.result, TEST_RESULT_SOFTWARE_ERROR);         // validation only walks the MAC test's table
 
   std::u16string longName = u"-test=" + std::u16string(200, u'p');
   c = Execute(p, longName);
@@ -325,13 +327,16 @@ TEST_F(ValidationTest, DefaultsConversionsAndRanges) {
     const char* message;
   } refused[] = {
       {u"-test=pingtest -retries=6", "Option -retries argument should be below maximum value of 5\r\n"},
-      {u"-test=pingtest -testrepeats=0", "Option -testrepeats argument should be above minimum value of 1\r\n"},
+      {u"-test=pingtest -testrepeats=0",
+       "Option -testrepeats argument should be above minimum value of 1\r\n"},
       {u"-test=pingtest -retries=abc", "Integer argument required for -retries option ('abc' was given)\r\n"},
       {u"-test=pingtest -retries=5 ", nullptr},
       {u"-test=pingtest -retries=1F", "Integer argument required for -retries option ('1F' was given)\r\n"},
-      {u"-test=pingtest -dhcpping=maybe", "Boolean argument required for -dhcpping option ('maybe' was given)\r\n"},
+      {u"-test=pingtest -dhcpping=maybe",
+       "Boolean argument required for -dhcpping option ('maybe' was given)\r\n"},
       {u"-test=pingtest -dhcpping", "Missing argument for -dhcpping option\r\n"},
-      {u"-test=detectcable -flagfiledir=\"\" -flagfilename=x", "Missing argument for -flagfiledir option\r\n"},
+      {u"-test=detectcable -flagfiledir=\"\" -flagfilename=x",
+       "Missing argument for -flagfiledir option\r\n"},
       {u"-test=pingtest -retries=99999999999999999999", "Integer argument required"},
   };
   for (auto& r : refused) {
@@ -372,9 +377,9 @@ TEST(StrToInteger, Forms) {
   EXPECT_EQ(conv(u"1Fh"), 31);
   EXPECT_EQ(*end, 0);
   EXPECT_EQ(conv(u"0x1Fh"), 31);
-  EXPECT_EQ(*end, u'h'); // "0x" and "h" together are refused
+  EXPECT_EQ(*end, u'h');     // "0x" and "h" together are refused
   EXPECT_EQ(conv(u"1F"), 1); // the decimal value: letters do not count
-  EXPECT_EQ(*end, u'F'); // letters in a decimal text are refused
+  EXPECT_EQ(*end, u'F');     // letters in a decimal text are refused
   EXPECT_EQ(conv(u"- 5"), -1);
   EXPECT_EQ(end, nullptr);
   EXPECT_EQ(conv(u"--5"), -1);

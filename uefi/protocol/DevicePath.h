@@ -33,7 +33,9 @@ constexpr UINT8 END_ENTIRE_DEVICE_PATH_SUBTYPE = 0xFF;
 constexpr UINT8 END_INSTANCE_DEVICE_PATH_SUBTYPE = 0x01;
 
 // PNP0A03 (PCI root bridge) and PNP0A08 (PCI Express root bridge) in the packed EISA form.
-constexpr UINT32 EisaPnpId(UINT32 pnp) { return 0x41D0u | (pnp << 16); }
+constexpr UINT32 EisaPnpId(UINT32 pnp) {
+  return 0x41D0u | (pnp << 16);
+}
 
 struct EFI_DEVICE_PATH_TO_TEXT_PROTOCOL {
   CHAR16*(EFIAPI* ConvertDeviceNodeToText)(const EFI_DEVICE_PATH_PROTOCOL* DeviceNode, BOOLEAN DisplayOnly,

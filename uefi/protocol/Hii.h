@@ -14,27 +14,30 @@ using EFI_BROWSER_ACTION_REQUEST = UINTN;
 
 struct EFI_HII_CONFIG_ROUTING_PROTOCOL {
   EFI_STATUS(EFIAPI* ExtractConfig)
-  (const EFI_HII_CONFIG_ROUTING_PROTOCOL* This, const CHAR16* Request, EFI_STRING* Progress, EFI_STRING* Results);
+  (const EFI_HII_CONFIG_ROUTING_PROTOCOL* This, const CHAR16* Request, EFI_STRING* Progress,
+   EFI_STRING* Results);
   EFI_STATUS(EFIAPI* ExportConfig)(const EFI_HII_CONFIG_ROUTING_PROTOCOL* This, EFI_STRING* Results);
   EFI_STATUS(EFIAPI* RouteConfig)
   (const EFI_HII_CONFIG_ROUTING_PROTOCOL* This, const CHAR16* Configuration, EFI_STRING* Progress);
   EFI_STATUS(EFIAPI* BlockToConfig)
-  (const EFI_HII_CONFIG_ROUTING_PROTOCOL* This, const CHAR16* ConfigRequest, const UINT8* Block, UINTN BlockSize,
-   EFI_STRING* Config, EFI_STRING* Progress);
+  (const EFI_HII_CONFIG_ROUTING_PROTOCOL* This, const CHAR16* ConfigRequest, const UINT8* Block,
+   UINTN BlockSize, EFI_STRING* Config, EFI_STRING* Progress);
   EFI_STATUS(EFIAPI* ConfigToBlock)
   (const EFI_HII_CONFIG_ROUTING_PROTOCOL* This, const CHAR16* ConfigResp, UINT8* Block, UINTN* BlockSize,
    EFI_STRING* Progress);
   EFI_STATUS(EFIAPI* GetAltConfig)
-  (const EFI_HII_CONFIG_ROUTING_PROTOCOL* This, const CHAR16* ConfigResp, const EFI_GUID* Guid, const CHAR16* Name,
-   const EFI_DEVICE_PATH_PROTOCOL* DevicePath, const UINT16* AltCfgId, EFI_STRING* AltCfgResp);
+  (const EFI_HII_CONFIG_ROUTING_PROTOCOL* This, const CHAR16* ConfigResp, const EFI_GUID* Guid,
+   const CHAR16* Name, const EFI_DEVICE_PATH_PROTOCOL* DevicePath, const UINT16* AltCfgId,
+   EFI_STRING* AltCfgResp);
 };
 
 struct EFI_HII_CONFIG_ACCESS_PROTOCOL {
   EFI_STATUS(EFIAPI* ExtractConfig)
-  (const EFI_HII_CONFIG_ACCESS_PROTOCOL* This, const CHAR16* Request, EFI_STRING* Progress, EFI_STRING* Results);
+  (const EFI_HII_CONFIG_ACCESS_PROTOCOL* This, const CHAR16* Request, EFI_STRING* Progress,
+   EFI_STRING* Results);
   EFI_STATUS(EFIAPI* RouteConfig)
   (const EFI_HII_CONFIG_ACCESS_PROTOCOL* This, const CHAR16* Configuration, EFI_STRING* Progress);
   EFI_STATUS(EFIAPI* Callback)
-  (const EFI_HII_CONFIG_ACCESS_PROTOCOL* This, EFI_BROWSER_ACTION Action, EFI_QUESTION_ID QuestionId, UINT8 Type,
-   void* Value, EFI_BROWSER_ACTION_REQUEST* ActionRequest);
+  (const EFI_HII_CONFIG_ACCESS_PROTOCOL* This, EFI_BROWSER_ACTION Action, EFI_QUESTION_ID QuestionId,
+   UINT8 Type, void* Value, EFI_BROWSER_ACTION_REQUEST* ActionRequest);
 };

@@ -51,7 +51,8 @@ struct EFI_PCI_IO_PROTOCOL {
   void* FreeBuffer;
   void* Flush;
   EFI_STATUS(EFIAPI* GetLocation)
-  (EFI_PCI_IO_PROTOCOL* This, UINTN* SegmentNumber, UINTN* BusNumber, UINTN* DeviceNumber, UINTN* FunctionNumber);
+  (EFI_PCI_IO_PROTOCOL* This, UINTN* SegmentNumber, UINTN* BusNumber, UINTN* DeviceNumber,
+   UINTN* FunctionNumber);
   void* Attributes;
   void* GetBarAttributes;
   void* SetBarAttributes;
@@ -65,11 +66,11 @@ static_assert(sizeof(EFI_PCI_IO_PROTOCOL) == 160);
 struct EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL;
 struct EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL_ACCESS {
   EFI_STATUS(EFIAPI* Read)
-  (EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL* This, EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL_WIDTH Width, UINT64 Address, UINTN Count,
-   void* Buffer);
+  (EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL* This, EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL_WIDTH Width, UINT64 Address,
+   UINTN Count, void* Buffer);
   EFI_STATUS(EFIAPI* Write)
-  (EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL* This, EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL_WIDTH Width, UINT64 Address, UINTN Count,
-   void* Buffer);
+  (EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL* This, EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL_WIDTH Width, UINT64 Address,
+   UINTN Count, void* Buffer);
 };
 
 // Configuration-space address as the root bridge expects it.

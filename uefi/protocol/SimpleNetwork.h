@@ -7,7 +7,11 @@ constexpr EFI_GUID EFI_SIMPLE_NETWORK_PROTOCOL_GUID = {
 
 constexpr UINTN MAX_MCAST_FILTER_CNT = 16;
 
-enum EFI_SIMPLE_NETWORK_STATE : UINT32 { EfiSimpleNetworkStopped, EfiSimpleNetworkStarted, EfiSimpleNetworkInitialized };
+enum EFI_SIMPLE_NETWORK_STATE : UINT32 {
+  EfiSimpleNetworkStopped,
+  EfiSimpleNetworkStarted,
+  EfiSimpleNetworkInitialized
+};
 
 struct EFI_SIMPLE_NETWORK_MODE {
   UINT32 State;
@@ -39,26 +43,28 @@ struct EFI_SIMPLE_NETWORK_PROTOCOL {
   UINT64 Revision;
   EFI_STATUS(EFIAPI* Start)(EFI_SIMPLE_NETWORK_PROTOCOL* This);
   EFI_STATUS(EFIAPI* Stop)(EFI_SIMPLE_NETWORK_PROTOCOL* This);
-  EFI_STATUS(EFIAPI* Initialize)(EFI_SIMPLE_NETWORK_PROTOCOL* This, UINTN ExtraRxBufferSize, UINTN ExtraTxBufferSize);
+  EFI_STATUS(EFIAPI* Initialize)
+  (EFI_SIMPLE_NETWORK_PROTOCOL* This, UINTN ExtraRxBufferSize, UINTN ExtraTxBufferSize);
   EFI_STATUS(EFIAPI* Reset)(EFI_SIMPLE_NETWORK_PROTOCOL* This, BOOLEAN ExtendedVerification);
   EFI_STATUS(EFIAPI* Shutdown)(EFI_SIMPLE_NETWORK_PROTOCOL* This);
   EFI_STATUS(EFIAPI* ReceiveFilters)
-  (EFI_SIMPLE_NETWORK_PROTOCOL* This, UINT32 Enable, UINT32 Disable, BOOLEAN ResetMCastFilter, UINTN MCastFilterCnt,
-   EFI_MAC_ADDRESS* MCastFilter);
+  (EFI_SIMPLE_NETWORK_PROTOCOL* This, UINT32 Enable, UINT32 Disable, BOOLEAN ResetMCastFilter,
+   UINTN MCastFilterCnt, EFI_MAC_ADDRESS* MCastFilter);
   EFI_STATUS(EFIAPI* StationAddress)(EFI_SIMPLE_NETWORK_PROTOCOL* This, BOOLEAN Reset, EFI_MAC_ADDRESS* New);
   EFI_STATUS(EFIAPI* Statistics)
-  (EFI_SIMPLE_NETWORK_PROTOCOL* This, BOOLEAN Reset, UINTN* StatisticsSize, EFI_NETWORK_STATISTICS* StatisticsTable);
+  (EFI_SIMPLE_NETWORK_PROTOCOL* This, BOOLEAN Reset, UINTN* StatisticsSize,
+   EFI_NETWORK_STATISTICS* StatisticsTable);
   EFI_STATUS(EFIAPI* MCastIpToMac)
   (EFI_SIMPLE_NETWORK_PROTOCOL* This, BOOLEAN IPv6, EFI_IP_ADDRESS* IP, EFI_MAC_ADDRESS* MAC);
   EFI_STATUS(EFIAPI* NvData)
   (EFI_SIMPLE_NETWORK_PROTOCOL* This, BOOLEAN ReadWrite, UINTN Offset, UINTN BufferSize, void* Buffer);
   EFI_STATUS(EFIAPI* GetStatus)(EFI_SIMPLE_NETWORK_PROTOCOL* This, UINT32* InterruptStatus, void** TxBuf);
   EFI_STATUS(EFIAPI* Transmit)
-  (EFI_SIMPLE_NETWORK_PROTOCOL* This, UINTN HeaderSize, UINTN BufferSize, void* Buffer, EFI_MAC_ADDRESS* SrcAddr,
-   EFI_MAC_ADDRESS* DestAddr, UINT16* Protocol);
+  (EFI_SIMPLE_NETWORK_PROTOCOL* This, UINTN HeaderSize, UINTN BufferSize, void* Buffer,
+   EFI_MAC_ADDRESS* SrcAddr, EFI_MAC_ADDRESS* DestAddr, UINT16* Protocol);
   EFI_STATUS(EFIAPI* Receive)
-  (EFI_SIMPLE_NETWORK_PROTOCOL* This, UINTN* HeaderSize, UINTN* BufferSize, void* Buffer, EFI_MAC_ADDRESS* SrcAddr,
-   EFI_MAC_ADDRESS* DestAddr, UINT16* Protocol);
+  (EFI_SIMPLE_NETWORK_PROTOCOL* This, UINTN* HeaderSize, UINTN* BufferSize, void* Buffer,
+   EFI_MAC_ADDRESS* SrcAddr, EFI_MAC_ADDRESS* DestAddr, UINT16* Protocol);
   EFI_EVENT WaitForPacket;
   EFI_SIMPLE_NETWORK_MODE* Mode;
 };

@@ -11,12 +11,13 @@ constexpr EFI_GUID VEX_TEST_MODULE_OLD_PROTOCOL_GUID = {
 constexpr EFI_GUID VEX_MANAGER_PROTOCOL_GUID = {
     0x7EDFAFED, 0x5779, 0x4A29, {0x90, 0xBE, 0x55, 0x22, 0x28, 0xF6, 0xBD, 0x21}};
 
-using VEX_GET_TEST_RUN_TIME = EFI_STATUS(EFIAPI*)(UINTN Parameter, CHAR16* Options, UINTN* RunTime, UINTN* Result,
-                                                  UINTN* ErrorCode);
+using VEX_GET_TEST_RUN_TIME = EFI_STATUS(EFIAPI*)(UINTN Parameter, CHAR16* Options, UINTN* RunTime,
+                                                  UINTN* Result, UINTN* ErrorCode);
 using VEX_GET_TEST_RUN_TIME_OLD = EFI_STATUS(EFIAPI*)(UINTN Parameter, CHAR16* Options, UINTN* RunTime);
 using VEX_GET_TEST_NAME = EFI_STATUS(EFIAPI*)(CHAR16* Buffer, UINTN BufferSize);
 using VEX_GET_TEST_VERSION = EFI_STATUS(EFIAPI*)(UINTN* Major, UINTN* Minor, CHAR16** Build);
-using VEX_EXECUTE_TEST = EFI_STATUS(EFIAPI*)(UINTN Parameter, CHAR16* Options, UINTN* Result, UINTN* ErrorCode);
+using VEX_EXECUTE_TEST = EFI_STATUS(EFIAPI*)(UINTN Parameter, CHAR16* Options, UINTN* Result,
+                                             UINTN* ErrorCode);
 
 struct VEX_TEST_MODULE_PROTOCOL {
   UINTN First; // always 0
@@ -38,7 +39,8 @@ static_assert(sizeof(VEX_TEST_MODULE_OLD_PROTOCOL) == 32);
 
 // Manager operations used by the module, by position.
 using VEX_MANAGER_PROGRESS = EFI_STATUS(EFIAPI*)(UINTN Percent, UINTN SecondsRemaining, UINTN* Interrupt);
-using VEX_MANAGER_OUTPUT = EFI_STATUS(EFIAPI*)(CHAR16* Text, BOOLEAN Flag, BOOLEAN ToConsole, BOOLEAN ToError);
+using VEX_MANAGER_OUTPUT = EFI_STATUS(EFIAPI*)(CHAR16* Text, BOOLEAN Flag, BOOLEAN ToConsole,
+                                               BOOLEAN ToError);
 using VEX_MANAGER_PROMPT = EFI_STATUS(EFIAPI*)(UINTN MessageId, CHAR16* MessageFile);
 // Positions 1 and 3 belong to the manager; the module never calls them. The project's manager
 // fills them with an operation that answers EFI_UNSUPPORTED.
