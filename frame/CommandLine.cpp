@@ -156,9 +156,12 @@ void ParseCLIOptions(const CHAR16* Options, const ModuleInfo* Module, TestOption
       return finish(TEST_RESULT_PASSED, ERROR_CODE_NONE);
     }
     if (StrEq(name, u"catalog") || StrEq(name, u"cat")) {
-      CHAR16 path[kCatalogPathChars];
-      SPrint(path, sizeof(path), u"%s", value);
-      FileIoResolvePath(path, sizeof(path));
+      // Without a value the catalog goes to the console.
+      CHAR16 path[kCatalogPathChars] = {};
+      if (value != nullptr) {
+        SPrint(path, sizeof(path), u"%s", value);
+        FileIoResolvePath(path, sizeof(path));
+      }
       if (PrintCatalog(Module, path))
         SetConsoleOutput(FALSE);
       return finish(TEST_RESULT_PASSED, ERROR_CODE_NONE);

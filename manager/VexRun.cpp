@@ -8,7 +8,8 @@
 //   RESULT result=<Name> error=0x<HEX> status=<status>
 //   UNLOAD status=<status> protocols=<removed|still-installed>
 //
-// Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-old] [-v] ["OPTION STRING" ...]
+// Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-old] [-v] [-r] ["OPTION STRING" ...]
+// -r loads and unloads the module around every call, so each call starts from a fresh image.
 #include "base/DevicePathText.h"
 #include "base/Globals.h"
 #include "base/Memory.h"
@@ -31,6 +32,7 @@ struct Settings {
   const CHAR16* scriptFile = nullptr;
   bool oldLayout = false;
   bool verbose = false;
+  bool reload = false; // load and unload the module around every call
   const CHAR16* calls[kMaxCalls] = {};
   UINTN callCount = 0;
 };
@@ -293,6 +295,8 @@ bool ParseArguments(EFI_HANDLE image, Settings& s) {
       s.oldLayout = true;
     } else if (StriEq(arg, u"-v")) {
       s.verbose = true;
+    } else if (StriEq(arg, u"-r")) {
+      s.reload = true;
     } else if (StriEq(arg, u"-h") || StriEq(arg, u"-?")) {
       return false;
     } else if (s.callCount < kMaxCalls) {
@@ -329,10 +333,61 @@ void RunOneCall(const ModuleApi& api, CHAR16* options) {
   Say(u"RESULT result=%s error=0x%x status=%r\r\n", ResultName(result), error, status);
 }
 
+// Loads the module, names it, runs calls [first, last) and unloads it again.
+EFI_STATUS RunSession(EFI_HANDLE image, EFI_DEVICE_PATH_PROTOCOL* modulePath, const Settings& settings,
+                      UINTN first, UINTN last) {
+  EFI_HANDLE module = nullptr;
+  EFI_STATUS status = gBS->LoadImage(FALSE, image, modulePath, nullptr, 0, &module);
+  if (!EFI_ERROR(status))
+    status = gBS->StartImage(module, nullptr, nullptr);
+  Say(u"LOAD module=%s status=%r\r\n", settings.module, status);
+  if (EFI_ERROR(status))
+    return status;
+
+  ModuleApi api;
+  void* iface = nullptr;
+  BOOLEAN hasCurrent = !EFI_ERROR(gBS->HandleProtocol(module, &VEX_TEST_MODULE_PROTOCOL_GUID, &iface));
+  if (hasCurrent && !settings.oldLayout)
+    api.current = static_cast<VEX_TEST_MODULE_PROTOCOL*>(iface);
+  BOOLEAN hasOld = !EFI_ERROR(gBS->HandleProtocol(module, &VEX_TEST_MODULE_OLD_PROTOCOL_GUID, &iface));
+  if (hasOld && settings.oldLayout)
+    api.old = static_cast<VEX_TEST_MODULE_OLD_PROTOCOL*>(iface);
+  Say(u"PROTOCOLS current=%s old=%s layout=%s\r\n", hasCurrent ? u"yes" : u"no", hasOld ? u"yes" : u"no",
+      settings.oldLayout ? u"old" : u"current");
+
+  if (api.current != nullptr || api.old != nullptr) {
+    CHAR16 name[64] = {};
+    VEX_GET_TEST_NAME getName = api.current != nullptr ? api.current->GetTestName : api.old->GetTestName;
+    VEX_GET_TEST_VERSION getVersion =
+        api.current != nullptr ? api.current->GetTestVersion : api.old->GetTestVersion;
+    getName(name, sizeof(name));
+    UINTN major = 0;
+    UINTN minor = 0;
+    wc::PoolPtr<CHAR16> build;
+    getVersion(&major, &minor, build.Receive());
+    Say(u"MODULE name=%s version=%d.%d build=\"%s\"\r\n", name, major, minor, build ? build.Get() : u"");
+    for (UINTN i = first; i < last; ++i) {
+      // Each call gets its own writable copy: the protocol takes a non-constant string.
+      wc::PoolPtr<CHAR16> options(StrDuplicate(settings.calls[i]));
+      if (options)
+        RunOneCall(api, options.Get());
+    }
+  } else {
+    Say(u"VexRun: the module installed no usable test-module protocol\r\n");
+  }
+
+  status = gBS->UnloadImage(module);
+  void* left = nullptr;
+  bool stillThere = !EFI_ERROR(gBS->LocateProtocol(&VEX_TEST_MODULE_PROTOCOL_GUID, nullptr, &left)) ||
+                    !EFI_ERROR(gBS->LocateProtocol(&VEX_TEST_MODULE_OLD_PROTOCOL_GUID, nullptr, &left));
+  Say(u"UNLOAD status=%r protocols=%s\r\n", status, stillThere ? u"still-installed" : u"removed");
+  return EFI_SUCCESS;
+}
+
 EFI_STATUS Run(EFI_HANDLE image) {
   Settings settings;
   if (!ParseArguments(image, settings)) {
-    Say(u"Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-old] [-v] [\"OPTION STRING\" ...]\r\n");
+    Say(u"Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-old] [-v] [-r] [\"OPTION STRING\" ...]\r\n");
     return EFI_INVALID_PARAMETER;
   }
   gState->verbose = settings.verbose;
@@ -388,51 +443,14 @@ EFI_STATUS Run(EFI_HANDLE image) {
       [&] { gBS->UninstallProtocolInterface(managerHandle, &VEX_MANAGER_PROTOCOL_GUID, &gManagerProtocol); });
 
   wc::PoolPtr<EFI_DEVICE_PATH_PROTOCOL> modulePath(FileDevicePath(self->DeviceHandle, settings.module));
-  EFI_HANDLE module = nullptr;
-  status = gBS->LoadImage(FALSE, image, modulePath.Get(), nullptr, 0, &module);
-  if (!EFI_ERROR(status))
-    status = gBS->StartImage(module, nullptr, nullptr);
-  Say(u"LOAD module=%s status=%r\r\n", settings.module, status);
-  if (EFI_ERROR(status))
-    return status;
-
-  ModuleApi api;
-  void* iface = nullptr;
-  BOOLEAN hasCurrent = !EFI_ERROR(gBS->HandleProtocol(module, &VEX_TEST_MODULE_PROTOCOL_GUID, &iface));
-  if (hasCurrent && !settings.oldLayout)
-    api.current = static_cast<VEX_TEST_MODULE_PROTOCOL*>(iface);
-  BOOLEAN hasOld = !EFI_ERROR(gBS->HandleProtocol(module, &VEX_TEST_MODULE_OLD_PROTOCOL_GUID, &iface));
-  if (hasOld && settings.oldLayout)
-    api.old = static_cast<VEX_TEST_MODULE_OLD_PROTOCOL*>(iface);
-  Say(u"PROTOCOLS current=%s old=%s layout=%s\r\n", hasCurrent ? u"yes" : u"no", hasOld ? u"yes" : u"no",
-      settings.oldLayout ? u"old" : u"current");
-
-  if (api.current != nullptr || api.old != nullptr) {
-    CHAR16 name[64] = {};
-    VEX_GET_TEST_NAME getName = api.current != nullptr ? api.current->GetTestName : api.old->GetTestName;
-    VEX_GET_TEST_VERSION getVersion =
-        api.current != nullptr ? api.current->GetTestVersion : api.old->GetTestVersion;
-    getName(name, sizeof(name));
-    UINTN major = 0;
-    UINTN minor = 0;
-    wc::PoolPtr<CHAR16> build;
-    getVersion(&major, &minor, build.Receive());
-    Say(u"MODULE name=%s version=%d.%d build=\"%s\"\r\n", name, major, minor, build ? build.Get() : u"");
-    for (UINTN i = 0; i < settings.callCount; ++i) {
-      // Each call gets its own writable copy: the protocol takes a non-constant string.
-      wc::PoolPtr<CHAR16> options(StrDuplicate(settings.calls[i]));
-      if (options)
-        RunOneCall(api, options.Get());
-    }
-  } else {
-    Say(u"VexRun: the module installed no usable test-module protocol\r\n");
+  if (!settings.reload)
+    return RunSession(image, modulePath.Get(), settings, 0, settings.callCount);
+  // A fresh image for every call: each starts from the module's load-time state.
+  for (UINTN i = 0; i < settings.callCount; ++i) {
+    status = RunSession(image, modulePath.Get(), settings, i, i + 1);
+    if (EFI_ERROR(status))
+      return status;
   }
-
-  status = gBS->UnloadImage(module);
-  void* left = nullptr;
-  bool stillThere = !EFI_ERROR(gBS->LocateProtocol(&VEX_TEST_MODULE_PROTOCOL_GUID, nullptr, &left)) ||
-                    !EFI_ERROR(gBS->LocateProtocol(&VEX_TEST_MODULE_OLD_PROTOCOL_GUID, nullptr, &left));
-  Say(u"UNLOAD status=%r protocols=%s\r\n", status, stillThere ? u"still-installed" : u"removed");
   return EFI_SUCCESS;
 }
 

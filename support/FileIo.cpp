@@ -19,3 +19,6 @@ EFI_STATUS FileIoOpenFile(const CHAR16*, UINT64, UINT64, EFI_FILE_PROTOCOL** Fil
 EFI_STATUS FileIoPrintV(EFI_FILE_PROTOCOL*, const CHAR16*, const PrintArg*, UINTN) {
   return EFI_UNSUPPORTED;
 }
+EFI_STATUS FileIoResolveModulePath(CHAR16*, UINTN) {
+  return EFI_UNSUPPORTED;
+}

@@ -9,6 +9,8 @@ struct EFI_FILE_PROTOCOL;
 EFI_STATUS FileIoInitialize(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE* SystemTable);
 // Makes Path (a buffer of PathSize bytes) absolute against the current directory.
 EFI_STATUS FileIoResolvePath(CHAR16* Path, UINTN PathSize);
+// The same, relative paths taken from the module's own directory.
+EFI_STATUS FileIoResolveModulePath(CHAR16* Path, UINTN PathSize);
 EFI_STATUS FileIoDeleteFile(const CHAR16* Path);
 EFI_STATUS FileIoOpenFile(const CHAR16* Path, UINT64 OpenMode, UINT64 Attributes, EFI_FILE_PROTOCOL** File);
 // Formats into at most 2048 bytes and appends the text at the end of the file.

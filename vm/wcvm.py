@@ -73,6 +73,7 @@ class VmConfig:
     script: str = ""  # answers for prompts, progress and menus
     verbose: bool = False  # manager shows the output flags of every line
     old_layout: bool = False
+    reload: bool = False  # a fresh module image for every call
     timeout: int = 240
     shell_before: list = field(default_factory=list)  # extra shell lines before the manager
 
@@ -131,6 +132,8 @@ def _startup_script(cfg):
         args += " -v"
     if cfg.old_layout:
         args += " -old"
+    if cfg.reload:
+        args += " -r"
     lines.append(f"VexRun.efi {args}")
     lines.append("reset -s")
     return "\r\n".join(lines) + "\r\n"

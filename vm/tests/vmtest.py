@@ -21,3 +21,20 @@ def call_blocks(run):
         elif blocks:
             blocks[-1][1].append(line)
     return blocks
+
+
+def runtime_text(lines):
+    """What a call showed during its run-time operation: the lines up to its RUNTIME line."""
+    shown = []
+    for line in lines:
+        if line.startswith("RUNTIME "):
+            return "\n".join(shown) + ("\n" if shown else "")
+        shown.append(line)
+    raise AssertionError("no RUNTIME line in the call")
+
+
+def expected(name):
+    path = os.path.join(os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)))),
+                        "unittest", "expected", name)
+    with open(path) as f:
+        return f.read()
