@@ -5,6 +5,7 @@
 #include "base/Globals.h"
 #include "base/Memory.h"
 #include "uefi/protocol/ServiceBinding.h"
+#include "uefi/protocol/SimpleFileSystem.h"
 
 namespace wc {
 
@@ -157,6 +158,35 @@ public:
 private:
   EFI_SERVICE_BINDING_PROTOCOL* binding_ = nullptr;
   EFI_HANDLE child_ = nullptr;
+};
+
+// An open file or directory of a simple file system; closed on release.
+class FileOwner {
+public:
+  FileOwner() = default;
+  explicit FileOwner(EFI_FILE_PROTOCOL* f) : f_(f) {}
+  FileOwner(FileOwner&& o) noexcept : f_(Exchange<EFI_FILE_PROTOCOL*>(o.f_, nullptr)) {}
+  FileOwner(const FileOwner&) = delete;
+  FileOwner& operator=(const FileOwner&) = delete;
+  ~FileOwner() { Close(); }
+
+  EFI_FILE_PROTOCOL* Get() const { return f_; }
+  EFI_FILE_PROTOCOL* operator->() const { return f_; }
+  explicit operator bool() const { return f_ != nullptr; }
+  EFI_FILE_PROTOCOL** Receive() {
+    Close();
+    return &f_;
+  }
+  EFI_FILE_PROTOCOL* Release() { return Exchange<EFI_FILE_PROTOCOL*>(f_, nullptr); }
+  void Close() {
+    if (f_ != nullptr) {
+      EFI_FILE_PROTOCOL* f = Exchange<EFI_FILE_PROTOCOL*>(f_, nullptr);
+      f->Close(f);
+    }
+  }
+
+private:
+  EFI_FILE_PROTOCOL* f_ = nullptr;
 };
 
 } // namespace wc

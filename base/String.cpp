@@ -1,5 +1,32 @@
 #include "base/String.h"
 #include "base/Memory.h"
+#include "uefi/protocol/UnicodeCollation.h"
+
+namespace {
+constinit EFI_UNICODE_COLLATION_PROTOCOL* gCollation = nullptr;
+}
+
+void SetUnicodeCollation(EFI_UNICODE_COLLATION_PROTOCOL* Collation) {
+  gCollation = Collation;
+}
+
+void StrToLower(CHAR16* s) {
+  if (s == nullptr)
+    return;
+  if (gCollation != nullptr)
+    gCollation->StrLwr(gCollation, s);
+  else
+    StrLwrAscii(s);
+}
+
+void StrToUpper(CHAR16* s) {
+  if (s == nullptr)
+    return;
+  if (gCollation != nullptr)
+    gCollation->StrUpr(gCollation, s);
+  else
+    StrUprAscii(s);
+}
 
 UINTN StrLen(const CHAR16* s) {
   UINTN n = 0;

@@ -26,6 +26,13 @@ constexpr CHAR16 CharToUpper(CHAR16 c) {
 void StrLwrAscii(CHAR16* s);
 void StrUprAscii(CHAR16* s);
 
+// Whole-string case conversion: through the firmware's Unicode collation protocol once file
+// access has found it, otherwise A-Z / a-z only.
+struct EFI_UNICODE_COLLATION_PROTOCOL;
+void SetUnicodeCollation(EFI_UNICODE_COLLATION_PROTOCOL* Collation);
+void StrToLower(CHAR16* s);
+void StrToUpper(CHAR16* s);
+
 // Copies as much of Source as fits; returns FALSE when it had to cut.
 BOOLEAN StrCopy(CHAR16* Destination, UINTN DestinationSize, const CHAR16* Source);
 BOOLEAN StrAppend(CHAR16* Destination, UINTN DestinationSize, const CHAR16* Source);

@@ -6,6 +6,7 @@
 #include "frame/TestModule.h"
 #include "options/Catalog.h"
 #include "report/Output.h"
+#include "support/DebugLog.h"
 #include "support/FileIo.h"
 #include "support/Platform.h"
 #include "uefi/protocol/LoadedImage.h"
@@ -48,9 +49,11 @@ EFI_STATUS InitializeTestModule(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE* System
     return status;
   }
 
-  status = InitializeSmbios(SystemTable);
+  status = EfiSmbiosLibInitialize(ImageHandle, SystemTable);
   if (EFI_ERROR(status))
     ErrorPrint(u"Failed to Initialize EfiSmbiosLib. (%r)\r\n", status);
+  else
+    DebugLogPrint(u"Platform family id %d\r\n", GetPlatformFamilyId());
 
   EFI_LOADED_IMAGE_PROTOCOL* image = nullptr;
   status =

@@ -10,7 +10,7 @@ UINTN gStoreCount = 0;
 bool LowerCopy(CHAR16 (&buffer)[kOptionNameChars], const CHAR16* name) {
   if (name == nullptr || !StrCopy(buffer, sizeof(buffer), name))
     return false;
-  StrLwrAscii(buffer);
+  StrToLower(buffer);
   return true;
 }
 

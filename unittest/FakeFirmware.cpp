@@ -1,5 +1,6 @@
 #include "unittest/FakeFirmware.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -53,6 +54,32 @@ EFI_STATUS EFIAPI FakeLocateProtocol(const EFI_GUID* guid, void*, void** iface) 
     }
   *iface = nullptr;
   return EFI_NOT_FOUND;
+}
+
+EFI_STATUS EFIAPI FakeLocateHandleBuffer(EFI_LOCATE_SEARCH_TYPE type, const EFI_GUID* guid, void*,
+                                         UINTN* count, EFI_HANDLE** buffer) {
+  std::vector<EFI_HANDLE> found;
+  for (auto& p : F().protocols)
+    if ((type == AllHandles || p.guid == *guid) &&
+        std::find(found.begin(), found.end(), p.handle) == found.end())
+      found.push_back(p.handle);
+  if (found.empty())
+    return EFI_NOT_FOUND;
+  void* memory = nullptr;
+  EFI_STATUS status = FakeAllocatePool(EfiBootServicesData, found.size() * sizeof(EFI_HANDLE), &memory);
+  if (EFI_ERROR(status))
+    return status;
+  std::memcpy(memory, found.data(), found.size() * sizeof(EFI_HANDLE));
+  *buffer = static_cast<EFI_HANDLE*>(memory);
+  *count = found.size();
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI FakeGetTime(EFI_TIME* time, EFI_TIME_CAPABILITIES*) {
+  if (!F().clockWorks)
+    return EFI_DEVICE_ERROR;
+  *time = EFI_TIME{2024, 1, 3, 16, 39, 14, 0, 0, 0, 0, 0};
+  return EFI_SUCCESS;
 }
 
 EFI_STATUS EFIAPI FakeInstallMultiple(EFI_HANDLE* handle, ...) {
@@ -180,6 +207,8 @@ FakeFirmware::FakeFirmware() {
   bs.LocateProtocol = FakeLocateProtocol;
   bs.InstallMultipleProtocolInterfaces = FakeInstallMultiple;
   bs.UninstallMultipleProtocolInterfaces = FakeUninstallMultiple;
+  bs.LocateHandleBuffer = FakeLocateHandleBuffer;
+  rt.GetTime = FakeGetTime;
   rt.GetNextVariableName = FakeGetNextVariableName;
   rt.GetVariable = FakeGetVariable;
   conOut.OutputString = FakeOutputString;

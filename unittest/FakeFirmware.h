@@ -33,6 +33,7 @@ struct FakeFirmware {
   };
   std::vector<Installed> protocols;
   EFI_STATUS failInstallWith = EFI_SUCCESS;
+  bool clockWorks = true; // GetTime answers 2024-01-03 16:39:14 when it works
 
   struct Variable {
     std::u16string name;

@@ -76,6 +76,7 @@ class VmConfig:
     reload: bool = False  # a fresh module image for every call
     timeout: int = 240
     shell_before: list = field(default_factory=list)  # extra shell lines before the manager
+    cwd: str = ""  # the shell's current directory on fs0: when the manager runs (made if missing)
 
 
 @dataclass
@@ -125,6 +126,8 @@ def _startup_script(cfg):
         lines.append(f'setvar {name} -guid {guid} -bs -rt -nv =L"{value}"')
     lines += cfg.shell_before
     lines.append("fs0:")
+    if cfg.cwd:
+        lines += [f"mkdir {cfg.cwd}", f"cd {cfg.cwd}"]
     args = "-c calls.txt"
     if cfg.script:
         args += " -s script.txt"
@@ -134,7 +137,7 @@ def _startup_script(cfg):
         args += " -old"
     if cfg.reload:
         args += " -r"
-    lines.append(f"VexRun.efi {args}")
+    lines.append(f"fs0:\\VexRun.efi {args}")
     lines.append("reset -s")
     return "\r\n".join(lines) + "\r\n"
 

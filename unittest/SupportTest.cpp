@@ -1,0 +1,367 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "base/Memory.h"
+#include "support/DebugLog.h"
+#include "support/FileIo.h"
+#include "support/Platform.h"
+#include "unittest/FakeFileSystem.h"
+#include "unittest/FakeFirmware.h"
+
+namespace {
+
+EFI_HANDLE const kImage = reinterpret_cast<EFI_HANDLE>(0x1000);
+EFI_HANDLE const kVolumeA = reinterpret_cast<EFI_HANDLE>(0x3000);
+EFI_HANDLE const kVolumeB = reinterpret_cast<EFI_HANDLE>(0x3100);
+
+std::vector<uint8_t> DevicePathBytes(std::vector<std::vector<uint8_t>> nodes) {
+  std::vector<uint8_t> path;
+  for (auto& n : nodes)
+    path.insert(path.end(), n.begin(), n.end());
+  path.insert(path.end(), {0x7F, 0xFF, 4, 0});
+  return path;
+}
+
+std::vector<uint8_t> FileNode(const std::u16string& name) {
+  std::vector<uint8_t> node = {4, 4, 0, 0};
+  for (char16_t c : name)
+    node.insert(node.end(), {uint8_t(c), uint8_t(c >> 8)});
+  node.insert(node.end(), {0, 0});
+  node[2] = uint8_t(node.size());
+  node[3] = uint8_t(node.size() >> 8);
+  return node;
+}
+
+std::vector<uint8_t> PciNode(uint8_t device) {
+  return {1, 1, 6, 0, 0, device};
+}
+
+// A shell with two mapped volumes, fs0: on PCI device 1 and fs1: on PCI device 2.
+struct FakeShell {
+  static inline std::u16string cwd;
+  static const CHAR16* EFIAPI GetEnv(const CHAR16* name) {
+    return std::u16string(name) == u"cwd" && !cwd.empty() ? cwd.c_str() : nullptr;
+  }
+  static EFI_DEVICE_PATH_PROTOCOL* EFIAPI FromFilePath(const CHAR16* path) {
+    std::u16string p = path;
+    uint8_t device = p.starts_with(u"fs0:") || p.starts_with(u"FS0:") ? 1 : p.starts_with(u"fs1:") ? 2 : 0;
+    if (device == 0)
+      return nullptr;
+    auto bytes = DevicePathBytes({PciNode(device), FileNode(u"")}); // the shell appends the file part
+    return static_cast<EFI_DEVICE_PATH_PROTOCOL*>(AllocateCopyPool(bytes.size(), bytes.data()));
+  }
+};
+
+struct FileIoTest : ::testing::Test {
+  FakeFirmware fw;
+  FakeFileSystem volA, volB;
+  EFI_LOADED_IMAGE_PROTOCOL image{};
+  std::vector<uint8_t> imagePath = DevicePathBytes({FileNode(u"\\EFI\\tools\\Wirecheck.efi")});
+  std::vector<uint8_t> pathA = DevicePathBytes({PciNode(1)});
+  std::vector<uint8_t> pathB = DevicePathBytes({PciNode(2)});
+  EFI_SHELL_PROTOCOL shell{};
+
+  void SetUp() override {
+    FileIoReset();
+    DebugLogReset();
+    image.DeviceHandle = kVolumeA;
+    image.FilePath = reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL*>(imagePath.data());
+    fw.AddProtocol(kImage, EFI_LOADED_IMAGE_PROTOCOL_GUID, &image);
+    fw.AddProtocol(kVolumeA, EFI_SIMPLE_FILE_SYSTEM_PROTOCOL_GUID, volA.Protocol());
+    fw.AddProtocol(kVolumeA, EFI_DEVICE_PATH_PROTOCOL_GUID, pathA.data());
+    fw.AddProtocol(kVolumeB, EFI_SIMPLE_FILE_SYSTEM_PROTOCOL_GUID, volB.Protocol());
+    fw.AddProtocol(kVolumeB, EFI_DEVICE_PATH_PROTOCOL_GUID, pathB.data());
+    volA.AddDirectory(u"\\EFI\\tools");
+  }
+  void Start(bool withShell = false, std::u16string cwd = u"") {
+    if (withShell) {
+      FakeShell::cwd = cwd;
+      shell.GetEnv = FakeShell::GetEnv;
+      shell.GetDevicePathFromFilePath = FakeShell::FromFilePath;
+      fw.AddProtocol(reinterpret_cast<EFI_HANDLE>(0x5000), EFI_SHELL_PROTOCOL_GUID, &shell);
+    }
+    ASSERT_EQ(FileIoInitialize(kImage, &fw.st), EFI_SUCCESS);
+  }
+  void TearDown() override {
+    EXPECT_EQ(volA.openHandles + volB.openHandles, 0) << "files left open";
+    EXPECT_TRUE(fw.pool.empty()) << fw.pool.size() << " pool allocations left";
+    FileIoReset();
+    DebugLogReset();
+  }
+  std::u16string Resolved(std::u16string path, bool fromModule = false) {
+    char16_t buffer[512];
+    std::memcpy(buffer, path.c_str(), (path.size() + 1) * 2);
+    fromModule ? FileIoResolveModulePath(buffer, sizeof(buffer)) : FileIoResolvePath(buffer, sizeof(buffer));
+    return buffer;
+  }
+  std::string Log() { return volA.Content(u"\\EFI\\tools\\Debug.log"); }
+};
+
+TEST_F(FileIoTest, DebugLogLinesBesideTheModule) {
+  Start();
+  char16_t dir[64];
+  FileIoGetModuleDirectory(dir, sizeof(dir));
+  EXPECT_EQ(std::u16string(dir), u"\\EFI\\tools\\");
+  EXPECT_EQ(std::u16string(DebugLogPath()), u"\\EFI\\tools\\Debug.log");
+
+  DebugLogPrint(u"hello %d\r\n", 5);
+  DebugLogWrite(u"wide \u0141 char\r\n"); // only the low byte of U+0141 is kept
+  fw.clockWorks = false;
+  DebugLogWrite(u"no clock\r\n");
+  EXPECT_EQ(Log(), "2024-01-03 16:39:14  hello 5\r\n2024-01-03 16:39:14  wide A char\r\n"
+                   "Clock not functional  no clock\r\n");
+
+  volA.Find(u"\\EFI\\tools\\Debug.log")->data.clear();
+  fw.clockWorks = true;
+  DebugLogWrite(std::u16string(1500, u'x').c_str());
+  EXPECT_EQ(Log().size(), 1023u);
+}
+
+TEST_F(FileIoTest, DebugLogPathVariableAndMissingDirectory) {
+  fw.SetVariable(u"DEBUGLOGPATH", DEBUG_LOG_PATH_VARIABLE_GUID, u"\\logs\\run.log");
+  Start();
+  EXPECT_EQ(std::u16string(DebugLogPath()), u"\\logs\\run.log");
+  EXPECT_NE(DebugLogWrite(u"lost\r\n"), EFI_SUCCESS); // its directory does not exist
+  EXPECT_EQ(volA.Find(u"\\logs"), nullptr);
+  volA.AddDirectory(u"\\logs");
+  EXPECT_EQ(DebugLogWrite(u"kept\r\n"), EFI_SUCCESS);
+  EXPECT_EQ(volA.Content(u"\\logs\\run.log"), "2024-01-03 16:39:14  kept\r\n");
+  EXPECT_EQ(Log(), "");
+}
+
+TEST_F(FileIoTest, DirectoriesAndFilesWithTheirParents) {
+  Start();
+  EXPECT_EQ(FileIoCreateDirectory(u"\\a\\b\\d"), EFI_SUCCESS);
+  EXPECT_EQ(volA.Names(u"\\"), (std::vector<std::u16string>{u"EFI", u"a"}));
+  EXPECT_TRUE(volA.Find(u"\\a\\b\\d")->directory);
+  EXPECT_EQ(FileIoCreateDirectory(u"\\a\\b\\d"), EFI_SUCCESS);
+
+  volA.AddFile(u"\\a\\f.txt", "keep");
+  EXPECT_EQ(FileIoCreateFile(u"\\a\\f.txt"), EFI_SUCCESS);
+  EXPECT_EQ(volA.Content(u"\\a\\f.txt"), "keep");
+  EXPECT_EQ(FileIoCreateFile(u"\\a\\b"), EFI_WRITE_PROTECTED);
+  EXPECT_EQ(FileIoCreateDirectory(u"\\a\\f.txt\\sub"), EFI_WRITE_PROTECTED);
+  EXPECT_NE(
+      Log().find(
+          "Failed creating directory at \"\\a\\f.txt\". A file exists there already. (Write Protected)"),
+      std::string::npos);
+  EXPECT_EQ(FileIoCreateFile(u"\\new\\deep\\n.txt"), EFI_SUCCESS);
+  EXPECT_TRUE(volA.Find(u"\\new\\deep")->directory);
+
+  EXPECT_TRUE(FileIoFileExists(u"\\a\\f.txt"));
+  EXPECT_FALSE(FileIoFileExists(u"\\a\\b"));
+  EXPECT_FALSE(FileIoFileExists(u"\\a\\none"));
+  EXPECT_EQ(FileIoDeleteFile(u"\\a\\f.txt"), EFI_SUCCESS);
+  EXPECT_EQ(FileIoDeleteFile(u"\\a\\f.txt"), EFI_NOT_FOUND);
+}
+
+TEST_F(FileIoTest, ListingPutsDirectoriesFirst) {
+  Start();
+  volA.AddFile(u"\\d\\one.txt");
+  volA.AddDirectory(u"\\d\\sub1");
+  volA.AddFile(u"\\d\\two.txt");
+  volA.AddDirectory(u"\\d\\sub2");
+  volA.AddFile(u"\\d\\three.txt");
+  volA.AddDirectory(u"\\empty");
+  FILE_IO_LIST_ENTRY* list = nullptr;
+  UINTN count = 0;
+  ASSERT_EQ(FileIoListDirectory(u"\\d", &list, &count), EFI_SUCCESS);
+  std::vector<std::u16string> names;
+  for (UINTN i = 0; i < count; ++i) {
+    names.push_back(list[i].FileName);
+    EXPECT_EQ((list[i].Attribute & EFI_FILE_DIRECTORY) != 0, i < 2);
+    FreePool(list[i].FileName);
+  }
+  FreePool(list);
+  EXPECT_EQ(names, (std::vector<std::u16string>{u"sub1", u"sub2", u"one.txt", u"two.txt", u"three.txt"}));
+  ASSERT_EQ(FileIoListDirectory(u"\\empty", &list, &count), EFI_SUCCESS);
+  EXPECT_EQ(count, 0u);
+  FreePool(list);
+  EXPECT_EQ(FileIoListDirectory(u"\\missing", &list, &count), EFI_NOT_FOUND);
+}
+
+TEST_F(FileIoTest, WholeReadsAndPositionedWrites) {
+  Start();
+  volA.AddFile(u"\\zero.bin");
+  void* data = nullptr;
+  UINTN size = 99;
+  ASSERT_EQ(FileIoReadFile(u"\\zero.bin", &data, &size), EFI_SUCCESS);
+  EXPECT_EQ(size, 0u);
+  FreePool(data);
+  EXPECT_EQ(FileIoReadFile(u"\\none.bin", &data, &size), EFI_NOT_FOUND);
+  EXPECT_EQ(data, nullptr);
+
+  EXPECT_EQ(FileIoWriteFile(u"\\w.bin", "abcdef", 6, 0), EFI_SUCCESS);
+  EXPECT_EQ(FileIoWriteFile(u"\\w.bin", "XY", 2, 2), EFI_SUCCESS);
+  EXPECT_EQ(FileIoWriteFile(u"\\w.bin", "!", 1, kFileIoEndOfFile), EFI_SUCCESS);
+  ASSERT_EQ(FileIoReadFile(u"\\w.bin", &data, &size), EFI_SUCCESS);
+  EXPECT_EQ(std::string(static_cast<char*>(data), size), "abXYef!");
+  FreePool(data);
+
+  volA.AddFile(u"\\at_limit.log", std::string(5000000, 'a'));
+  volA.AddFile(u"\\over_limit.log", std::string(5000001, 'a'));
+  FileIoWriteFile(u"\\at_limit.log", "z", 1, kFileIoEndOfFile);
+  FileIoWriteFile(u"\\over_limit.log", "z", 1, kFileIoEndOfFile);
+  EXPECT_EQ(volA.Find(u"\\at_limit.log")->data.size(), 5000001u);
+  EXPECT_EQ(volA.Content(u"\\over_limit.log"), "z");
+
+  EFI_FILE_PROTOCOL* file = nullptr;
+  ASSERT_EQ(
+      FileIoOpenFile(u"\\cat.xml", EFI_FILE_MODE_CREATE | EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE, 0, &file),
+      EFI_SUCCESS);
+  FileIoPrint(file, u"<A %s=\"%d\">", u"n", 7);
+  FileIoWriteString(file, u"\u00E9");
+  file->Close(file);
+  EXPECT_EQ(volA.Content(u"\\cat.xml"), std::string("<\0A\0 \0n\0=\0\"\0007\0\"\0>\0\xE9\0", 20));
+}
+
+TEST_F(FileIoTest, PathResolution) {
+  Start();
+  EXPECT_EQ(Resolved(u"\\a\\.\\b\\..\\d"), u"\\a\\d");
+  EXPECT_EQ(Resolved(u"..\\x"), u"\\EFI\\x");    // the current directory is the module's
+  EXPECT_EQ(Resolved(u"..\\..\\..\\x"), u"\\x"); // ".." at the root stays there
+  EXPECT_EQ(Resolved(u"\\a\\\\b"), u"\\a\\b");
+  EXPECT_EQ(Resolved(u"fs3:\\x.txt"), u"\\x.txt"); // no shell: the volume name is dropped
+  EXPECT_EQ(Resolved(u"msg.xml", true), u"\\EFI\\tools\\msg.xml");
+  EXPECT_EQ(Resolved(u"\\"), u"\\");
+  std::u16string deep;
+  for (int i = 0; i < 72; ++i)
+    deep += u"abcdef\\";
+  std::u16string cut = Resolved(deep); // the current directory in front: cut, never overrun
+  EXPECT_LE(cut.size(), 511u);
+  EXPECT_TRUE(cut.starts_with(u"\\EFI\\tools\\abcdef\\abcdef"));
+
+  // Without the shell, every path lies on the module's own volume.
+  EXPECT_EQ(FileIoWriteFile(u"fs1:\\x.txt", "1", 1, 0), EFI_SUCCESS);
+  EXPECT_EQ(volA.Content(u"\\x.txt"), "1");
+}
+
+TEST_F(FileIoTest, ShellMapNamesAndCurrentDirectory) {
+  volB.AddDirectory(u"\\EFI\\tools");
+  Start(true, u"fs1:\\tools");
+  EXPECT_EQ(Resolved(u"fs0:\\a\\..\\b"), u"fs0:\\b");
+  EXPECT_EQ(Resolved(u"rel.txt"), u"\\tools\\rel.txt");
+
+  EXPECT_EQ(FileIoWriteFile(u"FS0:\\a.txt", "A", 1, 0), EFI_SUCCESS);
+  EXPECT_EQ(FileIoWriteFile(u"fs1:\\b.txt", "B", 1, 0), EFI_SUCCESS);
+  EXPECT_EQ(FileIoWriteFile(u"\\c.txt", "C", 1, 0), EFI_SUCCESS);         // the cwd's volume
+  EXPECT_EQ(FileIoWriteFile(u"fsdata\\d.txt", "D", 1, 0), EFI_NOT_FOUND); // relative, no such directory
+  EXPECT_EQ(volA.Content(u"\\a.txt"), "A");
+  EXPECT_EQ(volB.Content(u"\\b.txt"), "B");
+  EXPECT_EQ(volB.Content(u"\\c.txt"), "C");
+  EXPECT_EQ(FileIoWriteFile(u"fs7:\\e.txt", "E", 1, 0), EFI_NOT_FOUND);
+  // The log follows the shell's current directory onto fs1:.
+  EXPECT_NE(volB.Content(u"\\EFI\\tools\\Debug.log").find("Failed to get devpath for path [fs7:\\e.txt]"),
+            std::string::npos);
+}
+
+// ---- SMBIOS ----
+
+struct Smbios {
+  std::vector<uint8_t> table;
+  void Add(uint8_t type, std::vector<uint8_t> formatted, std::vector<std::string> strings) {
+    table.push_back(type);
+    table.push_back(uint8_t(formatted.size() + 4));
+    table.insert(table.end(), {0x00, 0x01});
+    table.insert(table.end(), formatted.begin(), formatted.end());
+    for (auto& s : strings) {
+      table.insert(table.end(), s.begin(), s.end());
+      table.push_back(0);
+    }
+    if (strings.empty())
+      table.push_back(0);
+    table.push_back(0);
+  }
+  // Type 1 with the family string as string 1 (offset 0x1A), length 0x1B unless given.
+  void System(const std::string& family, uint8_t length = 0x1B) {
+    std::vector<uint8_t> formatted(length - 4, 0);
+    if (length > 0x1A)
+      formatted[0x1A - 4] = 1;
+    Add(1, formatted, {family});
+  }
+  void Board(const std::string& product) { Add(2, {1, 2}, {"Maker", product}); }
+  void Use() { SmbiosUseTable(table.data(), uint16_t(table.size())); }
+};
+
+struct SmbiosTest : ::testing::Test {
+  FakeFirmware fw;
+  void TearDown() override {
+    SmbiosUseTable(nullptr, 0);
+    EXPECT_TRUE(fw.pool.empty());
+  }
+};
+
+TEST_F(SmbiosTest, SystemIdentifier) {
+  Smbios s;
+  s.System("x");
+  s.Board("Q35PLUS");
+  s.Use();
+  char16_t id[10];
+  ASSERT_EQ(GetSystemId(id, sizeof(id)), EFI_SUCCESS);
+  EXPECT_EQ(std::u16string(id), u"Q35P");
+  EXPECT_EQ(GetSystemId(id, 8), EFI_INVALID_PARAMETER);
+
+  Smbios none;
+  none.System("x");
+  none.Add(2, {0, 0}, {}); // a baseboard without a product string
+  none.Use();
+  ASSERT_EQ(GetSystemId(id, sizeof(id)), EFI_SUCCESS);
+  EXPECT_EQ(std::u16string(id), u"XXXX");
+  SmbiosUseTable(nullptr, 0);
+  EXPECT_EQ(GetSystemId(id, sizeof(id)), EFI_SUCCESS);
+  EXPECT_EQ(std::u16string(id), u"XXXX");
+}
+
+TEST_F(SmbiosTest, PlatformFamilies) {
+  struct {
+    std::string family;
+    uint8_t length;
+    int oem201;
+    UINTN id;
+  } cases[] = {
+      {"1A00_QEMUVM", 0x1B, 0, 1},        {"1a00_qemuvm", 0x1B, 0, 1}, // lower case matches
+      {"WIRELINE-X2000", 0x1B, 0, 8},     {"NETEDGE", 0x1B, 0, 11},    // longer strings match their key
+      {"1B11_SRV210", 0x1B, 0, 2},        {"1A00_QEMUVM", 0x19, 0, 0}, // type 1 too short
+      {"Unknown Family", 0x1B, 1, 8},     {"Unknown Family", 0x1B, 2, 0},
+      {std::string(60, 'W'), 0x1B, 0, 0}, {"", 0x1B, 0, 0},
+  };
+  for (auto& c : cases) {
+    Smbios s;
+    s.Board("B");
+    s.System(c.family, c.length);
+    for (int i = 0; i < c.oem201; ++i)
+      s.Add(201, {}, {});
+    s.Use();
+    EXPECT_EQ(GetPlatformFamilyId(), c.id) << c.family << " " << int(c.length);
+  }
+  Smbios noSystem;
+  noSystem.Board("B");
+  noSystem.Use();
+  EXPECT_EQ(GetPlatformFamilyId(), 0u);
+}
+
+TEST_F(SmbiosTest, WalkStaysInsideTheTable) {
+  Smbios s;
+  s.Board("ABCDEF");
+  s.System("1A00_QEMUVM");
+  std::vector<uint8_t> cut(s.table.begin(), s.table.end() - 3); // the last string set runs off the end
+  SmbiosUseTable(cut.data(), uint16_t(cut.size()));
+  const SMBIOS_STRUCTURE** list = nullptr;
+  UINT16 count = 0;
+  EXPECT_EQ(SmbiosGetStructures(1, &list, &count), EFI_NOT_FOUND);
+  ASSERT_EQ(SmbiosGetStructures(2, &list, &count), EFI_SUCCESS);
+  EXPECT_EQ(count, 1u);
+  EXPECT_STREQ(SmbiosGetString(list[0], 2), "ABCDEF");
+  EXPECT_EQ(SmbiosGetString(list[0], 3), nullptr);
+  EXPECT_EQ(SmbiosGetString(list[0], 0), nullptr);
+  FreePool(list);
+
+  std::vector<uint8_t> bogus = {1, 2, 0, 0, 0, 0}; // length below the header
+  SmbiosUseTable(bogus.data(), uint16_t(bogus.size()));
+  EXPECT_EQ(SmbiosGetStructures(1, &list, &count), EFI_NOT_FOUND);
+}
+
+} // namespace

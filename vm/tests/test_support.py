@@ -1,0 +1,57 @@
+"""File access, the debug log and platform identity in OVMF."""
+import os
+import re
+import unittest
+
+from vmtest import boot, call_blocks, expected
+
+STAMP = r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d  "
+
+
+def read(run, *parts):
+    path = os.path.join(run.files_dir, *parts)
+    if not os.path.exists(path):
+        return None
+    with open(path, "rb") as f:
+        return f.read()
+
+
+class FilesAndIdentity(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.run_ = boot(["-catalog=fs0:\\cat.xml", "-catalog=here.xml", "-test=detectcable"],
+                        smbios=["1,family=1a00_qemuvm-lab", "2,product=Q35BOARD"], cwd="\\work")
+
+    def test_debug_log_beside_the_module_has_identity_lines(self):
+        log = read(self.run_, "Debug.log").decode("latin-1")
+        self.assertRegex(log, STAMP + r"System ID: Q35B\r\n")
+        # The family string is upper-cased and matched by its key's prefix.
+        self.assertRegex(log, STAMP + r"Platform family id 1\r\n")
+        for line in log.split("\r\n")[:-1]:
+            self.assertRegex(line, "^" + STAMP)
+
+    def test_catalog_file_is_ucs2_without_byte_order_mark(self):
+        data = read(self.run_, "cat.xml")
+        self.assertNotEqual(data[:2], b"\xff\xfe")
+        want = expected("catalog.xml").replace("\n", "\r\n")
+        self.assertEqual(data.decode("utf-16-le"), want[:-2])  # the file has no final line end
+
+    def test_relative_catalog_path_follows_the_shell_directory(self):
+        # \work is the shell's current directory.
+        self.assertEqual(read(self.run_, "work", "here.xml"), read(self.run_, "cat.xml"))
+        blocks = dict(call_blocks(self.run_))
+        self.assertIn("RESULT result=Passed error=0x0 status=Success", blocks["-catalog=here.xml"])
+
+
+class LogPathVariable(unittest.TestCase):
+    def test_debuglogpath_names_the_log_file(self):
+        run = boot(["-version"], variables=[("DEBUGLOGPATH", "59D1C24F-50F1-401A-B101-F33E0DAED443",
+                                             "fs0:\\logs\\run.log")], shell_before=["mkdir fs0:\\logs"])
+        log = read(run, "logs", "run.log").decode("latin-1")
+        self.assertNotIn("System ID", log)  # QEMU has no baseboard structure by default
+        self.assertRegex(log, STAMP + r"Unsupported SMBIOS Family string: \r\n")
+        self.assertIsNone(read(run, "Debug.log"))
+
+
+if __name__ == "__main__":
+    unittest.main()
