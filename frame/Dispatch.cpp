@@ -4,6 +4,7 @@
 #include "options/OptionStore.h"
 #include "report/Output.h"
 #include "report/Results.h"
+#include "tests/PingTest.h"
 
 namespace {
 
@@ -19,13 +20,13 @@ struct TestEntry {
 
 // Indexed by test number; the order is the order of the test table.
 constexpr TestEntry kTests[kTestCount] = {
-    {nullptr, 10}, // pingtest
-    {nullptr, 10}, // detectcable
-    {nullptr, 60}, // interactivenetworktest
-    {nullptr, 10}, // macaddresstest
-    {nullptr, 10}, // SpeedTest
-    {nullptr, 10}, // NicSpeedTest
-    {nullptr, 10}, // IRQTest
+    {PingTest, 10}, // pingtest
+    {nullptr, 10},  // detectcable
+    {nullptr, 60},  // interactivenetworktest
+    {nullptr, 10},  // macaddresstest
+    {nullptr, 10},  // SpeedTest
+    {nullptr, 10},  // NicSpeedTest
+    {nullptr, 10},  // IRQTest
 };
 
 bool IsKnownTest(INT32 number) {

@@ -235,7 +235,8 @@ TEST_F(ModuleTest, GlobalOptionsAnswerTheCall) {
 
   c = Execute(p, u"-DEBUG=LOG -test=pingtest");
   EXPECT_EQ(GetDebugLevel(), DEBUG_LEVEL_LOG);
-  EXPECT_EQ(c.result, TEST_RESULT_SOFTWARE_ERROR); // ran (no ping procedure yet)
+  EXPECT_EQ(c.result, TEST_RESULT_FAILED); // the ping test ran: the fake firmware has no NIC
+  EXPECT_EQ(c.error, ERROR_CODE_NO_NIC);
   c = Execute(p, u"===");
   EXPECT_EQ(c.result, TEST_RESULT_FAILED);
 }

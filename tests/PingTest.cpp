@@ -1,0 +1,314 @@
+#include "tests/PingTest.h"
+#include "base/DevicePathText.h"
+#include "base/Globals.h"
+#include "base/Owners.h"
+#include "base/String.h"
+#include "nic/HiiConfig.h"
+#include "nic/ServiceChildren.h"
+#include "options/OptionStore.h"
+#include "ping/Dhcp.h"
+#include "ping/IcmpEcho.h"
+#include "report/Output.h"
+#include "report/Progress.h"
+#include "report/Results.h"
+#include "support/Platform.h"
+
+namespace {
+
+constexpr UINTN kCableChecks = 6;
+constexpr UINTN kCablePause = 1000000;  // µs between cable checks
+constexpr UINTN kDeniedRetries = 100;   // DHCP refused while another client is active
+constexpr UINTN kDeniedPause = 200000;  // µs
+constexpr UINTN kTimeoutPause = 100000; // µs before the one retry after a DHCP time-out
+constexpr UINTN kPromptConnectCable = 25;
+constexpr const CHAR16* kMessageFile = u"Wirecheck.msg.xml";
+constexpr UINT32 kCurrentUefi = 0x2001E;        // 2.30
+constexpr UINT32 kCurrentUefiFamily1 = 0x2000A; // 2.10, on platform family 1
+
+struct PingOptions {
+  UINT64 result;
+  UINT64 errorCode;
+  UINT16 retries;
+  UINT16 testRepeats;
+  UINT16 index;
+  BOOLEAN indexGiven;
+  const CHAR16* devicePath;
+  BOOLEAN dhcpPing;
+  BOOLEAN localPing;
+  BOOLEAN devicePathGiven;
+};
+
+// State that outlives a run: the last DHCP exchange's addresses and the progress position.
+constinit EFI_IPv4_ADDRESS gServerAddress = {};
+constinit EFI_IPv4_ADDRESS gClientAddress = {};
+constinit UINTN gPercent = 1;
+constinit UINT16 gSecondsLeft = 30;
+constinit UINTN gInterrupt = 0;
+
+// One progress step; FALSE when the operator interrupted (result and error code are then set).
+bool ProgressStep(PingOptions& o) {
+  UINTN steps = (UINTN(o.retries) + 1) * 3 + 2;
+  gPercent += 100 / steps;
+  UINT16 less = UINT16(30 / steps);
+  gSecondsLeft = gSecondsLeft > less ? UINT16(gSecondsLeft - less) : 0;
+  gInterrupt = 0;
+  ProgressUpdate(gPercent, gSecondsLeft, &gInterrupt);
+  if (gInterrupt == 0)
+    return true;
+  o.result = gInterrupt;
+  o.errorCode = gInterrupt == TEST_RESULT_FAILED ? ERROR_CODE_OPERATOR_ABORT : ERROR_CODE_NONE;
+  return false;
+}
+
+EFI_STATUS ReadPingOptions(PingOptions& o) {
+  UINT64 value = 0;
+  BOOLEAN flag = FALSE;
+  auto fail = [](const CHAR16* name, EFI_STATUS status) {
+    LogPrint(u"Failed to get value of option %s - %r\r\n", name, status);
+    return status;
+  };
+  EFI_STATUS status = GetOptionValue(u"-retries", &value, nullptr);
+  if (EFI_ERROR(status))
+    return fail(u"-retries", status);
+  o.retries = UINT16(value);
+  TracePrint(u"Retries:%d\r\n", o.retries);
+  status = GetOptionValue(u"-index", &value, &o.indexGiven);
+  if (EFI_ERROR(status))
+    return fail(u"-index", status);
+  o.index = UINT16(value);
+  TracePrint(u"Index:%d\r\n", o.index);
+  status = GetOptionValue(u"-testrepeats", &value, nullptr);
+  if (EFI_ERROR(status))
+    return fail(u"-testrepeats", status);
+  o.testRepeats = UINT16(value);
+  TracePrint(u"TestRepeats:%d\r\n", o.testRepeats);
+  status = GetOptionBoolean(u"-dhcpping", &flag, nullptr);
+  if (EFI_ERROR(status))
+    return fail(u"-dhcpping", status);
+  o.dhcpPing = flag;
+  if (!flag) {
+    LogPrint(u"NON-DHCP ping is unsupported now.\r\n");
+    return EFI_UNSUPPORTED;
+  }
+  TracePrint(u"DHCPPing:%s\r\n", u"true");
+  status = GetOptionBoolean(u"-localping", &flag, nullptr);
+  if (EFI_ERROR(status))
+    return fail(u"-localping", status);
+  o.localPing = flag;
+  if (flag) {
+    LogPrint(u"Local ping is unsupported now.\r\n");
+    return EFI_UNSUPPORTED;
+  }
+  TracePrint(u"LocalPing:%s\r\n", u"false");
+  status = GetOptionValue(u"-devicepath", &value, &o.devicePathGiven);
+  if (EFI_ERROR(status))
+    return fail(u"-devicepath", status);
+  o.devicePath = reinterpret_cast<const CHAR16*>(static_cast<UINTN>(value));
+  TracePrint(u"DevicePath:%s\r\n", o.devicePath);
+  return EFI_SUCCESS;
+}
+
+// The cable of the working NIC, checked up to six times a second apart.
+bool CableConnected(EFI_HANDLE nic) {
+  for (UINTN check = 0; check < kCableChecks; ++check) {
+    BOOLEAN supported = FALSE;
+    BOOLEAN present = FALSE;
+    ReadMediaState(gImageHandle, nic, &supported, &present);
+    if (!supported || present)
+      return true;
+    if (check == 0)
+      PromptMessage(kPromptConnectCable, kMessageFile);
+    gBS->Stall(kCablePause);
+  }
+  return false;
+}
+
+EFI_STATUS RunPingTest(PingOptions& o) {
+  TracePrint(u"enter RunPingTest()\r\n");
+  o.result = TEST_RESULT_FAILED;
+  o.errorCode = ERROR_CODE_NONE;
+
+  wc::PoolPtr<EFI_HANDLE> handles;
+  UINTN count = 0;
+  EFI_STATUS status = gBS->LocateHandleBuffer(ByProtocol, &EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID,
+                                              nullptr, &count, handles.Receive());
+  if (status == EFI_NOT_FOUND) {
+    LogPrint(u"No NIC is found!\r\n");
+    LogPrint(u"EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL not found.\r\n");
+    LogPrint(u"EFI_IP4_SERVICE_BINDING_PROTOCOL not found.\r\n");
+    LogPrint(u"EFI_DCHP4_SERVICE_BINDING_PROTOCOL not found.\r\n");
+    o.errorCode = ERROR_CODE_NO_NIC;
+    return EFI_NOT_FOUND;
+  }
+  if (EFI_ERROR(status)) {
+    LogPrint(u"Failed Locating EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL!(%r)\r\n", status);
+    LogPrint(u"Failed Locating EFI_IP4_SERVICE_BINDING_PROTOCOL!(%r)\r\n", status);
+    LogPrint(u"Failed Locating EFI_DCHP4_SERVICE_BINDING_PROTOCOL!(%r)\r\n", status);
+    o.errorCode = ERROR_CODE_SOFTWARE;
+    return status;
+  }
+  LogPrint(u"EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL: 0x%x\r\n", count);
+  if (o.index > count || o.index == 0) {
+    LogPrint(u"The NIC is not found!\r\n");
+    o.errorCode = ERROR_CODE_NIC_NOT_FOUND;
+    return EFI_NOT_FOUND;
+  }
+  EFI_HANDLE nic = handles[o.index - 1];
+
+  if (!CableConnected(nic)) {
+    LogPrint(u"Media cable not detected!\r\n");
+    o.errorCode = ERROR_CODE_NO_CABLE;
+    return EFI_SUCCESS;
+  }
+  if (!ProgressStep(o))
+    return EFI_SUCCESS;
+
+  status = SetNicByHii();
+  if (EFI_ERROR(status) && status != EFI_ALREADY_STARTED) {
+    LogPrint(u"Failed SetNicByHii (%r)\r\n", status);
+    o.errorCode = ERROR_CODE_SOFTWARE;
+    return status;
+  }
+
+  status = ExecutePingProcess(nic, gServerAddress, 0, nullptr, PingVariant::PingTest);
+  if (EFI_ERROR(status)) {
+    LogPrint(u"ExecutePingProcess (%r)\r\n", status);
+    o.errorCode = ERROR_CODE_PING_CONFIG_FAILED;
+    return status;
+  }
+
+  Dhcp4Child dhcp;
+  status = dhcp.Open(nic, gImageHandle);
+  if (EFI_ERROR(status)) {
+    LogPrint(u"OpenDhcp4Protocol() error (%r)\r\n", status);
+    o.errorCode = ERROR_CODE_SOFTWARE;
+    return status;
+  }
+  UINT32 timeouts[1];
+  EFI_DHCP4_CONFIG_DATA config = MakeDhcpConfig(timeouts);
+  EFI_DHCP4_MODE_DATA mode = {};
+  UINTN denied = 0;
+  bool timeoutRetried = false;
+  for (;;) {
+    status = StartConfigureProcess(dhcp.Get(), &config, &mode);
+    if (status == EFI_ACCESS_DENIED && denied < kDeniedRetries) {
+      ++denied;
+      gBS->Stall(kDeniedPause);
+      continue;
+    }
+    if (status == EFI_TIMEOUT && !timeoutRetried) {
+      timeoutRetried = true;
+      gBS->Stall(kTimeoutPause);
+      if (!ProgressStep(o))
+        return EFI_SUCCESS;
+      continue;
+    }
+    break;
+  }
+  if (EFI_ERROR(status)) {
+    LogPrint(u"StartConfigureProcess() error (%r)\r\n", status);
+    o.errorCode = status == EFI_TIMEOUT         ? ERROR_CODE_PING_CONFIG_FAILED
+                  : status == EFI_ACCESS_DENIED ? ERROR_CODE_DHCP_REFUSED
+                                                : ERROR_CODE_SOFTWARE;
+    return status;
+  }
+
+  o.errorCode = ERROR_CODE_NONE;
+  gServerAddress = mode.ServerAddress;
+  gClientAddress = mode.ClientAddress;
+  const UINT8* s = gServerAddress.Addr;
+  const UINT8* c = gClientAddress.Addr;
+  LogPrint(u"Server Address: %d.%d.%d.%d\r\n", s[0], s[1], s[2], s[3]);
+  LogPrint(u"Client Address: %d.%d.%d.%d\r\n", c[0], c[1], c[2], c[3]);
+
+  EFI_HANDLE chosen = nullptr;
+  UINTN seen = 0;
+  for (UINTN i = 0; i < count && chosen == nullptr; ++i) {
+    wc::OpenedProtocol<EFI_DEVICE_PATH_PROTOCOL> path;
+    status = path.Open(handles[i], EFI_DEVICE_PATH_PROTOCOL_GUID, gImageHandle, nullptr,
+                       EFI_OPEN_PROTOCOL_BY_HANDLE_PROTOCOL);
+    if (EFI_ERROR(status)) {
+      LogPrint(u"Failed Open Device Path Protocol (%r)\r\n", status);
+      o.errorCode = ERROR_CODE_SOFTWARE;
+      continue;
+    }
+    wc::PoolPtr<CHAR16> text(DevicePathToText(path.Get(), FALSE, FALSE));
+    LogPrint(u"the NIC device path:%s\r\n", text.Get());
+    path.Close();
+    ++seen;
+    if (o.devicePathGiven ? (text && StrFind(text.Get(), o.devicePath) != nullptr) : seen == o.index)
+      chosen = handles[i];
+  }
+
+  if (chosen == nullptr) {
+    LogPrint(u"The network card you searched is not found!\r\n");
+    o.errorCode = ERROR_CODE_NIC_NOT_FOUND;
+    return EFI_NOT_FOUND;
+  }
+  status = ExecutePingProcess(chosen, gServerAddress, o.testRepeats, nullptr, PingVariant::PingTest);
+  if (status != EFI_SUCCESS) {
+    LogPrint(u"ExecutePingProcess() error (%r)\r\n", status);
+    o.errorCode = status == EFI_TIMEOUT      ? ERROR_CODE_PING_TIMEOUT
+                  : status == EFI_NO_MAPPING ? ERROR_CODE_DHCP_REFUSED
+                                             : ERROR_CODE_SOFTWARE;
+    return status;
+  }
+  o.result = TEST_RESULT_PASSED;
+  return EFI_SUCCESS;
+}
+
+} // namespace
+
+EFI_STATUS PingTest(UINTN* Result, UINTN* ErrorCode) {
+  TracePrint(u"enter PingTest()\r\n");
+  // Each run reports its own progress from the start.
+  gPercent = 1;
+  gSecondsLeft = 30;
+  PingOptions o = {};
+  auto finish = [&](UINT64 result, UINT64 error) {
+    *Result = result;
+    *ErrorCode = error;
+    return EFI_SUCCESS;
+  };
+  gInterrupt = 0;
+  ProgressUpdate(gPercent, gSecondsLeft, &gInterrupt);
+  if (gInterrupt != 0)
+    return finish(gInterrupt, gInterrupt == TEST_RESULT_FAILED ? ERROR_CODE_OPERATOR_ABORT : ERROR_CODE_NONE);
+
+  EFI_STATUS status = ReadPingOptions(o);
+  if (status == EFI_UNSUPPORTED)
+    return finish(TEST_RESULT_FAILED, ERROR_CODE_PING_KIND_UNSUPPORTED);
+  if (EFI_ERROR(status))
+    return finish(TEST_RESULT_FAILED, ERROR_CODE_SOFTWARE);
+  if (o.indexGiven && o.devicePathGiven)
+    return finish(TEST_RESULT_FAILED, ERROR_CODE_INVALID_OPTIONS);
+
+  UINT32 revision = gST->Hdr.Revision;
+  UINTN family = GetPlatformFamilyId();
+  BOOLEAN current = revision >= kCurrentUefi || (revision >= kCurrentUefiFamily1 && family == 1);
+  if (!current)
+    LogPrint(u"Old UEFI 0x%x platform, family id 0x%x\r\n", revision, family);
+  SetCurrentPlatform(PingVariant::PingTest, current);
+
+  if (!ProgressStep(o))
+    return finish(o.result, o.errorCode);
+  for (UINT8 attempt = 0; attempt <= o.retries; ++attempt) {
+    if (attempt > 0)
+      ConsolePrint(u"Retry......\r\n");
+    if (!ProgressStep(o))
+      return finish(o.result, o.errorCode);
+    status = RunPingTest(o);
+    if (status == EFI_NOT_FOUND) {
+      LogPrint(u"RunPingTest() error!\r\n");
+      return finish(o.result, o.errorCode);
+    }
+    if (o.result == TEST_RESULT_PASSED) {
+      ProgressUpdate(99, 0, nullptr);
+      return finish(o.result, o.errorCode);
+    }
+    if (gInterrupt != 0)
+      return finish(o.result, o.errorCode); // cancelled or failed by the operator
+  }
+  ProgressUpdate(99, 0, nullptr);
+  return finish(o.result, o.errorCode);
+}
