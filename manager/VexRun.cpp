@@ -8,8 +8,11 @@
 //   RESULT result=<Name> error=0x<HEX> status=<status>
 //   UNLOAD status=<status> protocols=<removed|still-installed>
 //
-// Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-old] [-v] [-r] ["OPTION STRING" ...]
+// Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-old] [-v] [-r] [-hdb] ["OPTION STRING" ...]
 // -r loads and unloads the module around every call, so each call starts from a fresh image.
+// -hdb compares the handle database before and after every execute call and prints a line
+//   HANDLES unchanged|CHANGED handles=<before>/<after> protocols=<b>/<a> opens=<b>/<a>
+//   (opens: those whose agent is the module)
 #include "base/DevicePathText.h"
 #include "base/Globals.h"
 #include "base/Memory.h"
@@ -33,6 +36,7 @@ struct Settings {
   bool oldLayout = false;
   bool verbose = false;
   bool reload = false; // load and unload the module around every call
+  bool checkHandles = false;
   const CHAR16* calls[kMaxCalls] = {};
   UINTN callCount = 0;
 };
@@ -45,6 +49,7 @@ struct State {
   CHAR16 dir[kPathChars] = {};
   AnswerScript* script = nullptr;
   bool verbose = false;
+  bool checkHandles = false; // compare the handle database before and after each execute call
 };
 constinit State* gState = nullptr;
 
@@ -297,6 +302,8 @@ bool ParseArguments(EFI_HANDLE image, Settings& s) {
       s.verbose = true;
     } else if (StriEq(arg, u"-r")) {
       s.reload = true;
+    } else if (StriEq(arg, u"-hdb")) {
+      s.checkHandles = true;
     } else if (StriEq(arg, u"-h") || StriEq(arg, u"-?")) {
       return false;
     } else if (s.callCount < kMaxCalls) {
@@ -308,12 +315,46 @@ bool ParseArguments(EFI_HANDLE image, Settings& s) {
 
 // ---- Driving the module ----
 
+// How many handles and protocol instances the handle database holds, and how many protocol opens
+// name the module as their agent: a service child or an open that a call leaves behind changes
+// these. (Opens by other agents are not counted: the firmware's core records one the first time
+// anybody asks a handle for a protocol with HandleProtocol, and keeps it.)
+struct HandleCounts {
+  UINTN handles = 0;
+  UINTN protocols = 0;
+  UINTN opens = 0;
+};
+
+HandleCounts CountHandleDatabase(EFI_HANDLE module) {
+  HandleCounts counts;
+  wc::PoolPtr<EFI_HANDLE> handles;
+  if (EFI_ERROR(gBS->LocateHandleBuffer(AllHandles, nullptr, nullptr, &counts.handles, handles.Receive())))
+    return counts;
+  for (UINTN i = 0; i < counts.handles; ++i) {
+    wc::PoolPtr<EFI_GUID*> guids;
+    UINTN guidCount = 0;
+    if (EFI_ERROR(gBS->ProtocolsPerHandle(handles[i], guids.Receive(), &guidCount)))
+      continue;
+    counts.protocols += guidCount;
+    for (UINTN g = 0; g < guidCount; ++g) {
+      wc::PoolPtr<EFI_OPEN_PROTOCOL_INFORMATION_ENTRY> entries;
+      UINTN entryCount = 0;
+      if (EFI_ERROR(gBS->OpenProtocolInformation(handles[i], guids[g], entries.Receive(), &entryCount)))
+        continue;
+      for (UINTN e = 0; e < entryCount; ++e)
+        if (entries[e].AgentHandle == module)
+          counts.opens += entries[e].OpenCount;
+    }
+  }
+  return counts;
+}
+
 struct ModuleApi {
   VEX_TEST_MODULE_PROTOCOL* current = nullptr;
   VEX_TEST_MODULE_OLD_PROTOCOL* old = nullptr;
 };
 
-void RunOneCall(const ModuleApi& api, CHAR16* options) {
+void RunOneCall(const ModuleApi& api, EFI_HANDLE module, CHAR16* options) {
   Say(u"CALL options='%s'\r\n", options);
   UINTN runTime = 0;
   UINTN result = 0;
@@ -329,7 +370,17 @@ void RunOneCall(const ModuleApi& api, CHAR16* options) {
   result = 0;
   error = 0;
   VEX_EXECUTE_TEST execute = api.current != nullptr ? api.current->ExecuteTest : api.old->ExecuteTest;
+  HandleCounts before;
+  if (gState->checkHandles)
+    before = CountHandleDatabase(module);
   status = execute(0, options, &result, &error);
+  if (gState->checkHandles) {
+    HandleCounts after = CountHandleDatabase(module);
+    bool same =
+        before.handles == after.handles && before.protocols == after.protocols && before.opens == after.opens;
+    Say(u"HANDLES %s handles=%d/%d protocols=%d/%d opens=%d/%d\r\n", same ? u"unchanged" : u"CHANGED",
+        before.handles, after.handles, before.protocols, after.protocols, before.opens, after.opens);
+  }
   Say(u"RESULT result=%s error=0x%x status=%r\r\n", ResultName(result), error, status);
 }
 
@@ -370,7 +421,7 @@ EFI_STATUS RunSession(EFI_HANDLE image, EFI_DEVICE_PATH_PROTOCOL* modulePath, co
       // Each call gets its own writable copy: the protocol takes a non-constant string.
       wc::PoolPtr<CHAR16> options(StrDuplicate(settings.calls[i]));
       if (options)
-        RunOneCall(api, options.Get());
+        RunOneCall(api, module, options.Get());
     }
   } else {
     Say(u"VexRun: the module installed no usable test-module protocol\r\n");
@@ -387,10 +438,12 @@ EFI_STATUS RunSession(EFI_HANDLE image, EFI_DEVICE_PATH_PROTOCOL* modulePath, co
 EFI_STATUS Run(EFI_HANDLE image) {
   Settings settings;
   if (!ParseArguments(image, settings)) {
-    Say(u"Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-old] [-v] [-r] [\"OPTION STRING\" ...]\r\n");
+    Say(u"Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-old] [-v] [-r] [-hdb] [\"OPTION STRING\" "
+        u"...]\r\n");
     return EFI_INVALID_PARAMETER;
   }
   gState->verbose = settings.verbose;
+  gState->checkHandles = settings.checkHandles;
 
   EFI_LOADED_IMAGE_PROTOCOL* self = nullptr;
   EFI_STATUS status =

@@ -120,7 +120,10 @@ EFI_STATUS CreateServiceChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, const 
     LogPrint(u"Failed CreateServiceChild ManagedNetworkProtocol!(%r)\r\n", status);
     return status;
   }
-  return binding->CreateChild(binding, ChildHandle);
+  status = binding->CreateChild(binding, ChildHandle);
+  // The firmware records even a get-protocol open; close it so that nothing of the call stays.
+  gBS->CloseProtocol(ServiceHandle, ServiceBinding, Agent, ServiceHandle);
+  return status;
 }
 
 EFI_STATUS DestroyServiceChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, const EFI_GUID* ServiceBinding,
@@ -132,7 +135,9 @@ EFI_STATUS DestroyServiceChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, const
       OpenBinding(ServiceHandle, Agent, ServiceBinding, ServiceHandle, &status);
   if (binding == nullptr)
     return status;
-  return binding->DestroyChild(binding, ChildHandle);
+  status = binding->DestroyChild(binding, ChildHandle);
+  gBS->CloseProtocol(ServiceHandle, ServiceBinding, Agent, ServiceHandle);
+  return status;
 }
 
 EFI_STATUS OpenIp4Child(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE* ChildHandle,

@@ -27,7 +27,7 @@ DEFAULT_VAR_GUID = "59D1C24F-50F1-401A-B101-F33E0DAED443"
 NIC_MODELS = {"virtio": "virtio-net-pci", "e1000": "e1000", "rtl8139": "rtl8139"}
 ESCAPE = re.compile(r"\x1b\[[0-9;=?]*[A-Za-z]")
 RESULT_LINE = re.compile(r"^RESULT result=(\w+) error=0x([0-9A-Fa-f]+) status=(.*)$")
-MANAGER_LINES = ("CALL ", "RUNTIME ", "LOAD ", "PROTOCOLS ", "MODULE ", "UNLOAD ", "VEXRUN ")
+MANAGER_LINES = ("CALL ", "RUNTIME ", "LOAD ", "PROTOCOLS ", "MODULE ", "UNLOAD ", "VEXRUN ", "HANDLES ")
 
 
 class HarnessError(Exception):
@@ -74,6 +74,7 @@ class VmConfig:
     verbose: bool = False  # manager shows the output flags of every line
     old_layout: bool = False
     reload: bool = False  # a fresh module image for every call
+    check_handles: bool = False  # the manager compares the handle database around each call
     timeout: int = 240
     shell_before: list = field(default_factory=list)  # extra shell lines before the manager
     cwd: str = ""  # the shell's current directory on fs0: when the manager runs (made if missing)
@@ -137,6 +138,8 @@ def _startup_script(cfg):
         args += " -old"
     if cfg.reload:
         args += " -r"
+    if cfg.check_handles:
+        args += " -hdb"
     lines.append(f"fs0:\\VexRun.efi {args}")
     lines.append("reset -s")
     return "\r\n".join(lines) + "\r\n"
