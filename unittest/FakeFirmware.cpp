@@ -75,6 +75,68 @@ EFI_STATUS EFIAPI FakeLocateHandleBuffer(EFI_LOCATE_SEARCH_TYPE type, const EFI_
   return EFI_SUCCESS;
 }
 
+EFI_STATUS EFIAPI FakeCreateEvent(UINT32 type, EFI_TPL, EFI_EVENT_NOTIFY notify, void* context,
+                                  EFI_EVENT* event) {
+  static uintptr_t next = 0x70000;
+  *event = reinterpret_cast<EFI_EVENT>(next += 16);
+  F().events[*event] = FakeFirmware::FakeEvent{type, notify, context};
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI FakeCloseEvent(EFI_EVENT event) {
+  return F().events.erase(event) == 1 ? EFI_SUCCESS : EFI_INVALID_PARAMETER;
+}
+
+EFI_STATUS EFIAPI FakeSetTimer(EFI_EVENT event, EFI_TIMER_DELAY type, UINT64 time) {
+  auto it = F().events.find(event);
+  if (it == F().events.end())
+    return EFI_INVALID_PARAMETER;
+  it->second.due = type == TimerCancel ? 0 : F().now + (time == 0 ? 1 : time);
+  it->second.period = type == TimerPeriodic ? time : 0;
+  it->second.signaled = false;
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI FakeSignalEvent(EFI_EVENT event) {
+  auto it = F().events.find(event);
+  if (it == F().events.end())
+    return EFI_SUCCESS; // e.g. a recycle event of a fake driver
+  if (it->second.notify != nullptr)
+    it->second.notify(event, it->second.context);
+  else
+    it->second.signaled = true;
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI FakeCheckEvent(EFI_EVENT event) {
+  F().Advance(F().checkStep);
+  auto it = F().events.find(event);
+  if (it == F().events.end())
+    return EFI_INVALID_PARAMETER;
+  if (!it->second.signaled)
+    return EFI_NOT_READY;
+  it->second.signaled = false;
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI FakeStall(UINTN microseconds) {
+  F().Advance(UINT64(microseconds) * 10);
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI FakeOpenProtocol(EFI_HANDLE handle, const EFI_GUID* guid, void** iface, EFI_HANDLE,
+                                   EFI_HANDLE, UINT32) {
+  void* found = nullptr;
+  EFI_STATUS status = FakeHandleProtocol(handle, guid, &found);
+  if (iface != nullptr)
+    *iface = found;
+  return status;
+}
+
+EFI_STATUS EFIAPI FakeCloseProtocol(EFI_HANDLE, const EFI_GUID*, EFI_HANDLE, EFI_HANDLE) {
+  return EFI_SUCCESS;
+}
+
 EFI_STATUS EFIAPI FakeGetTime(EFI_TIME* time, EFI_TIME_CAPABILITIES*) {
   if (!F().clockWorks)
     return EFI_DEVICE_ERROR;
@@ -208,6 +270,14 @@ FakeFirmware::FakeFirmware() {
   bs.InstallMultipleProtocolInterfaces = FakeInstallMultiple;
   bs.UninstallMultipleProtocolInterfaces = FakeUninstallMultiple;
   bs.LocateHandleBuffer = FakeLocateHandleBuffer;
+  bs.CreateEvent = FakeCreateEvent;
+  bs.CloseEvent = FakeCloseEvent;
+  bs.SetTimer = FakeSetTimer;
+  bs.SignalEvent = FakeSignalEvent;
+  bs.CheckEvent = FakeCheckEvent;
+  bs.Stall = FakeStall;
+  bs.OpenProtocol = FakeOpenProtocol;
+  bs.CloseProtocol = FakeCloseProtocol;
   rt.GetTime = FakeGetTime;
   rt.GetNextVariableName = FakeGetNextVariableName;
   rt.GetVariable = FakeGetVariable;
@@ -231,6 +301,34 @@ FakeFirmware::~FakeFirmware() {
   gBS = nullptr;
   gRT = nullptr;
   current = nullptr;
+}
+
+void FakeFirmware::Advance(UINT64 units) {
+  UINT64 until = now + units;
+  // Fire the timers that fall due on the way, in time order.
+  for (;;) {
+    EFI_EVENT next = nullptr;
+    UINT64 when = until + 1;
+    for (auto& [e, ev] : events)
+      if (ev.due != 0 && ev.due <= until && ev.due < when) {
+        next = e;
+        when = ev.due;
+      }
+    if (next == nullptr)
+      break;
+    now = when;
+    FakeEvent& ev = events[next];
+    ev.due = ev.period != 0 ? when + ev.period : 0;
+    if (ev.notify != nullptr && (ev.type & EVT_NOTIFY_SIGNAL) != 0)
+      ev.notify(next, ev.context);
+    else
+      ev.signaled = true;
+  }
+  now = until;
+}
+
+void FakeFirmware::RemoveHandle(EFI_HANDLE handle) {
+  std::erase_if(protocols, [&](auto& p) { return p.handle == handle; });
 }
 
 bool FakeFirmware::HasProtocol(EFI_HANDLE handle, const EFI_GUID& guid) const {

@@ -42,9 +42,25 @@ struct FakeFirmware {
   };
   std::vector<Variable> variables;
 
+  // Events and a virtual clock (100 ns units). Every CheckEvent advances the clock by checkStep,
+  // so polling loops make progress; Stall advances it by the stalled time.
+  struct FakeEvent {
+    UINT32 type;
+    EFI_EVENT_NOTIFY notify;
+    void* context;
+    UINT64 due = 0;    // 0: no timer armed
+    UINT64 period = 0; // 0: one-shot
+    bool signaled = false;
+  };
+  std::map<EFI_EVENT, FakeEvent> events;
+  UINT64 now = 0;
+  UINT64 checkStep = 10000; // 1 ms
+  void Advance(UINT64 units);
+
   void AddProtocol(EFI_HANDLE handle, const EFI_GUID& guid, void* iface) {
     protocols.push_back({handle, guid, iface});
   }
+  void RemoveHandle(EFI_HANDLE handle);
   bool HasProtocol(EFI_HANDLE handle, const EFI_GUID& guid) const;
   void SetVariable(const std::u16string& name, const EFI_GUID& guid, const std::u16string& text);
   void SetVariableBytes(const std::u16string& name, const EFI_GUID& guid, std::vector<uint8_t> data);

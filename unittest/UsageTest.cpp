@@ -29,8 +29,9 @@ std::string Unix(const std::string& text) {
   for (size_t i = 0; i < text.size(); ++i) {
     if (text[i] == '\r' && i + 1 < text.size() && text[i + 1] == '\n')
       continue;
-    if (text[i] == '\n')
+    if (text[i] == '\n') {
       EXPECT_TRUE(i > 0 && text[i - 1] == '\r') << "bare line feed at " << i;
+    }
     out += text[i];
   }
   return out;

@@ -1,0 +1,101 @@
+"""pingtest in OVMF on QEMU's user network (restrict=on): DHCP from QEMU, echo replies from 10.0.2.2."""
+import re
+import unittest
+
+from vmtest import boot, call_blocks
+
+PASSED = "RESULT result=Passed error=0x0 status=Success"
+
+
+def failed(code):
+    return f"RESULT result=Failed error=0x{code:X} status=Success"
+
+
+class DefaultNic(unittest.TestCase):
+    CALLS = ["-test=pingtest", "-test=pingtest -testrepeats=5", "-test=pingtest -index=2",
+             "-test=pingtest -devicepath=NoSuchPath", "-test=pingtest -dhcpping=false",
+             "-test=pingtest -index=1 -devicepath=Pci"]
+
+    @classmethod
+    def setUpClass(cls):
+        cls.run_ = boot(cls.CALLS + ["-test=pingtest"] * 3, check_handles=True)
+        cls.blocks = call_blocks(cls.run_)
+        cls.by_options = dict(cls.blocks)
+
+    def test_ping_passes_and_logs_addresses_and_round_trips(self):
+        self.assertIn(PASSED, self.by_options["-test=pingtest"])
+        log = self.run_.log
+        self.assertIn("Server Address: 10.0.2.2", log)
+        self.assertIn("Client Address: 10.0.2.15", log)
+        self.assertRegex(log, r"Reply seq 0 from 10\.0\.2\.2: time \d+ us")
+        self.assertIn("Receive the packet from IP addr:10.0.2.2", self.run_.output)
+
+    def test_five_repeats_send_five_requests(self):
+        lines = self.by_options["-test=pingtest -testrepeats=5"]
+        self.assertIn(PASSED, lines)
+        self.assertEqual(sum(l == "Receive the packet from IP addr:10.0.2.2" for l in lines), 5)
+        seqs = re.findall(r"Reply seq (\d) from", self.run_.log)
+        self.assertTrue({"0", "1", "2", "3", "4"} <= set(seqs))
+
+    def test_missing_nic_and_refused_kinds(self):
+        self.assertIn(failed(0x80160104), self.by_options["-test=pingtest -index=2"])
+        self.assertIn(failed(0x80160104), self.by_options["-test=pingtest -devicepath=NoSuchPath"])
+        self.assertIn(failed(0x80160105), self.by_options["-test=pingtest -dhcpping=false"])
+        self.assertIn(failed(0x80000002), self.by_options["-test=pingtest -index=1 -devicepath=Pci"])
+        # -index=2 stops at once: no retry, no DHCP; -devicepath runs DHCP on NIC 1 first.
+        self.assertIn("The NIC is not found!", self.run_.log)
+        self.assertIn("The network card you searched is not found!", self.run_.log)
+
+    def test_calls_leave_the_handle_database_unchanged(self):
+        handles = [l for _, lines in self.blocks for l in lines if l.startswith("HANDLES ")]
+        self.assertEqual(len(handles), len(self.CALLS) + 3)
+        for line in handles:
+            self.assertTrue(line.startswith("HANDLES unchanged"), line)
+
+
+class OtherNics(unittest.TestCase):
+    def test_second_of_two_nics_on_e1000(self):
+        run = boot(["-test=pingtest -index=2"], nics=[vm_nic("virtio"), vm_nic("e1000")])
+        self.assertIn(PASSED, run.output)
+        self.assertRegex(run.log, r"the NIC device path:PciRoot\(0x0\)/Pci\(0x3,0x0\)/MAC")
+
+    def test_rtl8139(self):
+        run = boot(["-test=pingtest"], nics=[vm_nic("rtl8139")])
+        self.assertIn(PASSED, run.output)
+
+
+class UnpluggedCable(unittest.TestCase):
+    def test_six_checks_per_attempt_with_the_prompt(self):
+        run = boot(["-test=pingtest", "-test=pingtest -retries=1"], nics=[vm_nic("virtio:link=off")],
+                   script="prompt ok\nprompt ok\nprompt ok\n")
+        blocks = dict(call_blocks(run))
+        once, twice = blocks["-test=pingtest"], blocks["-test=pingtest -retries=1"]
+        self.assertIn(failed(0x80160107), once)
+        self.assertIn(failed(0x80160107), twice)
+        self.assertEqual(sum(l.startswith("PROMPT message=25 file=") for l in once), 1)
+        self.assertEqual(sum(l.startswith("PROMPT message=25 file=") for l in twice), 2)
+        self.assertEqual(twice.count("Retry......"), 1)
+        self.assertTrue(any(l.startswith("PromptMessage(380) - 25 - Wirecheck.msg.xml") for l in once))
+        self.assertIn("PROMPT message=25 file=\\Wirecheck.msg.xml", once)
+
+
+class NoAddress(unittest.TestCase):
+    def test_no_dhcp_server_fails_configuration(self):
+        # NIC 1 has a link but nothing on its network; NIC 2 is left on the static policy.
+        run = boot(["-test=pingtest -index=1", "-test=pingtest -index=2"],
+                   nics=[vm_nic("virtio:net=none"), vm_nic("virtio:policy=static")])
+        blocks = dict(call_blocks(run))
+        self.assertIn(failed(0x80160101), blocks["-test=pingtest -index=1"])
+        self.assertIn("EFI IP4 Protocol Mapping error again.", run.log)
+        # OVMF's IPv4 driver runs DHCP by itself when a child asks for the default address of a
+        # NIC that has none, even on the static policy: that NIC gets its address and passes.
+        self.assertIn(PASSED, blocks["-test=pingtest -index=2"])
+
+
+def vm_nic(text):
+    from vmtest import wcvm
+    return wcvm.Nic.parse(text)
+
+
+if __name__ == "__main__":
+    unittest.main()
