@@ -78,6 +78,7 @@ class VmConfig:
     timeout: int = 240
     shell_before: list = field(default_factory=list)  # extra shell lines before the manager
     cwd: str = ""  # the shell's current directory on fs0: when the manager runs (made if missing)
+    shell_after: list = field(default_factory=list)  # shell lines after the manager, before power-off
 
 
 @dataclass
@@ -88,6 +89,7 @@ class VmRun:
     results: list  # (result, error code, status) per call
     files_dir: str
     elapsed: float
+    line_times: list = field(default_factory=list)  # (seconds since start, serial line) as they arrived
 
     def lines(self, prefix):
         return [l for l in self.output.splitlines() if l.startswith(prefix)]
@@ -141,6 +143,7 @@ def _startup_script(cfg):
     if cfg.check_handles:
         args += " -hdb"
     lines.append(f"fs0:\\VexRun.efi {args}")
+    lines += cfg.shell_after
     lines.append("reset -s")
     return "\r\n".join(lines) + "\r\n"
 
@@ -256,6 +259,7 @@ def run_vm(cfg):
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         deadline = start + cfg.timeout
         raw = bytearray()
+        arrivals = []  # (seconds since start, length of the raw output so far)
         skipped = False
         timed_out = False
         try:
@@ -276,6 +280,7 @@ def run_vm(cfg):
                             timed_out = True
                         break
                     raw += chunk
+                    arrivals.append((time.time() - start, len(raw)))
                     # The shell counts down before startup.nsh; any key but ESC skips the wait.
                     if not skipped and b"seconds to skip" in raw:
                         proc.stdin.write(b" ")
@@ -313,9 +318,23 @@ def run_vm(cfg):
         if "VEXRUN END" not in output:
             raise HarnessError(f"the manager did not finish (serial log in {LAST_DIR})")
         return VmRun(serial=serial, output=output, log=log or "", results=results, files_dir=LAST_DIR,
-                     elapsed=time.time() - start)
+                     elapsed=time.time() - start, line_times=_line_times(bytes(raw), arrivals))
     finally:
         shutil.rmtree(work, ignore_errors=True)
+
+
+def _line_times(raw, arrivals):
+    """Each complete serial line with the time its last byte arrived."""
+    timed, begin, index = [], 0, 0
+    for end in range(len(raw)):
+        if raw[end] != 0x0A:
+            continue
+        while index < len(arrivals) and arrivals[index][1] <= end:
+            index += 1
+        when = arrivals[min(index, len(arrivals) - 1)][0] if arrivals else 0.0
+        timed.append((when, clean_serial(raw[begin:end + 1]).strip()))
+        begin = end + 1
+    return timed
 
 
 def _read_text(path):
