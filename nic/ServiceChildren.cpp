@@ -83,8 +83,11 @@ private:
 
 // Reads the simple-network mode through a managed-network child. The three messages name the
 // failing step; each reader words them in its own way.
-EFI_STATUS ReadSnpMode(EFI_HANDLE nic, EFI_HANDLE agent, EFI_SIMPLE_NETWORK_MODE* mode,
+EFI_STATUS ReadSnpMode(EFI_HANDLE nic, EFI_HANDLE agent, wc::PoolPtr<EFI_SIMPLE_NETWORK_MODE>& mode,
                        const CHAR16* createMessage, const CHAR16* handleMessage, const CHAR16* modeMessage) {
+  mode = wc::PoolPtr<EFI_SIMPLE_NETWORK_MODE>::AllocateZero(sizeof(EFI_SIMPLE_NETWORK_MODE));
+  if (!mode)
+    return EFI_OUT_OF_RESOURCES;
   MnpProbe probe(nic, agent);
   EFI_STATUS status = probe.Create();
   if (EFI_ERROR(status)) {
@@ -99,7 +102,7 @@ EFI_STATUS ReadSnpMode(EFI_HANDLE nic, EFI_HANDLE agent, EFI_SIMPLE_NETWORK_MODE
       LogPrint(handleMessage, status);
     return status;
   }
-  status = mnp->GetModeData(mnp, nullptr, mode);
+  status = mnp->GetModeData(mnp, nullptr, mode.Get());
   if (status == EFI_NOT_STARTED)
     status = EFI_SUCCESS; // an unconfigured child still reports the simple-network mode
   if (EFI_ERROR(status) && modeMessage != nullptr)
@@ -167,12 +170,10 @@ void CloseDhcp4Child(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE Chil
 EFI_STATUS ReadNicAddress(EFI_HANDLE NicHandle, NicAddr* Address) {
   if (Address == nullptr)
     return EFI_INVALID_PARAMETER;
-  auto mode = wc::PoolPtr<EFI_SIMPLE_NETWORK_MODE>::AllocateZero(sizeof(EFI_SIMPLE_NETWORK_MODE));
-  if (!mode)
-    return EFI_OUT_OF_RESOURCES;
-  EFI_STATUS status = ReadSnpMode(
-      NicHandle, gImageHandle, mode.Get(), u"Failed CreateServiceChild ManagedNetworkProtocol!(%r)\r\n",
-      u"Failed handle ManagedNetworkProtocol!(%r)\r\n", u"Failed GetModeData!(%r)\r\n");
+  wc::PoolPtr<EFI_SIMPLE_NETWORK_MODE> mode;
+  EFI_STATUS status =
+      ReadSnpMode(NicHandle, gImageHandle, mode, u"Failed CreateServiceChild ManagedNetworkProtocol!(%r)\r\n",
+                  u"Failed handle ManagedNetworkProtocol!(%r)\r\n", u"Failed GetModeData!(%r)\r\n");
   if (EFI_ERROR(status))
     return status;
   Address->Type = UINT16(mode->IfType);
@@ -184,10 +185,8 @@ EFI_STATUS ReadNicAddress(EFI_HANDLE NicHandle, NicAddr* Address) {
 
 EFI_STATUS ReadMacAddresses(EFI_HANDLE Agent, EFI_HANDLE NicHandle, EFI_MAC_ADDRESS* Current,
                             EFI_MAC_ADDRESS* Permanent) {
-  auto mode = wc::PoolPtr<EFI_SIMPLE_NETWORK_MODE>::AllocateZero(sizeof(EFI_SIMPLE_NETWORK_MODE));
-  if (!mode)
-    return EFI_OUT_OF_RESOURCES;
-  EFI_STATUS status = ReadSnpMode(NicHandle, Agent, mode.Get(), u"Failed create service child.(%r)\r\n",
+  wc::PoolPtr<EFI_SIMPLE_NETWORK_MODE> mode;
+  EFI_STATUS status = ReadSnpMode(NicHandle, Agent, mode, u"Failed create service child.(%r)\r\n",
                                   u"Failed handle protocol.(%r)\r\n", u"Failed get mode data.(%r)\r\n");
   if (EFI_ERROR(status))
     return status;
@@ -200,10 +199,8 @@ EFI_STATUS ReadMacAddresses(EFI_HANDLE Agent, EFI_HANDLE NicHandle, EFI_MAC_ADDR
 
 EFI_STATUS ReadMediaState(EFI_HANDLE Agent, EFI_HANDLE NicHandle, BOOLEAN* MediaSupported,
                           BOOLEAN* MediaPresent) {
-  auto mode = wc::PoolPtr<EFI_SIMPLE_NETWORK_MODE>::AllocateZero(sizeof(EFI_SIMPLE_NETWORK_MODE));
-  if (!mode)
-    return EFI_OUT_OF_RESOURCES;
-  EFI_STATUS status = ReadSnpMode(NicHandle, Agent, mode.Get(), nullptr, nullptr, nullptr);
+  wc::PoolPtr<EFI_SIMPLE_NETWORK_MODE> mode;
+  EFI_STATUS status = ReadSnpMode(NicHandle, Agent, mode, nullptr, nullptr, nullptr);
   if (EFI_ERROR(status))
     return status;
   if (MediaSupported != nullptr)

@@ -299,26 +299,17 @@ UINT64 StrToInteger(const CHAR16* Text, const CHAR16** End, BOOLEAN Hex) {
   return negative ? UINT64(0) - value : value;
 }
 
-namespace {
-EFI_STATUS FindForGetter(const CHAR16* Name, UINTN Index, ParsedOption** Entry) {
-  *Entry = FindParsedOption(Name, Index);
-  if (*Entry != nullptr)
-    return EFI_SUCCESS;
-  if (Index == 0)
-    ErrorPrint(u"could not find the %s option\r\n", Name);
-  else
-    TracePrint(u"could not find the %s option at index %d\r\n", Name, Index);
-  return EFI_NOT_READY;
-}
-} // namespace
-
 EFI_STATUS GetOptionValueAt(const CHAR16* Name, UINTN Index, UINT64* Value, BOOLEAN* IsSet) {
   if (Name == nullptr || Value == nullptr)
     return EFI_INVALID_PARAMETER;
-  ParsedOption* entry = nullptr;
-  EFI_STATUS status = FindForGetter(Name, Index, &entry);
-  if (EFI_ERROR(status))
-    return status;
+  ParsedOption* entry = FindParsedOption(Name, Index);
+  if (entry == nullptr) {
+    if (Index == 0)
+      ErrorPrint(u"could not find the %s option\r\n", Name);
+    else
+      TracePrint(u"could not find the %s option at index %d\r\n", Name, Index);
+    return EFI_NOT_READY;
+  }
   *Value = entry->Value;
   if (IsSet != nullptr)
     *IsSet = entry->IsSet;
@@ -326,14 +317,11 @@ EFI_STATUS GetOptionValueAt(const CHAR16* Name, UINTN Index, UINT64* Value, BOOL
 }
 
 EFI_STATUS GetOptionBooleanAt(const CHAR16* Name, UINTN Index, BOOLEAN* Value, BOOLEAN* IsSet) {
-  if (Name == nullptr || Value == nullptr)
+  if (Value == nullptr)
     return EFI_INVALID_PARAMETER;
-  ParsedOption* entry = nullptr;
-  EFI_STATUS status = FindForGetter(Name, Index, &entry);
-  if (EFI_ERROR(status))
-    return status;
-  *Value = UINT8(entry->Value);
-  if (IsSet != nullptr)
-    *IsSet = entry->IsSet;
-  return EFI_SUCCESS;
+  UINT64 raw = 0;
+  EFI_STATUS status = GetOptionValueAt(Name, Index, &raw, IsSet);
+  if (!EFI_ERROR(status))
+    *Value = UINT8(raw); // a boolean sits in the low byte
+  return status;
 }

@@ -76,6 +76,23 @@ EFI_STATUS OpenRoot(const CHAR16* path, wc::FileOwner& root) {
   return volume->OpenVolume(volume, root.Receive());
 }
 
+// The root directory of the volume that holds a path, and the path inside that volume. The root
+// stays closed (with success) when there is no volume at all.
+struct VolumeRoot {
+  wc::FileOwner root;
+  CHAR16 inside[kFileIoPathChars] = {};
+
+  EFI_STATUS Open(const CHAR16* path) {
+    EFI_STATUS status = OpenRoot(path, root);
+    if (!EFI_ERROR(status) && root)
+      FileIoVolumePath(inside, path, sizeof(inside));
+    return status;
+  }
+  EFI_STATUS OpenEntry(wc::FileOwner& entry, UINT64 mode, UINT64 attributes = 0) {
+    return root->Open(root.Get(), entry.Receive(), inside, mode, attributes);
+  }
+};
+
 // Creates the directory at a path inside the volume, and its missing parents first.
 EFI_STATUS CreateDirectoryTree(EFI_FILE_PROTOCOL* root, CHAR16* path) {
   BOOLEAN isFile = FALSE;
@@ -390,13 +407,10 @@ EFI_STATUS FileIoProbe(const CHAR16* VolumePath, EFI_FILE_PROTOCOL* Root, BOOLEA
 }
 
 BOOLEAN FileIoFileExists(const CHAR16* Path) {
-  wc::FileOwner root;
-  if (Path == nullptr || EFI_ERROR(OpenRoot(Path, root)) || !root)
-    return FALSE;
-  CHAR16 inside[kFileIoPathChars];
-  FileIoVolumePath(inside, Path, sizeof(inside));
+  VolumeRoot v;
   wc::FileOwner file;
-  if (EFI_ERROR(root->Open(root.Get(), file.Receive(), inside, EFI_FILE_MODE_READ, 0)))
+  if (Path == nullptr || EFI_ERROR(v.Open(Path)) || !v.root ||
+      EFI_ERROR(v.OpenEntry(file, EFI_FILE_MODE_READ)))
     return FALSE;
   UINT64 position = 0;
   return EFI_ERROR(file->GetPosition(file.Get(), &position)) ? FALSE : TRUE;
@@ -405,26 +419,22 @@ BOOLEAN FileIoFileExists(const CHAR16* Path) {
 EFI_STATUS FileIoCreateDirectory(const CHAR16* Path) {
   if (Path == nullptr)
     return EFI_INVALID_PARAMETER;
-  wc::FileOwner root;
-  EFI_STATUS status = OpenRoot(Path, root);
-  if (EFI_ERROR(status) || !root)
+  VolumeRoot v;
+  EFI_STATUS status = v.Open(Path);
+  if (EFI_ERROR(status) || !v.root)
     return status;
-  CHAR16 inside[kFileIoPathChars];
-  FileIoVolumePath(inside, Path, sizeof(inside));
-  return CreateDirectoryTree(root.Get(), inside);
+  return CreateDirectoryTree(v.root.Get(), v.inside);
 }
 
 EFI_STATUS FileIoCreateFile(const CHAR16* Path) {
   if (Path == nullptr)
     return EFI_INVALID_PARAMETER;
-  wc::FileOwner root;
-  EFI_STATUS status = OpenRoot(Path, root);
-  if (EFI_ERROR(status) || !root)
+  VolumeRoot v;
+  EFI_STATUS status = v.Open(Path);
+  if (EFI_ERROR(status) || !v.root)
     return status;
-  CHAR16 inside[kFileIoPathChars];
-  FileIoVolumePath(inside, Path, sizeof(inside));
   BOOLEAN isFile = FALSE;
-  status = FileIoProbe(inside, root.Get(), &isFile);
+  status = FileIoProbe(v.inside, v.root.Get(), &isFile);
   if (!EFI_ERROR(status)) {
     if (isFile)
       return EFI_SUCCESS;
@@ -434,29 +444,27 @@ EFI_STATUS FileIoCreateFile(const CHAR16* Path) {
   }
   if (status != EFI_NOT_FOUND)
     return status;
-  status = CreateParents(root.Get(), inside);
+  status = CreateParents(v.root.Get(), v.inside);
   if (EFI_ERROR(status))
     return status;
   wc::FileOwner file;
-  status = root->Open(root.Get(), file.Receive(), inside, kReadWriteCreate, 0);
+  status = v.OpenEntry(file, kReadWriteCreate);
   if (EFI_ERROR(status))
-    DebugLogPrint(u"Failed creating file at \"%s\". (%r)\r\n", inside, status);
+    DebugLogPrint(u"Failed creating file at \"%s\". (%r)\r\n", v.inside, status);
   return status;
 }
 
 EFI_STATUS FileIoDeleteFile(const CHAR16* Path) {
   if (Path == nullptr)
     return EFI_INVALID_PARAMETER;
-  wc::FileOwner root;
-  EFI_STATUS status = OpenRoot(Path, root);
+  VolumeRoot v;
+  EFI_STATUS status = v.Open(Path);
   if (EFI_ERROR(status))
     return status;
-  if (!root)
+  if (!v.root)
     return EFI_NO_MEDIA;
-  CHAR16 inside[kFileIoPathChars];
-  FileIoVolumePath(inside, Path, sizeof(inside));
   wc::FileOwner file;
-  status = root->Open(root.Get(), file.Receive(), inside, EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE, 0);
+  status = v.OpenEntry(file, EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE);
   if (EFI_ERROR(status))
     return status;
   EFI_FILE_PROTOCOL* f = file.Release(); // Delete closes the handle
@@ -468,28 +476,24 @@ EFI_STATUS FileIoOpenFile(const CHAR16* Path, UINT64 OpenMode, UINT64 Attributes
     *File = nullptr;
   if (Path == nullptr || File == nullptr)
     return EFI_INVALID_PARAMETER;
-  wc::FileOwner root;
-  EFI_STATUS status = OpenRoot(Path, root);
+  VolumeRoot v;
+  EFI_STATUS status = v.Open(Path);
   if (EFI_ERROR(status))
     return status;
-  if (!root)
+  if (!v.root)
     return EFI_NO_MEDIA;
-  CHAR16 inside[kFileIoPathChars];
-  FileIoVolumePath(inside, Path, sizeof(inside));
-  return root->Open(root.Get(), File, inside, OpenMode, Attributes);
+  return v.root->Open(v.root.Get(), File, v.inside, OpenMode, Attributes);
 }
 
 EFI_STATUS FileIoListDirectory(const CHAR16* Path, FILE_IO_LIST_ENTRY** List, UINTN* Count) {
   if (Path == nullptr || List == nullptr || Count == nullptr)
     return EFI_INVALID_PARAMETER;
-  wc::FileOwner root;
-  EFI_STATUS status = OpenRoot(Path, root);
-  if (EFI_ERROR(status) || !root)
+  VolumeRoot v;
+  EFI_STATUS status = v.Open(Path);
+  if (EFI_ERROR(status) || !v.root)
     return status;
-  CHAR16 inside[kFileIoPathChars];
-  FileIoVolumePath(inside, Path, sizeof(inside));
   wc::FileOwner dir;
-  status = root->Open(root.Get(), dir.Receive(), inside, EFI_FILE_MODE_READ, 0);
+  status = v.OpenEntry(dir, EFI_FILE_MODE_READ);
   if (EFI_ERROR(status))
     return status;
   auto info = wc::PoolPtr<EFI_FILE_INFO>::Allocate(kListInfoBytes);
@@ -573,16 +577,14 @@ EFI_STATUS FileIoReadFile(const CHAR16* Path, void** Buffer, UINTN* Size) {
   if (Path == nullptr || Buffer == nullptr || Size == nullptr)
     return EFI_INVALID_PARAMETER;
   *Buffer = nullptr;
-  wc::FileOwner root;
-  EFI_STATUS status = OpenRoot(Path, root);
+  VolumeRoot v;
+  EFI_STATUS status = v.Open(Path);
   if (EFI_ERROR(status))
     return status;
-  if (!root)
+  if (!v.root)
     return EFI_NO_MEDIA;
-  CHAR16 inside[kFileIoPathChars];
-  FileIoVolumePath(inside, Path, sizeof(inside));
   wc::FileOwner file;
-  status = root->Open(root.Get(), file.Receive(), inside, EFI_FILE_MODE_READ, 0);
+  status = v.OpenEntry(file, EFI_FILE_MODE_READ);
   if (EFI_ERROR(status))
     return status;
   InfoBuffer<kReadInfoBytes> info;
@@ -608,16 +610,14 @@ EFI_STATUS FileIoReadFile(const CHAR16* Path, void** Buffer, UINTN* Size) {
 EFI_STATUS FileIoWriteFile(const CHAR16* Path, const void* Data, UINTN Count, UINT64 Position) {
   if (Path == nullptr || Data == nullptr)
     return EFI_INVALID_PARAMETER;
-  wc::FileOwner root;
-  EFI_STATUS status = OpenRoot(Path, root);
+  VolumeRoot v;
+  EFI_STATUS status = v.Open(Path);
   if (EFI_ERROR(status))
     return status;
-  if (!root)
+  if (!v.root)
     return EFI_NO_MEDIA;
-  CHAR16 inside[kFileIoPathChars];
-  FileIoVolumePath(inside, Path, sizeof(inside));
   wc::FileOwner file;
-  status = root->Open(root.Get(), file.Receive(), inside, kReadWriteCreate, 0);
+  status = v.OpenEntry(file, kReadWriteCreate);
   if (EFI_ERROR(status))
     return status;
   UINT64 size = 0;
@@ -626,7 +626,7 @@ EFI_STATUS FileIoWriteFile(const CHAR16* Path, const void* Data, UINTN Count, UI
   if (size > kDebugLogRestartSize) {
     EFI_FILE_PROTOCOL* old = file.Release();
     old->Delete(old);
-    status = root->Open(root.Get(), file.Receive(), inside, kReadWriteCreate, 0);
+    status = v.OpenEntry(file, kReadWriteCreate);
     if (EFI_ERROR(status))
       return status;
   }
