@@ -16,10 +16,7 @@
 namespace {
 
 constexpr UINTN kCableChecks = 6;
-constexpr UINTN kCablePause = 1000000;  // µs between cable checks
-constexpr UINTN kDeniedRetries = 100;   // DHCP refused while another client is active
-constexpr UINTN kDeniedPause = 200000;  // µs
-constexpr UINTN kTimeoutPause = 100000; // µs before the one retry after a DHCP time-out
+constexpr UINTN kCablePause = 1000000; // µs between cable checks
 constexpr UINTN kPromptConnectCable = 25;
 constexpr const CHAR16* kMessageFile = u"Wirecheck.msg.xml";
 constexpr UINT32 kCurrentUefi = 0x2001E;        // 2.30
@@ -187,24 +184,12 @@ EFI_STATUS RunPingTest(PingOptions& o) {
   UINT32 timeouts[1];
   EFI_DHCP4_CONFIG_DATA config = MakeDhcpConfig(timeouts);
   EFI_DHCP4_MODE_DATA mode = {};
-  UINTN denied = 0;
-  bool timeoutRetried = false;
-  for (;;) {
-    status = StartConfigureProcess(dhcp.Get(), &config, &mode);
-    if (status == EFI_ACCESS_DENIED && denied < kDeniedRetries) {
-      ++denied;
-      gBS->Stall(kDeniedPause);
-      continue;
-    }
-    if (status == EFI_TIMEOUT && !timeoutRetried) {
-      timeoutRetried = true;
-      gBS->Stall(kTimeoutPause);
-      if (!ProgressStep(o))
-        return EFI_SUCCESS;
-      continue;
-    }
-    break;
-  }
+  bool interrupted = false;
+  status = ConfigureWithPingRetries(
+      dhcp.Get(), &config, &mode,
+      [](void* context) { return ProgressStep(*static_cast<PingOptions*>(context)); }, &o, &interrupted);
+  if (interrupted)
+    return EFI_SUCCESS;
   if (EFI_ERROR(status)) {
     LogPrint(u"StartConfigureProcess() error (%r)\r\n", status);
     o.errorCode = status == EFI_TIMEOUT         ? ERROR_CODE_PING_CONFIG_FAILED

@@ -228,6 +228,8 @@ struct FakeDhcp {
   static inline FakeDhcp* self = nullptr;
   EFI_DHCP4_STATE state = Dhcp4Stopped;
   EFI_STATUS configureAnswer = EFI_SUCCESS;
+  int refuseConfigures = 0; // the first n configures are refused (another client is active)
+  int timeoutStarts = 0;    // the first n starts time out
   EFI_STATUS startAnswer = EFI_SUCCESS;
   int configures = 0, starts = 0, stops = 0;
   FakeDhcp() { self = this; }
@@ -242,10 +244,14 @@ struct FakeDhcp {
     ++self->configures;
     EXPECT_EQ(config->DiscoverTryCount, 1u);
     EXPECT_EQ(*config->DiscoverTimeout, 3u);
+    if (self->configures <= self->refuseConfigures)
+      return EFI_ACCESS_DENIED;
     return self->configureAnswer;
   }
   static EFI_STATUS EFIAPI Start(EFI_DHCP4_PROTOCOL*, EFI_EVENT) {
     ++self->starts;
+    if (self->starts <= self->timeoutStarts)
+      return EFI_TIMEOUT;
     if (self->startAnswer == EFI_SUCCESS)
       self->state = Dhcp4Bound;
     return self->startAnswer;
@@ -283,6 +289,65 @@ TEST(DhcpProcess, BoundLeaseExchangeAndRefusal) {
   EXPECT_EQ(StartConfigureProcess(&silent.dhcp, &config, &mode), EFI_TIMEOUT);
   EXPECT_EQ(silent.stops, 0);
   EXPECT_EQ(StartConfigureProcess(nullptr, &config, &mode), EFI_INVALID_PARAMETER);
+}
+
+TEST(DhcpProcess, PingTestRetryPolicy) {
+  FakeFirmware fw;
+  ResetOutputState();
+  UINT32 timeouts[1];
+  EFI_DHCP4_CONFIG_DATA config = MakeDhcpConfig(timeouts);
+  EFI_DHCP4_MODE_DATA mode{};
+  bool interrupted = false;
+  static int hookCalls;
+  hookCalls = 0;
+  auto hook = [](void* allow) {
+    ++hookCalls;
+    return *static_cast<bool*>(allow);
+  };
+  bool allow = true;
+
+  FakeDhcp busyThenFree;
+  busyThenFree.refuseConfigures = 5;
+  EXPECT_EQ(ConfigureWithPingRetries(&busyThenFree.dhcp, &config, &mode, hook, &allow, &interrupted),
+            EFI_SUCCESS);
+  EXPECT_EQ(busyThenFree.configures, 6);
+  EXPECT_NEAR(double(fw.now) / kSecond, 1.0, 0.01); // five pauses of 0.2 s
+
+  fw.now = 0;
+  FakeDhcp alwaysBusy;
+  alwaysBusy.refuseConfigures = 1000;
+  EXPECT_EQ(ConfigureWithPingRetries(&alwaysBusy.dhcp, &config, &mode, hook, &allow, &interrupted),
+            EFI_ACCESS_DENIED);
+  EXPECT_EQ(alwaysBusy.configures, 101); // the first call and 100 more
+  EXPECT_NEAR(double(fw.now) / kSecond, 20.0, 0.01);
+
+  FakeDhcp slowServer;
+  slowServer.timeoutStarts = 1;
+  EXPECT_EQ(ConfigureWithPingRetries(&slowServer.dhcp, &config, &mode, hook, &allow, &interrupted),
+            EFI_SUCCESS);
+  EXPECT_EQ(slowServer.starts, 2);
+  EXPECT_EQ(hookCalls, 1); // a progress step before the one retry
+
+  FakeDhcp noServer;
+  noServer.timeoutStarts = 1000;
+  EXPECT_EQ(ConfigureWithPingRetries(&noServer.dhcp, &config, &mode, hook, &allow, &interrupted),
+            EFI_TIMEOUT);
+  EXPECT_EQ(noServer.starts, 2);
+  EXPECT_FALSE(interrupted);
+
+  FakeDhcp cancelled;
+  cancelled.timeoutStarts = 1000;
+  allow = false; // the operator cancels at the progress step
+  EXPECT_EQ(ConfigureWithPingRetries(&cancelled.dhcp, &config, &mode, hook, &allow, &interrupted),
+            EFI_TIMEOUT);
+  EXPECT_EQ(cancelled.starts, 1);
+  EXPECT_TRUE(interrupted);
+
+  FakeDhcp broken;
+  broken.configureAnswer = EFI_DEVICE_ERROR;
+  EXPECT_EQ(ConfigureWithPingRetries(&broken.dhcp, &config, &mode, hook, &allow, &interrupted),
+            EFI_DEVICE_ERROR);
+  EXPECT_EQ(broken.configures, 1); // other errors are not retried
 }
 
 } // namespace
