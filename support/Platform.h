@@ -3,11 +3,15 @@
 #pragma once
 #include "uefi/SystemTable.h"
 
+// Structures follow one another without padding, so one may start at any address.
+#pragma pack(push, 1)
 struct SMBIOS_STRUCTURE {
   UINT8 Type;
   UINT8 Length;
   UINT16 Handle;
 };
+#pragma pack(pop)
+static_assert(alignof(SMBIOS_STRUCTURE) == 1);
 
 // Finds the SMBIOS 2.x entry point; EFI_NOT_FOUND when the firmware publishes none.
 EFI_STATUS EfiSmbiosLibInitialize(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE* SystemTable);

@@ -19,8 +19,11 @@ def read(run, *parts):
 class FilesAndIdentity(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
+        note = os.path.join(os.path.dirname(os.path.abspath(__file__)), "vmtest.py")
+        cls.note = note
         cls.run_ = boot(["-catalog=fs0:\\cat.xml", "-catalog=here.xml", "-test=detectcable"],
-                        smbios=["1,family=1a00_qemuvm-lab", "2,product=Q35BOARD"], cwd="\\work")
+                        smbios=["1,family=1a00_qemuvm-lab", "2,product=Q35BOARD"], cwd="\\work",
+                        files=[(note, "data\\deep\\note.txt")])
 
     def test_debug_log_beside_the_module_has_identity_lines(self):
         log = read(self.run_, "Debug.log").decode("latin-1")
@@ -29,6 +32,10 @@ class FilesAndIdentity(unittest.TestCase):
         self.assertRegex(log, STAMP + r"Platform family id 1\r\n")
         for line in log.split("\r\n")[:-1]:
             self.assertRegex(line, "^" + STAMP)
+
+    def test_extra_files_reach_the_disk(self):
+        with open(self.note, "rb") as f:
+            self.assertEqual(read(self.run_, "data", "deep", "note.txt"), f.read())
 
     def test_catalog_file_is_ucs2_without_byte_order_mark(self):
         data = read(self.run_, "cat.xml")
