@@ -8,6 +8,7 @@
 #include "frame/TestModule.h"
 #include "options/OptionStore.h"
 #include "report/Output.h"
+#include "text/Regex.h"
 #include "unittest/FakeFirmware.h"
 
 namespace {
@@ -45,5 +46,24 @@ int main() {
   });
   std::printf("BENCH option_call %.2f us/call\n", s / kCalls * 1e6);
   std::printf("BENCH option_call_pool_left %zu allocations\n", fw.pool.size());
+
+  // The MAC test's kind of match: a MAC text against an invalid-MAC pattern.
+  constexpr int kMatches = 100000;
+  s = SecondsFor(kMatches, [&](int) {
+    BOOLEAN matched = FALSE;
+    MatchingStringAndRegularExpression(u"52:54:00:12:34:56", u"[0-9a-f]{2}(:[0-9a-f]{2}){5}", FALSE,
+                                       &matched);
+    gSink = matched;
+  });
+  std::printf("BENCH regex_mac_match %.0f matches/s\n", kMatches / s);
+
+  // A pattern that makes plain backtracking exponential, against 10,000 characters.
+  std::u16string as(10000, u'a');
+  s = SecondsFor(1, [&](int) {
+    BOOLEAN matched = TRUE;
+    MatchingStringAndRegularExpression(as.c_str(), u"a*a*a*a*a*a*b", TRUE, &matched);
+    gSink = matched;
+  });
+  std::printf("BENCH regex_hostile_10000 %.2f ms\n", s * 1e3);
   return 0;
 }
