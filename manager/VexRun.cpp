@@ -8,9 +8,10 @@
 //   RESULT result=<Name> error=0x<HEX> status=<status>
 //   UNLOAD status=<status> protocols=<removed|still-installed>
 //
-// Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-old] [-v] [-r] [-hdb] ["OPTION STRING" ...]
-// -r loads and unloads the module around every call, so each call starts from a fresh image.
-// -hdb compares the handle database before and after every execute call and prints a line
+// Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-old] [-v] [-r] [-hdb] [-lang LANG] [-msg ID]
+// ["OPTION STRING" ...] -r loads and unloads the module around every call, so each call starts from a fresh
+// image. -lang LANG shows the texts of prompts (and of -msg ID) in that language of the message file. -hdb
+// compares the handle database before and after every execute call and prints a line
 //   HANDLES unchanged|CHANGED handles=<before>/<after> protocols=<b>/<a> opens=<b>/<a>
 //   (opens: those whose agent is the module)
 #include "base/DevicePathText.h"
@@ -20,6 +21,9 @@
 #include "base/Print.h"
 #include "base/String.h"
 #include "manager/Script.h"
+#include "support/DebugLog.h"
+#include "support/FileIo.h"
+#include "support/Messages.h"
 #include "uefi/Uefi.h"
 
 namespace {
@@ -37,6 +41,9 @@ struct Settings {
   bool verbose = false;
   bool reload = false; // load and unload the module around every call
   bool checkHandles = false;
+  CHAR8 language[8] = "eng";              // for the texts of prompts and -msg
+  const CHAR16* messages[kMaxCalls] = {}; // -msg ID arguments
+  UINTN messageCount = 0;
   const CHAR16* calls[kMaxCalls] = {};
   UINTN callCount = 0;
 };
@@ -50,6 +57,7 @@ struct State {
   AnswerScript* script = nullptr;
   bool verbose = false;
   bool checkHandles = false; // compare the handle database before and after each execute call
+  const CHAR8* language = "eng";
 };
 constinit State* gState = nullptr;
 
@@ -160,8 +168,20 @@ EFI_STATUS EFIAPI ManagerOutput(CHAR16* Text, BOOLEAN Flag, BOOLEAN ToConsole, B
   return EFI_SUCCESS;
 }
 
+// The text of a message in the manager's language, from the message file the module named.
+void ShowMessageText(const CHAR16* prefix, UINTN id, const CHAR16* file) {
+  CHAR16* text = nullptr;
+  EFI_STATUS status = GetLocalizedMessage(gState->language, id, file, &text);
+  if (EFI_ERROR(status))
+    Say(u"%s unavailable (%r)\r\n", prefix, status);
+  else
+    Say(u"%s%s\r\n", prefix, text);
+  FreePool(text);
+}
+
 EFI_STATUS EFIAPI ManagerPrompt(UINTN MessageId, CHAR16* MessageFile) {
   Say(u"PROMPT message=%d file=%s\r\n", MessageId, MessageFile);
+  ShowMessageText(u"PROMPT text=", MessageId, MessageFile);
   bool abort = false;
   if (gState->script != nullptr) {
     const Answer* a = TakeAnswer(gState->script, AnswerKind::Prompt);
@@ -304,6 +324,10 @@ bool ParseArguments(EFI_HANDLE image, Settings& s) {
       s.reload = true;
     } else if (StriEq(arg, u"-hdb")) {
       s.checkHandles = true;
+    } else if (StriEq(arg, u"-lang") && hasNext) {
+      UnicodeToAscii(s.language, sizeof(s.language), params->Argv[++i]);
+    } else if (StriEq(arg, u"-msg") && hasNext && s.messageCount < kMaxCalls) {
+      s.messages[s.messageCount++] = params->Argv[++i];
     } else if (StriEq(arg, u"-h") || StriEq(arg, u"-?")) {
       return false;
     } else if (s.callCount < kMaxCalls) {
@@ -444,6 +468,11 @@ EFI_STATUS Run(EFI_HANDLE image) {
   }
   gState->verbose = settings.verbose;
   gState->checkHandles = settings.checkHandles;
+  gState->language = settings.language;
+  // Message texts are read with the module's own file access, relative to the manager's directory;
+  // the manager keeps no debug log of its own.
+  FileIoInitialize(image, gST);
+  DebugLogReset();
 
   EFI_LOADED_IMAGE_PROTOCOL* self = nullptr;
   EFI_STATUS status =
@@ -483,6 +512,18 @@ EFI_STATUS Run(EFI_HANDLE image) {
       return EFI_INVALID_PARAMETER;
     }
     gState->script = script.Get();
+  }
+
+  for (UINTN i = 0; i < settings.messageCount; ++i) {
+    CHAR16 path[kPathChars];
+    StrCopy(path, sizeof(path), kMessageFileName);
+    FileIoResolveModulePath(path, sizeof(path));
+    CHAR16 prefix[64];
+    UINTN id = 0;
+    for (const CHAR16* c = settings.messages[i]; *c >= u'0' && *c <= u'9'; ++c)
+      id = id * 10 + UINTN(*c - u'0');
+    SPrint(prefix, sizeof(prefix), u"MESSAGE lang=%a id=%d text=", settings.language, id);
+    ShowMessageText(prefix, id, path);
   }
 
   EFI_HANDLE managerHandle = nullptr;

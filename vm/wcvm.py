@@ -27,7 +27,7 @@ DEFAULT_VAR_GUID = "59D1C24F-50F1-401A-B101-F33E0DAED443"
 NIC_MODELS = {"virtio": "virtio-net-pci", "e1000": "e1000", "rtl8139": "rtl8139"}
 ESCAPE = re.compile(r"\x1b\[[0-9;=?]*[A-Za-z]")
 RESULT_LINE = re.compile(r"^RESULT result=(\w+) error=0x([0-9A-Fa-f]+) status=(.*)$")
-MANAGER_LINES = ("CALL ", "RUNTIME ", "LOAD ", "PROTOCOLS ", "MODULE ", "UNLOAD ", "VEXRUN ", "HANDLES ")
+MANAGER_LINES = ("CALL ", "RUNTIME ", "LOAD ", "PROTOCOLS ", "MODULE ", "UNLOAD ", "VEXRUN ", "HANDLES ", "MESSAGE ")
 
 
 class HarnessError(Exception):
@@ -75,6 +75,8 @@ class VmConfig:
     old_layout: bool = False
     reload: bool = False  # a fresh module image for every call
     check_handles: bool = False  # the manager compares the handle database around each call
+    language: str = ""  # the manager shows prompt texts in this language of the message file
+    messages: list = field(default_factory=list)  # message numbers the manager prints before the calls
     timeout: int = 240
     shell_before: list = field(default_factory=list)  # extra shell lines before the manager
     cwd: str = ""  # the shell's current directory on fs0: when the manager runs (made if missing)
@@ -142,6 +144,10 @@ def _startup_script(cfg):
         args += " -r"
     if cfg.check_handles:
         args += " -hdb"
+    if cfg.language:
+        args += f" -lang {cfg.language}"
+    for message in cfg.messages:
+        args += f" -msg {int(message)}"
     lines.append(f"fs0:\\VexRun.efi {args}")
     lines += cfg.shell_after
     lines.append("reset -s")
@@ -357,13 +363,15 @@ def main(argv):
     parser.add_argument("--file", action="append", default=[], metavar="LOCAL=PATH")
     parser.add_argument("--script", metavar="FILE", help="answers for prompts, progress and menus")
     parser.add_argument("--verbose", action="store_true", help="show the manager's own lines and output flags")
+    parser.add_argument("--lang", default="", metavar="LANG",
+                        help="the manager shows prompt texts in this language (eng, fra, deu, esp, ...)")
     parser.add_argument("--old-layout", action="store_true", help="drive the module's old protocol layout")
     parser.add_argument("--timeout", type=int, default=240)
     parser.add_argument("options", nargs=argparse.REMAINDER, help="the module's option string")
     # Module options begin with a single "-": everything from the first word that is not one of
     # the VM options above belongs to the option string.
     vm_args, rest = [], list(argv)
-    takes_value = {"--nic", "--smbios", "--var", "--file", "--script", "--timeout"}
+    takes_value = {"--nic", "--smbios", "--var", "--file", "--script", "--timeout", "--lang"}
     while rest and rest[0].startswith("--") and rest[0] != "--":
         word = rest.pop(0)
         vm_args.append(word)
@@ -374,7 +382,7 @@ def main(argv):
     args = parser.parse_args(vm_args)
     try:
         cfg = VmConfig(calls=[" ".join(rest)], verbose=args.verbose, old_layout=args.old_layout,
-                       timeout=args.timeout)
+                       timeout=args.timeout, language=args.lang)
         cfg.nics = [Nic.parse(n) for n in args.nic]
         cfg.smbios = args.smbios
         cfg.variables = [parse_var(v) for v in args.var]

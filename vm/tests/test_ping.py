@@ -78,6 +78,7 @@ class UnpluggedCable(unittest.TestCase):
         self.assertEqual(twice.count("Retry......"), 1)
         self.assertTrue(any(l.startswith("PromptMessage(380) - 25 - Wirecheck.msg.xml") for l in once))
         self.assertIn("PROMPT message=25 file=\\Wirecheck.msg.xml", once)
+        self.assertTrue(any(l.startswith("PROMPT text=Connect a network cable") for l in once))
 
 
 class NoAddress(unittest.TestCase):
