@@ -9,6 +9,10 @@
 #include "options/OptionStore.h"
 #include "report/Output.h"
 #include "text/Regex.h"
+#include "support/Xml.h"
+#include "base/Memory.h"
+#include <fstream>
+#include <sstream>
 #include "unittest/FakeFirmware.h"
 
 namespace {
@@ -65,5 +69,22 @@ int main() {
     gSink = matched;
   });
   std::printf("BENCH regex_hostile_10000 %.2f ms\n", s * 1e3);
+
+  // Loading the shipped message file (decode, validate, build, free).
+  std::ifstream file(std::string(SOURCE_DIR) + "/support/Wirecheck.msg.xml", std::ios::binary);
+  std::stringstream bytes;
+  bytes << file.rdbuf();
+  std::string xml = bytes.str();
+  constexpr int kLoads = 2000;
+  s = SecondsFor(kLoads, [&](int) {
+    CHAR16* text = nullptr;
+    FileData2XmlDocString(reinterpret_cast<const UINT8*>(xml.data()), xml.size(), &text);
+    XmlNode* doc = nullptr;
+    _XmlLoadString(text, &doc, TRUE);
+    XmlFreeDocument(doc);
+    FreePool(text);
+  });
+  std::printf("BENCH xml_message_file_load %.1f us\n", s / kLoads * 1e6);
+  std::printf("BENCH xml_throughput %.1f MB/s\n", double(xml.size()) * kLoads / s / 1e6);
   return 0;
 }
