@@ -24,6 +24,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::u16string options;
   for (size_t i = 1; i + 1 < size; i += 2)
     options += char16_t(data[i] | (data[i + 1] << 8));
+  // The number conversion on its own: the end it reports lies within the text.
+  for (BOOLEAN hex : {FALSE, TRUE}) {
+    const CHAR16* end = nullptr;
+    StrToInteger(options.c_str(), &end, hex);
+    if (end != nullptr && (end < options.c_str() || end > options.c_str() + options.size()))
+      std::abort();
+  }
   std::u16string copy = options;
   UINTN runTime = 0, result = 0, error = 0;
   VexGetTestRunTime(0, options.data(), &runTime, &result, &error);
