@@ -13,7 +13,7 @@
 #include "base/Memory.h"
 #include <fstream>
 #include <sstream>
-#include "unittest/FakeFirmware.h"
+#include "test/FakeFirmware.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 
 #include "base/String.h"
 #include "text/Regex.h"
-#include "unittest/FakeFirmware.h"
+#include "test/FakeFirmware.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include "base/Memory.h"
 #include "support/Xml.h"
-#include "unittest/FakeFirmware.h"
+#include "test/FakeFirmware.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FakeFirmware fw;

@@ -88,6 +88,11 @@ struct VolumeRoot {
       FileIoVolumePath(inside, path, sizeof(inside));
     return status;
   }
+  // The same for operations that need a volume: no volume at all is EFI_NO_MEDIA.
+  EFI_STATUS OpenRequired(const CHAR16* path) {
+    EFI_STATUS status = Open(path);
+    return !EFI_ERROR(status) && !root ? EFI_NO_MEDIA : status;
+  }
   EFI_STATUS OpenEntry(wc::FileOwner& entry, UINT64 mode, UINT64 attributes = 0) {
     return root->Open(root.Get(), entry.Receive(), inside, mode, attributes);
   }
@@ -458,11 +463,9 @@ EFI_STATUS FileIoDeleteFile(const CHAR16* Path) {
   if (Path == nullptr)
     return EFI_INVALID_PARAMETER;
   VolumeRoot v;
-  EFI_STATUS status = v.Open(Path);
+  EFI_STATUS status = v.OpenRequired(Path);
   if (EFI_ERROR(status))
     return status;
-  if (!v.root)
-    return EFI_NO_MEDIA;
   wc::FileOwner file;
   status = v.OpenEntry(file, EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE);
   if (EFI_ERROR(status))
@@ -477,11 +480,9 @@ EFI_STATUS FileIoOpenFile(const CHAR16* Path, UINT64 OpenMode, UINT64 Attributes
   if (Path == nullptr || File == nullptr)
     return EFI_INVALID_PARAMETER;
   VolumeRoot v;
-  EFI_STATUS status = v.Open(Path);
+  EFI_STATUS status = v.OpenRequired(Path);
   if (EFI_ERROR(status))
     return status;
-  if (!v.root)
-    return EFI_NO_MEDIA;
   return v.root->Open(v.root.Get(), File, v.inside, OpenMode, Attributes);
 }
 
@@ -578,11 +579,9 @@ EFI_STATUS FileIoReadFile(const CHAR16* Path, void** Buffer, UINTN* Size) {
     return EFI_INVALID_PARAMETER;
   *Buffer = nullptr;
   VolumeRoot v;
-  EFI_STATUS status = v.Open(Path);
+  EFI_STATUS status = v.OpenRequired(Path);
   if (EFI_ERROR(status))
     return status;
-  if (!v.root)
-    return EFI_NO_MEDIA;
   wc::FileOwner file;
   status = v.OpenEntry(file, EFI_FILE_MODE_READ);
   if (EFI_ERROR(status))
@@ -611,11 +610,9 @@ EFI_STATUS FileIoWriteFile(const CHAR16* Path, const void* Data, UINTN Count, UI
   if (Path == nullptr || Data == nullptr)
     return EFI_INVALID_PARAMETER;
   VolumeRoot v;
-  EFI_STATUS status = v.Open(Path);
+  EFI_STATUS status = v.OpenRequired(Path);
   if (EFI_ERROR(status))
     return status;
-  if (!v.root)
-    return EFI_NO_MEDIA;
   wc::FileOwner file;
   status = v.OpenEntry(file, kReadWriteCreate);
   if (EFI_ERROR(status))

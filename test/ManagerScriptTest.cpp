@@ -5,7 +5,7 @@
 
 #include "base/Memory.h"
 #include "manager/Script.h"
-#include "unittest/FakeFirmware.h"
+#include "test/FakeFirmware.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include "support/FileIo.h"
 #include "support/Messages.h"
 #include "support/Xml.h"
-#include "unittest/FakeFileSystem.h"
-#include "unittest/FakeFirmware.h"
+#include "test/FakeFileSystem.h"
+#include "test/FakeFirmware.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 
 #include "support/FileIo.h"
 #include "text/Ini.h"
-#include "unittest/FakeFileSystem.h"
-#include "unittest/FakeFirmware.h"
+#include "test/FakeFileSystem.h"
+#include "test/FakeFirmware.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "unittest/FakeFirmware.h"
+#include "test/FakeFirmware.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -8,7 +8,7 @@
 #include "base/Owners.h"
 #include "base/String.h"
 #include "text/OrderedList.h"
-#include "unittest/FakeFirmware.h"
+#include "test/FakeFirmware.h"
 
 namespace {
 

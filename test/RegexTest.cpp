@@ -3,7 +3,7 @@
 #include <string>
 
 #include "text/Regex.h"
-#include "unittest/FakeFirmware.h"
+#include "test/FakeFirmware.h"
 
 namespace {
 

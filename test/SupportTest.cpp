@@ -8,8 +8,8 @@
 #include "support/DebugLog.h"
 #include "support/FileIo.h"
 #include "support/Platform.h"
-#include "unittest/FakeFileSystem.h"
-#include "unittest/FakeFirmware.h"
+#include "test/FakeFileSystem.h"
+#include "test/FakeFirmware.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "unittest/FakeFileSystem.h"
+#include "test/FakeFileSystem.h"
 
 #include <algorithm>
 #include <cstring>
