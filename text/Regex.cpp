@@ -335,13 +335,20 @@ bool Accepts(const REGEX_ATOM* atom, CHAR16 ch, BOOLEAN caseSensitive) {
 // The compiled pattern as an array, and the work arrays of the matcher.
 class Matcher {
 public:
-  Matcher(ORDERED_LIST* compiled, const CHAR16* string, BOOLEAN caseSensitive)
-      : list_(compiled), s_(string), n_(StrLen(string)), caseSensitive_(caseSensitive) {}
-  ~Matcher() { OrderedListDestroy(list_); }
+  Matcher(const CHAR16* string, BOOLEAN caseSensitive)
+      : s_(string), n_(StrLen(string)), caseSensitive_(caseSensitive) {}
+  ~Matcher() {
+    if (list_ != nullptr)
+      OrderedListDestroy(list_);
+  }
   Matcher(const Matcher&) = delete;
   Matcher& operator=(const Matcher&) = delete;
 
-  EFI_STATUS Prepare() {
+  // Compiles the pattern and allocates the work arrays.
+  EFI_STATUS Prepare(const CHAR16* pattern) {
+    EFI_STATUS status = RegularExpressionCompile(pattern, &list_);
+    if (EFI_ERROR(status))
+      return status;
     atomCount_ = list_->Count;
     atoms_ = wc::PoolPtr<REGEX_ATOM*>::Allocate(wc::Max<UINTN>(atomCount_, 1) * sizeof(REGEX_ATOM*));
     UINTN bytes = (n_ + 2) * sizeof(UINTN);
@@ -434,7 +441,7 @@ private:
     next_.Reset(t);
   }
 
-  ORDERED_LIST* list_;
+  ORDERED_LIST* list_ = nullptr;
   const CHAR16* s_;
   UINTN n_;
   BOOLEAN caseSensitive_;
@@ -483,12 +490,8 @@ EFI_STATUS MatchingStringAndRegularExpression(const CHAR16* String, const CHAR16
   if (String == nullptr || Pattern == nullptr || Pattern[0] == 0 || Matched == nullptr)
     return EFI_INVALID_PARAMETER;
   *Matched = FALSE;
-  ORDERED_LIST* compiled = nullptr;
-  EFI_STATUS status = RegularExpressionCompile(Pattern, &compiled);
-  if (EFI_ERROR(status))
-    return status;
-  Matcher matcher(compiled, String, CaseSensitive);
-  status = matcher.Prepare();
+  Matcher matcher(String, CaseSensitive);
+  EFI_STATUS status = matcher.Prepare(Pattern);
   if (EFI_ERROR(status))
     return status;
   *Matched = matcher.WholeMatch() ? TRUE : FALSE;
@@ -513,12 +516,8 @@ EFI_STATUS RegularExpressionSearch(const CHAR16* String, const CHAR16* Pattern, 
   if (StrEq(Pattern, u"$"))
     return found(StrLen(String), 0);
 
-  ORDERED_LIST* compiled = nullptr;
-  EFI_STATUS status = RegularExpressionCompile(Pattern, &compiled);
-  if (EFI_ERROR(status))
-    return status;
-  Matcher matcher(compiled, String, CaseSensitive);
-  status = matcher.Prepare();
+  Matcher matcher(String, CaseSensitive);
+  EFI_STATUS status = matcher.Prepare(Pattern);
   if (EFI_ERROR(status))
     return status;
   UINTN n = matcher.Length();
