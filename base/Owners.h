@@ -4,7 +4,6 @@
 #include "base/Cxx.h"
 #include "base/Globals.h"
 #include "base/Memory.h"
-#include "uefi/protocol/ServiceBinding.h"
 #include "uefi/protocol/SimpleFileSystem.h"
 
 namespace wc {
@@ -121,43 +120,30 @@ private:
   bool mustClose_ = false;
 };
 
-// A child created through a service binding; destroyed on release.
-class ServiceChild {
+// The handles that carry a protocol, in the firmware's order; the buffer is freed on release.
+class HandleBuffer {
 public:
-  ServiceChild() = default;
-  ServiceChild(ServiceChild&& o) noexcept
-      : binding_(Exchange<EFI_SERVICE_BINDING_PROTOCOL*>(o.binding_, nullptr)),
-        child_(Exchange<EFI_HANDLE>(o.child_, nullptr)) {}
-  ServiceChild(const ServiceChild&) = delete;
-  ServiceChild& operator=(const ServiceChild&) = delete;
-  ~ServiceChild() { Destroy(); }
-
-  EFI_STATUS Create(EFI_SERVICE_BINDING_PROTOCOL* binding) {
-    Destroy();
-    if (binding == nullptr)
-      return EFI_INVALID_PARAMETER;
-    EFI_HANDLE child = nullptr;
-    EFI_STATUS status = binding->CreateChild(binding, &child);
-    if (!EFI_ERROR(status)) {
-      binding_ = binding;
-      child_ = child;
-    }
+  EFI_STATUS Locate(const EFI_GUID& Protocol) {
+    Reset();
+    EFI_STATUS status = gBS->LocateHandleBuffer(ByProtocol, &Protocol, nullptr, &count_, handles_.Receive());
+    if (EFI_ERROR(status) || !handles_)
+      Reset();
     return status;
   }
-  EFI_HANDLE Handle() const { return child_; }
-  explicit operator bool() const { return child_ != nullptr; }
-  EFI_STATUS Destroy() {
-    EFI_STATUS status = EFI_SUCCESS;
-    if (binding_ != nullptr && child_ != nullptr)
-      status = binding_->DestroyChild(binding_, child_);
-    binding_ = nullptr;
-    child_ = nullptr;
-    return status;
+  UINTN Count() const { return count_; }
+  EFI_HANDLE operator[](UINTN i) const { return handles_[i]; }
+  // The handle at a 1-based position, or null when there is none.
+  EFI_HANDLE At(UINT64 Position) const {
+    return Position >= 1 && Position <= count_ ? handles_[Position - 1] : nullptr;
+  }
+  void Reset() {
+    handles_.Reset();
+    count_ = 0;
   }
 
 private:
-  EFI_SERVICE_BINDING_PROTOCOL* binding_ = nullptr;
-  EFI_HANDLE child_ = nullptr;
+  PoolPtr<EFI_HANDLE> handles_;
+  UINTN count_ = 0;
 };
 
 // An open file or directory of a simple file system; closed on release.

@@ -13,7 +13,7 @@
 #include "base/Memory.h"
 #include <fstream>
 #include <sstream>
-#include "test/FakeFirmware.h"
+#include "fakes/FakeFirmware.h"
 
 namespace {
 

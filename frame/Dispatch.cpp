@@ -4,34 +4,13 @@
 #include "options/OptionStore.h"
 #include "report/Output.h"
 #include "report/Results.h"
-#include "tests/PingTest.h"
 
 namespace {
 
 constexpr UINTN kTestNameChars = 128;
 
-INT32 gSelectedTest = TEST_PING;
+INT32 gSelectedTest = 0;
 CHAR16 gTestName[kTestNameChars];
-
-struct TestEntry {
-  TestProcedure procedure; // null until the test's procedure is part of the module
-  UINTN runTime;
-};
-
-// Indexed by test number; the order is the order of the test table.
-constexpr TestEntry kTests[kTestCount] = {
-    {PingTest, 10}, // pingtest
-    {nullptr, 10},  // detectcable
-    {nullptr, 60},  // interactivenetworktest
-    {nullptr, 10},  // macaddresstest
-    {nullptr, 10},  // SpeedTest
-    {nullptr, 10},  // NicSpeedTest
-    {nullptr, 10},  // IRQTest
-};
-
-bool IsKnownTest(INT32 number) {
-  return UINT32(number) < kTestCount;
-}
 
 } // namespace
 
@@ -51,9 +30,9 @@ UINTN TestOptionHandler(CHAR16* Name, CHAR16* Value, CHAR16** TestName) {
     }
     StrLwrAscii(gTestName);
     const TestInfo* match = nullptr;
-    for (INT32 n = 0; gModuleInfo.Tests[n].Name != nullptr; ++n) {
-      if (StriEq(gModuleInfo.Tests[n].Name, gTestName)) {
-        match = &gModuleInfo.Tests[n];
+    for (INT32 n = 0; gModuleInfo.Tests[n] != nullptr; ++n) {
+      if (StriEq(gModuleInfo.Tests[n]->Name, gTestName)) {
+        match = gModuleInfo.Tests[n];
         gSelectedTest = n;
       }
     }
@@ -68,14 +47,14 @@ UINTN TestOptionHandler(CHAR16* Name, CHAR16* Value, CHAR16** TestName) {
   }
 
   const CHAR16* fullName = Name - 1; // the "-" stands directly before the name
-  const OptionInfo* options = IsKnownTest(gSelectedTest) ? gModuleInfo.Tests[gSelectedTest].Options : nullptr;
-  if (FindOptionInfo(options, fullName) != nullptr) {
+  const TestInfo* selected = TestAt(gSelectedTest);
+  if (FindOptionInfo(selected != nullptr ? selected->Options : nullptr, fullName) != nullptr) {
     AddParsedOption(fullName, Value, TRUE);
     TracePrint(u"Test option %s = '%s'\r\n", Name, Value);
     return 0;
   }
   ErrorPrint(u"Unknown option: %s for subtest %s\r\n", fullName,
-             IsKnownTest(gSelectedTest) ? gModuleInfo.Tests[gSelectedTest].Name : nullptr);
+             selected != nullptr ? selected->Name : nullptr);
   return 1;
 }
 
@@ -95,8 +74,9 @@ EFI_STATUS ExecuteSelectedTest(UINTN Parameter, CHAR16* Options, UINTN* Result, 
 }
 
 EFI_STATUS DispatchTest(UINTN, CHAR16*, UINTN* Result, UINTN* ErrorCode) {
-  if (IsKnownTest(gSelectedTest) && kTests[gSelectedTest].procedure != nullptr)
-    return kTests[gSelectedTest].procedure(Result, ErrorCode);
+  const TestInfo* selected = TestAt(gSelectedTest);
+  if (selected != nullptr && selected->Procedure != nullptr)
+    return selected->Procedure(Result, ErrorCode);
   ErrorPrint(u"Invalid test %d\r\n", gSelectedTest);
   *Result = TEST_RESULT_SOFTWARE_ERROR;
   *ErrorCode = ERROR_CODE_SOFTWARE;
@@ -104,8 +84,9 @@ EFI_STATUS DispatchTest(UINTN, CHAR16*, UINTN* Result, UINTN* ErrorCode) {
 }
 
 EFI_STATUS GetSelectedTestRunTime(UINTN, CHAR16*, UINTN* RunTime, UINTN* Result, UINTN* ErrorCode) {
-  if (RunTime != nullptr && IsKnownTest(gSelectedTest)) {
-    *RunTime = kTests[gSelectedTest].runTime;
+  const TestInfo* selected = TestAt(gSelectedTest);
+  if (RunTime != nullptr && selected != nullptr) {
+    *RunTime = selected->RunTime;
     *Result = TEST_RESULT_PASSED;
     *ErrorCode = ERROR_CODE_NONE;
     return EFI_SUCCESS;

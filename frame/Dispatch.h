@@ -1,8 +1,6 @@
 // Test selection by the -test option, routing of test options, and running the selected test.
 #pragma once
-#include "uefi/Base.h"
-
-using TestProcedure = EFI_STATUS (*)(UINTN* Result, UINTN* ErrorCode);
+#include "options/Catalog.h"
 
 UINTN TestOptionHandler(CHAR16* Name, CHAR16* Value, CHAR16** TestName);
 EFI_STATUS ExecuteSelectedTest(UINTN Parameter, CHAR16* Options, UINTN* Result, UINTN* ErrorCode);

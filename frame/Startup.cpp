@@ -14,7 +14,6 @@
 VEX_MANAGER_PROTOCOL* gManager = nullptr;
 
 namespace {
-constexpr CHAR8 kBuildTimeStamp[] = "Jan  3 2024 16:39:14";
 constexpr UINTN kVersionBufferBytes = 512;
 } // namespace
 
@@ -63,7 +62,8 @@ EFI_STATUS InitializeTestModule(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE* System
     return status;
   }
 
-  FormatVersionString(gModuleInfo.Version, kVersionBufferBytes, 1, 1, u"", kBuildTimeStamp, u"");
+  FormatVersionString(gModuleInfo.Version, kVersionBufferBytes, kModuleMajor, kModuleMinor, kModuleBuild,
+                      kModuleBuildTimeStamp, u"");
   LogPrint(u"===========================================================\r\n");
   LogPrint(u"Starting %s.%s version %s\r\n", ModuleName(), u"vex", gModuleInfo.Version);
 

@@ -10,10 +10,7 @@
 #include "report/Results.h"
 
 namespace {
-constexpr UINTN kModuleMajor = 1;
-constexpr UINTN kModuleMinor = 1;
 constexpr UINTN kBuildTextBytes = 64;
-const CHAR16 kBuildText[] = u"";
 
 VEX_TEST_MODULE_PROTOCOL* gTestModule = nullptr;
 VEX_TEST_MODULE_OLD_PROTOCOL* gTestModuleOld = nullptr;
@@ -34,7 +31,7 @@ EFI_STATUS EFIAPI VexGetTestVersion(UINTN* Major, UINTN* Minor, CHAR16** Build) 
   if (Build != nullptr) {
     *Build = static_cast<CHAR16*>(AllocatePool(kBuildTextBytes));
     if (*Build != nullptr)
-      StrCopy(*Build, kBuildTextBytes, kBuildText);
+      StrCopy(*Build, kBuildTextBytes, kModuleBuild);
   }
   return EFI_SUCCESS;
 }

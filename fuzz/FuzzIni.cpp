@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "text/Ini.h"
-#include "test/FakeFirmware.h"
+#include "fakes/FakeFirmware.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1)

@@ -8,7 +8,7 @@
 #include "frame/TestModule.h"
 #include "options/OptionStore.h"
 #include "report/Output.h"
-#include "test/FakeFirmware.h"
+#include "fakes/FakeFirmware.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FakeFirmware fw;

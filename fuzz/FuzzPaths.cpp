@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "support/FileIo.h"
-#include "test/FakeFirmware.h"
+#include "fakes/FakeFirmware.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FakeFirmware fw;

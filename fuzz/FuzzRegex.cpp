@@ -8,7 +8,7 @@
 
 #include "base/String.h"
 #include "text/Regex.h"
-#include "test/FakeFirmware.h"
+#include "fakes/FakeFirmware.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "base/String.h"
 #include "report/Output.h"
 #include "support/Platform.h"
-#include "test/FakeFirmware.h"
+#include "fakes/FakeFirmware.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size > 0xFFFF)

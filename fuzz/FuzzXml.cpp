@@ -5,7 +5,7 @@
 
 #include "base/Memory.h"
 #include "support/Xml.h"
-#include "test/FakeFirmware.h"
+#include "fakes/FakeFirmware.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FakeFirmware fw;

@@ -31,6 +31,7 @@ EFI_STATUS OpenChild(EFI_HANDLE service, EFI_HANDLE agent, const EFI_GUID& bindi
   status = binding->CreateChild(binding, child);
   if (EFI_ERROR(status)) {
     LogPrint(u"Failed to creat Ip4 child handle!\r\n");
+    *child = nullptr;
     return status;
   }
   void* iface = nullptr;
@@ -58,29 +59,6 @@ void CloseChild(EFI_HANDLE service, EFI_HANDLE agent, EFI_HANDLE child, const EF
   gBS->CloseProtocol(service, &bindingGuid, agent, nullptr);
 }
 
-// A managed-network child for one reading of the simple-network mode; destroyed on every path.
-class MnpProbe {
-public:
-  MnpProbe(EFI_HANDLE nic, EFI_HANDLE agent) : nic_(nic), agent_(agent) {}
-  MnpProbe(const MnpProbe&) = delete;
-  MnpProbe& operator=(const MnpProbe&) = delete;
-  ~MnpProbe() {
-    if (child_ != nullptr)
-      DestroyServiceChild(nic_, agent_, &EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID, child_);
-  }
-  EFI_STATUS Create() {
-    return CreateServiceChild(nic_, agent_, &EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID, &child_);
-  }
-  EFI_STATUS Mnp(EFI_MANAGED_NETWORK_PROTOCOL** mnp) {
-    return gBS->HandleProtocol(child_, &EFI_MANAGED_NETWORK_PROTOCOL_GUID, reinterpret_cast<void**>(mnp));
-  }
-
-private:
-  EFI_HANDLE nic_;
-  EFI_HANDLE agent_;
-  EFI_HANDLE child_ = nullptr;
-};
-
 // Reads the simple-network mode through a managed-network child. The three messages name the
 // failing step; each reader words them in its own way.
 EFI_STATUS ReadSnpMode(EFI_HANDLE nic, EFI_HANDLE agent, wc::PoolPtr<EFI_SIMPLE_NETWORK_MODE>& mode,
@@ -88,21 +66,15 @@ EFI_STATUS ReadSnpMode(EFI_HANDLE nic, EFI_HANDLE agent, wc::PoolPtr<EFI_SIMPLE_
   mode = wc::PoolPtr<EFI_SIMPLE_NETWORK_MODE>::AllocateZero(sizeof(EFI_SIMPLE_NETWORK_MODE));
   if (!mode)
     return EFI_OUT_OF_RESOURCES;
-  MnpProbe probe(nic, agent);
-  EFI_STATUS status = probe.Create();
+  MnpChild child;
+  EFI_STATUS status = child.Open(nic, agent);
   if (EFI_ERROR(status)) {
-    if (createMessage != nullptr)
-      LogPrint(createMessage, status);
+    const CHAR16* message = child.Handle() != nullptr ? handleMessage : createMessage;
+    if (message != nullptr)
+      LogPrint(message, status);
     return status;
   }
-  EFI_MANAGED_NETWORK_PROTOCOL* mnp = nullptr;
-  status = probe.Mnp(&mnp);
-  if (EFI_ERROR(status)) {
-    if (handleMessage != nullptr)
-      LogPrint(handleMessage, status);
-    return status;
-  }
-  status = mnp->GetModeData(mnp, nullptr, mode.Get());
+  status = child->GetModeData(child.Get(), nullptr, mode.Get());
   if (status == EFI_NOT_STARTED)
     status = EFI_SUCCESS; // an unconfigured child still reports the simple-network mode
   if (EFI_ERROR(status) && modeMessage != nullptr)
@@ -141,6 +113,24 @@ EFI_STATUS DestroyServiceChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, const
   status = binding->DestroyChild(binding, ChildHandle);
   gBS->CloseProtocol(ServiceHandle, ServiceBinding, Agent, ServiceHandle);
   return status;
+}
+
+EFI_STATUS OpenMnpChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE* ChildHandle,
+                        EFI_MANAGED_NETWORK_PROTOCOL** Mnp) {
+  if (ChildHandle == nullptr || Mnp == nullptr)
+    return EFI_INVALID_PARAMETER;
+  *ChildHandle = nullptr;
+  EFI_STATUS status = CreateServiceChild(ServiceHandle, Agent,
+                                         &EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID, ChildHandle);
+  if (EFI_ERROR(status)) {
+    *ChildHandle = nullptr;
+    return status;
+  }
+  return gBS->HandleProtocol(*ChildHandle, &EFI_MANAGED_NETWORK_PROTOCOL_GUID, reinterpret_cast<void**>(Mnp));
+}
+
+void CloseMnpChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE ChildHandle) {
+  DestroyServiceChild(ServiceHandle, Agent, &EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID, ChildHandle);
 }
 
 EFI_STATUS OpenIp4Child(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE* ChildHandle,

@@ -36,31 +36,51 @@ EFI_STATUS EFIAPI Dhcp4EventCallback(EFI_DHCP4_PROTOCOL* This, void* Context, EF
                                      EFI_DHCP4_EVENT Dhcp4Event, EFI_DHCP4_PACKET* Packet,
                                      EFI_DHCP4_PACKET** NewPacket);
 
-// An IPv4 or DHCPv4 child that is closed and destroyed when the owner goes out of scope.
-template <class Protocol, EFI_STATUS (*OpenFn)(EFI_HANDLE, EFI_HANDLE, EFI_HANDLE*, Protocol**),
-          void (*CloseFn)(EFI_HANDLE, EFI_HANDLE, EFI_HANDLE)>
-class NetworkChild {
-public:
-  NetworkChild() = default;
-  NetworkChild(const NetworkChild&) = delete;
-  NetworkChild& operator=(const NetworkChild&) = delete;
-  ~NetworkChild() { Close(); }
+// Opens and closes the managed-network child that the readers and the speed test use: the child is
+// created through the service binding and its protocol got with HandleProtocol. When only the
+// second step fails the child handle is still set, so that its owner destroys it.
+EFI_STATUS OpenMnpChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE* ChildHandle,
+                        EFI_MANAGED_NETWORK_PROTOCOL** Mnp);
+void CloseMnpChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE ChildHandle);
 
+template <class Protocol> struct ChildOps;
+template <> struct ChildOps<EFI_MANAGED_NETWORK_PROTOCOL> {
+  static constexpr auto Open = OpenMnpChild;
+  static constexpr auto Close = CloseMnpChild;
+};
+template <> struct ChildOps<EFI_IP4_PROTOCOL> {
+  static constexpr auto Open = OpenIp4Child;
+  static constexpr auto Close = CloseIp4Child;
+};
+template <> struct ChildOps<EFI_DHCP4_PROTOCOL> {
+  static constexpr auto Open = OpenDhcp4Child;
+  static constexpr auto Close = CloseDhcp4Child;
+};
+
+// A child of a network service binding with its protocol, closed and destroyed when the owner goes
+// out of scope: the one way the module holds a service-binding child.
+template <class Protocol> class ServiceChild {
+public:
+  ServiceChild() = default;
+  ServiceChild(const ServiceChild&) = delete;
+  ServiceChild& operator=(const ServiceChild&) = delete;
+  ~ServiceChild() { Close(); }
+
+  // On failure Handle() tells whether the child itself was made (only its protocol is missing).
   EFI_STATUS Open(EFI_HANDLE service, EFI_HANDLE agent) {
     Close();
-    EFI_STATUS status = OpenFn(service, agent, &child_, &protocol_);
-    if (EFI_ERROR(status)) {
-      child_ = nullptr;
-      protocol_ = nullptr;
-      return status;
-    }
+    EFI_HANDLE child = nullptr;
+    Protocol* protocol = nullptr;
+    EFI_STATUS status = ChildOps<Protocol>::Open(service, agent, &child, &protocol);
     service_ = service;
     agent_ = agent;
+    child_ = child;
+    protocol_ = EFI_ERROR(status) ? nullptr : protocol;
     return status;
   }
   void Close() {
     if (child_ != nullptr)
-      CloseFn(service_, agent_, child_);
+      ChildOps<Protocol>::Close(service_, agent_, child_);
     child_ = nullptr;
     protocol_ = nullptr;
   }
@@ -76,5 +96,6 @@ private:
   Protocol* protocol_ = nullptr;
 };
 
-using Ip4Child = NetworkChild<EFI_IP4_PROTOCOL, OpenIp4Child, CloseIp4Child>;
-using Dhcp4Child = NetworkChild<EFI_DHCP4_PROTOCOL, OpenDhcp4Child, CloseDhcp4Child>;
+using MnpChild = ServiceChild<EFI_MANAGED_NETWORK_PROTOCOL>;
+using Ip4Child = ServiceChild<EFI_IP4_PROTOCOL>;
+using Dhcp4Child = ServiceChild<EFI_DHCP4_PROTOCOL>;

@@ -23,11 +23,30 @@ struct OptionInfo {
   BOOLEAN Required;
 };
 
+// A test procedure: writes the result and the error code and returns whether its code worked.
+using TestProcedure = EFI_STATUS (*)(UINTN* Result, UINTN* ErrorCode);
+
+// Everything the module knows about one test. Each test's file in tests/ defines its record; the
+// test table (tests/TestTable.cpp) lists them, and a test's number is its position there.
 struct TestInfo {
-  const CHAR16* Name; // null ends the table
+  const CHAR16* Name;
   const CHAR16* Description;
   const OptionInfo* Options;
+  TestProcedure Procedure; // null while the test has no procedure in this build
+  UINTN RunTime;           // seconds, as the run-time operation reports them
+  UINTN ErrorGroup;        // 0x8016TT00: the test's own error codes are ErrorGroup + NN
 };
+
+// The error-code group of the test with this number: TT is the number plus one.
+constexpr UINTN TestErrorGroup(UINTN Number) {
+  return 0x80160000 + ((Number + 1) << 8);
+}
+
+// The module's version, in the one place every text of it comes from.
+constexpr UINTN kModuleMajor = 1;
+constexpr UINTN kModuleMinor = 1;
+constexpr const CHAR16* kModuleBuild = u"";
+constexpr const CHAR8* kModuleBuildTimeStamp = "Jan  3 2024 16:39:14";
 
 constexpr UINTN kVersionChars = 256;
 
@@ -35,23 +54,11 @@ struct ModuleInfo {
   const CHAR16* Name;
   const CHAR16* FileName;
   CHAR16 Version[kVersionChars];
-  const TestInfo* Tests;
+  const TestInfo* const* Tests; // ends with a null entry
 };
-
-// Test numbers: positions in the test table.
-enum TestNumber : INT32 {
-  TEST_PING = 0,
-  TEST_DETECT_CABLE = 1,
-  TEST_INTERACTIVE_NETWORK = 2,
-  TEST_MAC_ADDRESS = 3,
-  TEST_SPEED = 4,
-  TEST_NIC_SPEED = 5,
-  TEST_IRQ = 6,
-};
-constexpr UINTN kTestCount = 7;
 
 extern ModuleInfo gModuleInfo;
-extern const TestInfo kTestTable[kTestCount + 1];
+extern const TestInfo* const kTestTable[];
 extern const OptionInfo kGlobalOptions[];
 extern const CHAR16* const kCatalogTypeNames[kOptionTypeCount];
 extern const CHAR16* const kUsageTypeNames[kOptionTypeCount];
@@ -60,6 +67,9 @@ extern const CHAR16* const kUsageTypeNames[kOptionTypeCount];
 inline const CHAR16* TypeName(const CHAR16* const (&Table)[kOptionTypeCount], OptionType Type) {
   return Table[UINTN(Type) < kOptionTypeCount ? UINTN(Type) : 0];
 }
+
+// The test with this number, or null when the table has none.
+const TestInfo* TestAt(INT64 Number);
 
 inline const CHAR16* ModuleName() {
   return gModuleInfo.Name;

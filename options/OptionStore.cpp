@@ -123,10 +123,10 @@ ParsedOption* FindParsedOption(const CHAR16* Name, UINTN Index) {
   return nullptr;
 }
 
-const TestInfo* FindTestInfo(const TestInfo* Table, const CHAR16* Name) {
-  for (const TestInfo* t = Table; t != nullptr && t->Name != nullptr; ++t)
-    if (OptionNamesEqual(t->Name, Name))
-      return t;
+const TestInfo* FindTestInfo(const TestInfo* const* Table, const CHAR16* Name) {
+  for (const TestInfo* const* t = Table; t != nullptr && *t != nullptr; ++t)
+    if (OptionNamesEqual((*t)->Name, Name))
+      return *t;
   return nullptr;
 }
 

@@ -17,7 +17,7 @@ ParsedOption* AddParsedOption(const CHAR16* Name, const CHAR16* Value, BOOLEAN I
 void ClearParsedOptions();
 UINTN ParsedOptionCount();
 ParsedOption* FindParsedOption(const CHAR16* Name, UINTN Index);
-const TestInfo* FindTestInfo(const TestInfo* Table, const CHAR16* Name);
+const TestInfo* FindTestInfo(const TestInfo* const* Table, const CHAR16* Name);
 const OptionInfo* FindOptionInfo(const OptionInfo* Table, const CHAR16* Name);
 BOOLEAN IsValueInList(const CHAR16* const* List, const CHAR16* Value);
 BOOLEAN ValidateTestOptions(const ModuleInfo* Module, const CHAR16* TestName);

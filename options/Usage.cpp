@@ -124,9 +124,9 @@ void PrintGeneralUsage(const ModuleInfo* Module, const CHAR16* const* Names) {
   ConsolePrintAttr(EFI_WHITE, help);
   if (Module->Tests != nullptr) {
     ConsolePrintAttr(EFI_WHITE, u"  Available tests are:\r\n");
-    for (const TestInfo* t = Module->Tests; t->Name != nullptr; ++t) {
+    for (const TestInfo* const* t = Module->Tests; *t != nullptr; ++t) {
       CHAR16 line[kTestSyntaxBytes / sizeof(CHAR16)];
-      ConsolePrintAttr(EFI_WHITE, u"  %s\r\n", FormatTestSyntax(t, sizeof(line), line));
+      ConsolePrintAttr(EFI_WHITE, u"  %s\r\n", FormatTestSyntax(*t, sizeof(line), line));
     }
   }
 }
@@ -146,7 +146,7 @@ BOOLEAN PrintTestUsage(const ModuleInfo* Module, const CHAR16* TestName) {
 }
 
 void PrintUsage(const ModuleInfo* Module, const CHAR16* TestName) {
-  ConsolePrint(u"%s %d.%02d\r\n", Module->Name, 1, 1);
+  ConsolePrint(u"%s %d.%02d\r\n", Module->Name, kModuleMajor, kModuleMinor);
   ConsolePrint(u"\r\n");
   static constexpr const CHAR16* kGeneral[] = {u"-version", u"-catalog", u"-h", nullptr};
   if (TestName != nullptr && TestName[0] != 0) {
@@ -164,9 +164,9 @@ void PrintVersion(const ModuleInfo* Module) {
 void WriteCatalog(const ModuleInfo* Module, EFI_FILE_PROTOCOL* File) {
   CatalogPiece(File, u"<DIAGNOSTIC Name=\"%s\" FileName=\"%s\" Version=\"%s\">\r\n", Module->Name,
                Module->FileName, Module->Version);
-  for (const TestInfo* t = Module->Tests; t != nullptr && t->Name != nullptr; ++t) {
-    CatalogPiece(File, u" <TEST Name=\"%s\" Description=\"%s\">\r\n", t->Name, t->Description);
-    for (const OptionInfo* o = t->Options; o != nullptr && o->Name != nullptr; ++o) {
+  for (const TestInfo* const* t = Module->Tests; t != nullptr && *t != nullptr; ++t) {
+    CatalogPiece(File, u" <TEST Name=\"%s\" Description=\"%s\">\r\n", (*t)->Name, (*t)->Description);
+    for (const OptionInfo* o = (*t)->Options; o != nullptr && o->Name != nullptr; ++o) {
       CatalogPiece(File,
                    u"  <ARGUMENT Name=\"%s\" Value=\"%s\" Type=\"%s\" Description=\"%s\" Required=\"%s\"",
                    o->Name, o->Default != nullptr ? o->Default : u"", TypeName(kCatalogTypeNames, o->Type),

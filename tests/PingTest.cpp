@@ -1,9 +1,9 @@
-#include "tests/PingTest.h"
-#include "base/DevicePathText.h"
+// pingtest: bring a NIC's IPv4 stack up, learn the DHCP server by DHCPv4 and ping it.
 #include "base/Globals.h"
 #include "base/Owners.h"
 #include "base/String.h"
 #include "nic/HiiConfig.h"
+#include "nic/NicAccess.h"
 #include "nic/ServiceChildren.h"
 #include "options/OptionStore.h"
 #include "ping/Dhcp.h"
@@ -13,12 +13,37 @@
 #include "report/Results.h"
 #include "support/Platform.h"
 
+EFI_STATUS PingTest(UINTN* Result, UINTN* ErrorCode);
+
 namespace {
 
-constexpr UINTN kCableChecks = 6;
-constexpr UINTN kCablePause = 1000000; // µs between cable checks
-constexpr UINTN kPromptConnectCable = 25;
-constexpr const CHAR16* kMessageFile = u"Wirecheck.msg.xml";
+constexpr OptionInfo kOptions[] = {
+    {u"-retries", u"Number of allowed retries in case of test failure.", OPTION_TYPE_INTEGER, u"0", u"0",
+     u"5", nullptr, FALSE},
+    {u"-testrepeats", u"The number of times to run the testing portion of the test, default is 1.",
+     OPTION_TYPE_INTEGER, u"1", u"1", u"50", nullptr, FALSE},
+    {u"-index",
+     u"Index of network card to test, default is 1. This option is mutually exclusive from DevicePath "
+     u"option.",
+     OPTION_TYPE_INTEGER, u"1", u"1", u"128", nullptr, FALSE},
+    {u"-devicepath",
+     u"DevicePath of Network controller to be tested. This option is mutually exclusive from Index option.",
+     OPTION_TYPE_STRING, nullptr, nullptr, nullptr, nullptr, FALSE},
+    {u"-dhcpping", u"Check if pinging the DHCP server. Default is true.", OPTION_TYPE_BOOLEAN, u"true",
+     nullptr, nullptr, nullptr, FALSE},
+    {u"-localping", u"Check if pinging the Local interface. Default is false.", OPTION_TYPE_BOOLEAN, u"false",
+     nullptr, nullptr, nullptr, FALSE},
+    {},
+};
+
+constexpr UINTN kGroup = TestErrorGroup(0);
+constexpr UINTN kConfigFailed = kGroup + 0x01;        // first IPv4 configuration failed, or DHCP timed out
+constexpr UINTN kPingTimedOut = kGroup + 0x02;        // the ping timed out
+constexpr UINTN kPingKindUnsupported = kGroup + 0x05; // -dhcpping false or -localping true
+constexpr UINTN kDhcpRefused = kGroup + 0x06; // another DHCP client active, or no address to ping from
+constexpr UINTN kNoCable = kGroup + 0x07;
+static_assert(ERROR_CODE_NO_NIC == kGroup + 0x03 && ERROR_CODE_NIC_NOT_FOUND == kGroup + 0x04);
+
 constexpr UINT32 kCurrentUefi = 0x2001E;        // 2.30
 constexpr UINT32 kCurrentUefiFamily1 = 0x2000A; // 2.10, on platform family 1
 
@@ -50,11 +75,7 @@ bool ProgressStep(PingOptions& o) {
   gSecondsLeft = gSecondsLeft > less ? UINT16(gSecondsLeft - less) : 0;
   gInterrupt = 0;
   ProgressUpdate(gPercent, gSecondsLeft, &gInterrupt);
-  if (gInterrupt == 0)
-    return true;
-  o.result = gInterrupt;
-  o.errorCode = gInterrupt == TEST_RESULT_FAILED ? ERROR_CODE_OPERATOR_ABORT : ERROR_CODE_NONE;
-  return false;
+  return !TakeInterrupt(gInterrupt, &o.result, &o.errorCode);
 }
 
 EFI_STATUS ReadPingOptions(PingOptions& o) {
@@ -105,30 +126,13 @@ EFI_STATUS ReadPingOptions(PingOptions& o) {
   return EFI_SUCCESS;
 }
 
-// The cable of the working NIC, checked up to six times a second apart.
-bool CableConnected(EFI_HANDLE nic) {
-  for (UINTN check = 0; check < kCableChecks; ++check) {
-    BOOLEAN supported = FALSE;
-    BOOLEAN present = FALSE;
-    ReadMediaState(gImageHandle, nic, &supported, &present);
-    if (!supported || present)
-      return true;
-    if (check == 0)
-      PromptMessage(kPromptConnectCable, kMessageFile);
-    gBS->Stall(kCablePause);
-  }
-  return false;
-}
-
 EFI_STATUS RunPingTest(PingOptions& o) {
   TracePrint(u"enter RunPingTest()\r\n");
   o.result = TEST_RESULT_FAILED;
   o.errorCode = ERROR_CODE_NONE;
 
-  wc::PoolPtr<EFI_HANDLE> handles;
-  UINTN count = 0;
-  EFI_STATUS status = gBS->LocateHandleBuffer(ByProtocol, &EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID,
-                                              nullptr, &count, handles.Receive());
+  wc::HandleBuffer handles;
+  EFI_STATUS status = handles.Locate(EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID);
   if (status == EFI_NOT_FOUND) {
     LogPrint(u"No NIC is found!\r\n");
     LogPrint(u"EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL not found.\r\n");
@@ -144,17 +148,17 @@ EFI_STATUS RunPingTest(PingOptions& o) {
     o.errorCode = ERROR_CODE_SOFTWARE;
     return status;
   }
-  LogPrint(u"EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL: 0x%x\r\n", count);
-  if (o.index > count || o.index == 0) {
+  LogPrint(u"EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL: 0x%x\r\n", handles.Count());
+  EFI_HANDLE nic = handles.At(o.index);
+  if (nic == nullptr) {
     LogPrint(u"The NIC is not found!\r\n");
     o.errorCode = ERROR_CODE_NIC_NOT_FOUND;
     return EFI_NOT_FOUND;
   }
-  EFI_HANDLE nic = handles[o.index - 1];
 
-  if (!CableConnected(nic)) {
+  if (!WaitForCable(nic)) {
     LogPrint(u"Media cable not detected!\r\n");
-    o.errorCode = ERROR_CODE_NO_CABLE;
+    o.errorCode = kNoCable;
     return EFI_SUCCESS;
   }
   if (!ProgressStep(o))
@@ -170,7 +174,7 @@ EFI_STATUS RunPingTest(PingOptions& o) {
   status = ExecutePingProcess(nic, gServerAddress, 0, nullptr, PingVariant::PingTest);
   if (EFI_ERROR(status)) {
     LogPrint(u"ExecutePingProcess (%r)\r\n", status);
-    o.errorCode = ERROR_CODE_PING_CONFIG_FAILED;
+    o.errorCode = kConfigFailed;
     return status;
   }
 
@@ -192,8 +196,8 @@ EFI_STATUS RunPingTest(PingOptions& o) {
     return EFI_SUCCESS;
   if (EFI_ERROR(status)) {
     LogPrint(u"StartConfigureProcess() error (%r)\r\n", status);
-    o.errorCode = status == EFI_TIMEOUT         ? ERROR_CODE_PING_CONFIG_FAILED
-                  : status == EFI_ACCESS_DENIED ? ERROR_CODE_DHCP_REFUSED
+    o.errorCode = status == EFI_TIMEOUT         ? kConfigFailed
+                  : status == EFI_ACCESS_DENIED ? kDhcpRefused
                                                 : ERROR_CODE_SOFTWARE;
     return status;
   }
@@ -208,18 +212,15 @@ EFI_STATUS RunPingTest(PingOptions& o) {
 
   EFI_HANDLE chosen = nullptr;
   UINTN seen = 0;
-  for (UINTN i = 0; i < count && chosen == nullptr; ++i) {
-    wc::OpenedProtocol<EFI_DEVICE_PATH_PROTOCOL> path;
-    status = path.Open(handles[i], EFI_DEVICE_PATH_PROTOCOL_GUID, gImageHandle, nullptr,
-                       EFI_OPEN_PROTOCOL_BY_HANDLE_PROTOCOL);
+  for (UINTN i = 0; i < handles.Count() && chosen == nullptr; ++i) {
+    wc::PoolPtr<CHAR16> text;
+    status = DevicePathTextOf(handles[i], text);
     if (EFI_ERROR(status)) {
       LogPrint(u"Failed Open Device Path Protocol (%r)\r\n", status);
       o.errorCode = ERROR_CODE_SOFTWARE;
       continue;
     }
-    wc::PoolPtr<CHAR16> text(DevicePathToText(path.Get(), FALSE, FALSE));
     LogPrint(u"the NIC device path:%s\r\n", text.Get());
-    path.Close();
     ++seen;
     if (o.devicePathGiven ? (text && StrFind(text.Get(), o.devicePath) != nullptr) : seen == o.index)
       chosen = handles[i];
@@ -233,8 +234,8 @@ EFI_STATUS RunPingTest(PingOptions& o) {
   status = ExecutePingProcess(chosen, gServerAddress, o.testRepeats, nullptr, PingVariant::PingTest);
   if (status != EFI_SUCCESS) {
     LogPrint(u"ExecutePingProcess() error (%r)\r\n", status);
-    o.errorCode = status == EFI_TIMEOUT      ? ERROR_CODE_PING_TIMEOUT
-                  : status == EFI_NO_MAPPING ? ERROR_CODE_DHCP_REFUSED
+    o.errorCode = status == EFI_TIMEOUT      ? kPingTimedOut
+                  : status == EFI_NO_MAPPING ? kDhcpRefused
                                              : ERROR_CODE_SOFTWARE;
     return status;
   }
@@ -243,6 +244,11 @@ EFI_STATUS RunPingTest(PingOptions& o) {
 }
 
 } // namespace
+
+extern const TestInfo kPingTest = {
+    u"pingtest", u"This test verifies the ability to transmit/receive data over network.",
+    kOptions,    PingTest,
+    10,          kGroup};
 
 EFI_STATUS PingTest(UINTN* Result, UINTN* ErrorCode) {
   TracePrint(u"enter PingTest()\r\n");
@@ -257,12 +263,12 @@ EFI_STATUS PingTest(UINTN* Result, UINTN* ErrorCode) {
   };
   gInterrupt = 0;
   ProgressUpdate(gPercent, gSecondsLeft, &gInterrupt);
-  if (gInterrupt != 0)
-    return finish(gInterrupt, gInterrupt == TEST_RESULT_FAILED ? ERROR_CODE_OPERATOR_ABORT : ERROR_CODE_NONE);
+  if (TakeInterrupt(gInterrupt, Result, ErrorCode))
+    return EFI_SUCCESS;
 
   EFI_STATUS status = ReadPingOptions(o);
   if (status == EFI_UNSUPPORTED)
-    return finish(TEST_RESULT_FAILED, ERROR_CODE_PING_KIND_UNSUPPORTED);
+    return finish(TEST_RESULT_FAILED, kPingKindUnsupported);
   if (EFI_ERROR(status))
     return finish(TEST_RESULT_FAILED, ERROR_CODE_SOFTWARE);
   if (o.indexGiven && o.devicePathGiven)

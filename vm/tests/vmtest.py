@@ -35,6 +35,6 @@ def runtime_text(lines):
 
 def expected(name):
     path = os.path.join(os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)))),
-                        "test", "expected", name)
+                        "unittests", "expected", name)
     with open(path) as f:
         return f.read()

@@ -10,7 +10,7 @@
 #include "ping/Dhcp.h"
 #include "ping/IcmpEcho.h"
 #include "report/Output.h"
-#include "test/FakeFirmware.h"
+#include "fakes/FakeFirmware.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "test/FakeFileSystem.h"
+#include "fakes/FakeFileSystem.h"
 
 #include <algorithm>
 #include <cstring>
@@ -119,7 +119,8 @@ EFI_STATUS EFIAPI Read(EFI_FILE_PROTOCOL* This, UINTN* Size, void* Buffer) {
   if (!node->directory) {
     size_t n =
         f->position >= node->data.size() ? 0 : std::min<size_t>(*Size, node->data.size() - f->position);
-    std::memcpy(Buffer, node->data.data() + f->position, n);
+    if (n != 0)
+      std::memcpy(Buffer, node->data.data() + f->position, n);
     f->position += n;
     *Size = n;
     return EFI_SUCCESS;

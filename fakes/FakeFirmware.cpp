@@ -1,4 +1,4 @@
-#include "test/FakeFirmware.h"
+#include "fakes/FakeFirmware.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -5,7 +5,7 @@
 
 #include "base/Memory.h"
 #include "manager/Script.h"
-#include "test/FakeFirmware.h"
+#include "fakes/FakeFirmware.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include "support/DebugLog.h"
 #include "support/FileIo.h"
 #include "support/Platform.h"
-#include "test/FakeFileSystem.h"
-#include "test/FakeFirmware.h"
+#include "fakes/FakeFileSystem.h"
+#include "fakes/FakeFirmware.h"
 
 namespace {
 

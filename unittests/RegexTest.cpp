@@ -3,7 +3,7 @@
 #include <string>
 
 #include "text/Regex.h"
-#include "test/FakeFirmware.h"
+#include "fakes/FakeFirmware.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include "base/Memory.h"
 #include "support/DebugLog.h"
 #include "support/Xml.h"
-#include "test/FakeFirmware.h"
+#include "fakes/FakeFirmware.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include "options/OptionStore.h"
 #include "report/Output.h"
 #include "report/Results.h"
-#include "test/FakeFirmware.h"
+#include "fakes/FakeFirmware.h"
 
 namespace {
 

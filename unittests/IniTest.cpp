@@ -5,8 +5,8 @@
 
 #include "support/FileIo.h"
 #include "text/Ini.h"
-#include "test/FakeFileSystem.h"
-#include "test/FakeFirmware.h"
+#include "fakes/FakeFileSystem.h"
+#include "fakes/FakeFirmware.h"
 
 namespace {
 

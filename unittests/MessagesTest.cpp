@@ -9,8 +9,8 @@
 #include "support/FileIo.h"
 #include "support/Messages.h"
 #include "support/Xml.h"
-#include "test/FakeFileSystem.h"
-#include "test/FakeFirmware.h"
+#include "fakes/FakeFileSystem.h"
+#include "fakes/FakeFirmware.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // The usage texts, version line and catalog, byte for byte against the expected files in
-// test/expected (the same files the VM tests compare the firmware run with).
+// unittests/expected (the same files the VM tests compare the firmware run with).
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -12,7 +12,7 @@
 #include "options/Catalog.h"
 #include "report/Output.h"
 #include "report/Results.h"
-#include "test/FakeFirmware.h"
+#include "fakes/FakeFirmware.h"
 
 namespace {
 
