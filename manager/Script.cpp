@@ -2,55 +2,6 @@
 #include "base/Memory.h"
 #include "base/String.h"
 
-CHAR16* DecodeText(const UINT8* Data, UINTN Size) {
-  if (Data == nullptr)
-    Size = 0;
-  if (Size >= 2 && Data[0] == 0xFF && Data[1] == 0xFE) {
-    UINTN chars = (Size - 2) / 2;
-    auto* text = static_cast<CHAR16*>(AllocatePool((chars + 1) * sizeof(CHAR16)));
-    if (text == nullptr)
-      return nullptr;
-    for (UINTN i = 0; i < chars; ++i)
-      text[i] = CHAR16(Data[2 + 2 * i] | (Data[3 + 2 * i] << 8));
-    text[chars] = 0;
-    return text;
-  }
-  UINTN i = (Size >= 3 && Data[0] == 0xEF && Data[1] == 0xBB && Data[2] == 0xBF) ? 3 : 0;
-  auto* text = static_cast<CHAR16*>(AllocatePool((Size - i + 1) * sizeof(CHAR16)));
-  if (text == nullptr)
-    return nullptr;
-  UINTN n = 0;
-  while (i < Size) {
-    UINT8 b = Data[i];
-    UINT32 cp;
-    UINTN extra;
-    if (b < 0x80) {
-      cp = b;
-      extra = 0;
-    } else if ((b & 0xE0) == 0xC0) {
-      cp = b & 0x1F;
-      extra = 1;
-    } else if ((b & 0xF0) == 0xE0) {
-      cp = b & 0x0F;
-      extra = 2;
-    } else {
-      cp = u'?'; // outside UCS-2, or not UTF-8 at all
-      extra = (b & 0xF8) == 0xF0 ? 3 : 0;
-    }
-    ++i;
-    for (UINTN k = 0; k < extra; ++k, ++i) {
-      if (i >= Size || (Data[i] & 0xC0) != 0x80) {
-        cp = u'?';
-        break;
-      }
-      cp = (cp << 6) | (Data[i] & 0x3F);
-    }
-    text[n++] = cp <= 0xFFFF && extra < 3 ? CHAR16(cp) : u'?';
-  }
-  text[n] = 0;
-  return text;
-}
-
 CHAR16* NextLine(CHAR16** Cursor) {
   if (Cursor == nullptr || *Cursor == nullptr || **Cursor == 0)
     return nullptr;

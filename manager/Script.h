@@ -1,11 +1,7 @@
 // Text files the manager reads: the list of option strings to run and the scripted answers to
 // prompts, progress reports and menus.
 #pragma once
-#include "uefi/Base.h"
-
-// Decodes a file's bytes into a pool UCS-2 string: UTF-16LE with a byte-order mark, otherwise
-// UTF-8 (with or without its mark; plain ASCII is UTF-8). Null when out of memory.
-CHAR16* DecodeText(const UINT8* Data, UINTN Size);
+#include "base/TextDecode.h"
 
 // Walks the lines of a decoded text in place: returns the next line (without its CR LF) and moves
 // Cursor past it, or null at the end.

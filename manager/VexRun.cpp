@@ -31,7 +31,6 @@ namespace {
 constexpr UINTN kLineChars = 1000;
 constexpr UINTN kPathChars = 260;
 constexpr UINTN kMaxCalls = 256;
-constexpr UINTN kMaxFileBytes = 1 << 20;
 
 struct Settings {
   const CHAR16* module = u"Wirecheck.efi";
@@ -213,22 +212,18 @@ void PathInDir(CHAR16 (&path)[kPathChars], const CHAR16* name) {
   SPrint(path, sizeof(path), u"%s\\%s", gState->dir, name);
 }
 
+// A text file beside the manager (or at an absolute path), decoded: UTF-16 with its mark, otherwise
+// UTF-8 with or without its mark.
 EFI_STATUS ReadWholeFile(const CHAR16* name, wc::PoolPtr<CHAR16>& text) {
   CHAR16 path[kPathChars];
-  PathInDir(path, name);
-  EFI_FILE_PROTOCOL* file = nullptr;
-  EFI_STATUS status = gState->root->Open(gState->root, &file, path, EFI_FILE_MODE_READ, 0);
+  StrCopy(path, sizeof(path), name);
+  FileIoResolveModulePath(path, sizeof(path));
+  wc::PoolPtr<UINT8> data;
+  UINTN size = 0;
+  EFI_STATUS status = FileIoReadFile(path, reinterpret_cast<void**>(data.Receive()), &size);
   if (EFI_ERROR(status))
     return status;
-  wc::ScopeGuard close([&] { file->Close(file); });
-  auto data = wc::PoolPtr<UINT8>::Allocate(kMaxFileBytes);
-  if (!data)
-    return EFI_OUT_OF_RESOURCES;
-  UINTN size = kMaxFileBytes;
-  status = file->Read(file, &size, data.Get());
-  if (EFI_ERROR(status))
-    return status;
-  text.Reset(DecodeText(data.Get(), size));
+  text.Reset(DecodeText(data.Get(), size, TextEncoding::Detect, TextEncoding::Utf8));
   return text ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
 }
 

@@ -1,6 +1,7 @@
 // The parsed-option store of one manager call, validation against the selected test's option
 // table, number and boolean conversion, and the getters the test procedures read options with.
 #pragma once
+#include "base/Number.h"
 #include "options/Catalog.h"
 
 struct ParsedOption {
@@ -23,7 +24,6 @@ BOOLEAN IsValueInList(const CHAR16* const* List, const CHAR16* Value);
 BOOLEAN ValidateTestOptions(const ModuleInfo* Module, const CHAR16* TestName);
 void DumpTestOptions();
 EFI_STATUS ParseBoolean(const CHAR16* Text, BOOLEAN* Value);
-UINT64 StrToInteger(const CHAR16* Text, const CHAR16** End, BOOLEAN Hex);
 // Option names compare without regard to case; a name longer than 127 characters matches nothing.
 BOOLEAN OptionNamesEqual(const CHAR16* A, const CHAR16* B);
 

@@ -30,9 +30,13 @@ void FormatAndWrite(const CHAR16* format, const PrintArg* args, UINTN count, BOO
 }
 } // namespace
 
+VEX_MANAGER_PROTOCOL* Manager() {
+  return gManagerLink != nullptr ? *gManagerLink : nullptr;
+}
+
 void WriteOutput(const CHAR16* Text, BOOLEAN Flag, BOOLEAN ToConsole, BOOLEAN ToError, UINTN Attribute) {
-  if (gManagerLink != nullptr && *gManagerLink != nullptr) {
-    (*gManagerLink)->Output(const_cast<CHAR16*>(Text != nullptr ? Text : u""), Flag, ToConsole, ToError);
+  if (VEX_MANAGER_PROTOCOL* manager = Manager()) {
+    manager->Output(const_cast<CHAR16*>(Text != nullptr ? Text : u""), Flag, ToConsole, ToError);
     return;
   }
   CHAR16 line[kLineBufferBytes / sizeof(CHAR16)];

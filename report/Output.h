@@ -15,6 +15,9 @@ void SetDebugLevel(CHAR16* Text);
 UINT64 GetDebugLevel();
 EFI_STATUS InitDebugLevel(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE* SystemTable,
                           VEX_MANAGER_PROTOCOL** ManagerPointerAddress);
+// The manager protocol that output, progress and prompts go to: the pointer linked at start-up, or
+// null before the manager is found.
+VEX_MANAGER_PROTOCOL* Manager();
 void SetConsoleOutput(BOOLEAN On);
 BOOLEAN GetConsoleOutput();
 // Clears the module-wide output state (debug level, console switch, manager link) as at image load.

@@ -1,6 +1,5 @@
 #include "report/Progress.h"
 #include "base/String.h"
-#include "frame/Startup.h"
 #include "report/Output.h"
 #include "support/FileIo.h"
 
@@ -9,8 +8,8 @@ constexpr UINTN kPromptPathChars = 512;
 }
 
 EFI_STATUS ProgressUpdate(UINTN Percent, UINTN SecondsRemaining, UINTN* Interrupt) {
-  if (gManager != nullptr)
-    gManager->Progress(Percent, SecondsRemaining, Interrupt);
+  if (VEX_MANAGER_PROTOCOL* manager = Manager())
+    manager->Progress(Percent, SecondsRemaining, Interrupt);
   return EFI_SUCCESS;
 }
 
@@ -20,7 +19,8 @@ EFI_STATUS PromptMessage(UINTN MessageId, const CHAR16* MessageFile) {
   StrCopy(path, sizeof(path), MessageFile);
   FileIoResolveModulePath(path, sizeof(path));
   ConsolePrint(u"PromptMessage(386) - %d - %s \r\n", MessageId, MessageFile);
-  if (gManager == nullptr)
+  VEX_MANAGER_PROTOCOL* manager = Manager();
+  if (manager == nullptr)
     return EFI_NOT_READY;
-  return gManager->Prompt(MessageId, path);
+  return manager->Prompt(MessageId, path);
 }

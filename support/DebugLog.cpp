@@ -63,7 +63,7 @@ EFI_STATUS DebugLogWrite(const CHAR16* Text) {
   for (UINTN i = 0; i < length; ++i)
     bytes[i] = CHAR8(line[i] & 0xFF);
   gWriting = true;
-  EFI_STATUS status = FileIoWriteFile(gLogPath, bytes, length, kFileIoEndOfFile);
+  EFI_STATUS status = FileIoWriteFile(gLogPath, bytes, length, kFileIoEndOfFile, kDebugLogRestartSize);
   gWriting = false;
   return status;
 }

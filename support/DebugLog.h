@@ -6,6 +6,9 @@
 constexpr EFI_GUID DEBUG_LOG_PATH_VARIABLE_GUID = {
     0x59D1C24F, 0x50F1, 0x401A, {0xB1, 0x01, 0xF3, 0x3E, 0x0D, 0xAE, 0xD4, 0x43}};
 
+// The log restarts empty before a line that would be written to a file already larger than this.
+constexpr UINT64 kDebugLogRestartSize = 5000000;
+
 // Sets the log path from DEBUGLOGPATH or the module directory. Runs inside file-access start-up.
 void DebugLogInitialize(const CHAR16* ModuleDirectory);
 // Records one text in the log file; the status of the file write.

@@ -606,7 +606,8 @@ EFI_STATUS FileIoReadFile(const CHAR16* Path, void** Buffer, UINTN* Size) {
   return EFI_SUCCESS;
 }
 
-EFI_STATUS FileIoWriteFile(const CHAR16* Path, const void* Data, UINTN Count, UINT64 Position) {
+EFI_STATUS FileIoWriteFile(const CHAR16* Path, const void* Data, UINTN Count, UINT64 Position,
+                           UINT64 RestartAbove) {
   if (Path == nullptr || Data == nullptr)
     return EFI_INVALID_PARAMETER;
   VolumeRoot v;
@@ -618,9 +619,9 @@ EFI_STATUS FileIoWriteFile(const CHAR16* Path, const void* Data, UINTN Count, UI
   if (EFI_ERROR(status))
     return status;
   UINT64 size = 0;
-  if (EFI_ERROR(FileIoGetFileSize(file.Get(), &size)))
+  if (RestartAbove != kFileIoNeverRestart && EFI_ERROR(FileIoGetFileSize(file.Get(), &size)))
     size = 0;
-  if (size > kDebugLogRestartSize) {
+  if (size > RestartAbove) {
     EFI_FILE_PROTOCOL* old = file.Release();
     old->Delete(old);
     status = v.OpenEntry(file, kReadWriteCreate);

@@ -11,7 +11,7 @@
 
 constexpr UINTN kFileIoPathChars = 512;
 constexpr UINT64 kFileIoEndOfFile = 0xFFFFFFFFFFFFFFFFull;
-constexpr UINT64 kDebugLogRestartSize = 5000000; // a file larger than this is restarted before a write
+constexpr UINT64 kFileIoNeverRestart = 0xFFFFFFFFFFFFFFFFull;
 
 struct FILE_IO_LIST_ENTRY {
   CHAR16* FileName; // pool copy owned by the list
@@ -42,9 +42,11 @@ EFI_STATUS FileIoListDirectory(const CHAR16* Path, FILE_IO_LIST_ENTRY** List, UI
 EFI_STATUS FileIoGetFileSize(EFI_FILE_PROTOCOL* File, UINT64* Size);
 // The whole file in a new pool buffer (no terminator), which the caller frees.
 EFI_STATUS FileIoReadFile(const CHAR16* Path, void** Buffer, UINTN* Size);
-// Writes at Position (kFileIoEndOfFile: at the end), creating the file; a file larger than
-// kDebugLogRestartSize is emptied first.
-EFI_STATUS FileIoWriteFile(const CHAR16* Path, const void* Data, UINTN Count, UINT64 Position);
+// Writes at Position (kFileIoEndOfFile: at the end), creating the file. A file already larger than
+// RestartAbove bytes is emptied first (deleted and created anew), as a log file that must not grow
+// without bound asks for.
+EFI_STATUS FileIoWriteFile(const CHAR16* Path, const void* Data, UINTN Count, UINT64 Position,
+                           UINT64 RestartAbove = kFileIoNeverRestart);
 // Appends the characters (two bytes each, no terminator) at the end of an open file.
 EFI_STATUS FileIoWriteString(EFI_FILE_PROTOCOL* File, const CHAR16* String);
 // Formats into at most 2048 bytes and appends the text at the end of the file.

@@ -1,7 +1,7 @@
 #include "support/Messages.h"
 #include "base/Owners.h"
 #include "base/String.h"
-#include "options/OptionStore.h"
+#include "base/Number.h"
 #include "report/Output.h"
 #include "support/DebugLog.h"
 #include "support/FileIo.h"

@@ -1,4 +1,5 @@
 #include "support/Xml.h"
+#include "base/TextDecode.h"
 #include "base/Memory.h"
 #include "base/Owners.h"
 #include "base/String.h"
@@ -299,61 +300,8 @@ bool Same(const CHAR16* text, const CHAR16* wanted, BOOLEAN pattern) {
 EFI_STATUS FileData2XmlDocString(const UINT8* Data, UINTN Size, CHAR16** String) {
   if (String == nullptr || (Data == nullptr && Size != 0))
     return EFI_INVALID_PARAMETER;
-  auto* out = static_cast<CHAR16*>(AllocatePool((Size + 1) * sizeof(CHAR16)));
-  if (out == nullptr)
-    return EFI_OUT_OF_RESOURCES;
-  UINTN n = 0;
-  if (Size >= 2 && Data[0] == 0xFF && Data[1] == 0xFE) {
-    for (UINTN i = 2; i + 1 < Size; i += 2)
-      out[n++] = CHAR16(Data[i] | (Data[i + 1] << 8));
-  } else if (Size >= 3 && Data[0] == 0xEF && Data[1] == 0xBB && Data[2] == 0xBF) {
-    for (UINTN i = 3; i < Size;) {
-      UINT8 lead = Data[i];
-      UINTN extra;
-      UINT32 value;
-      if (lead < 0x80) {
-        extra = 0;
-        value = lead;
-      } else if ((lead & 0xE0) == 0xC0) {
-        extra = 1;
-        value = lead & 0x1F;
-      } else if ((lead & 0xF0) == 0xE0) {
-        extra = 2;
-        value = lead & 0x0F;
-      } else if ((lead & 0xF8) == 0xF0) {
-        extra = 3;
-        value = lead & 0x07;
-      } else if ((lead & 0xFC) == 0xF8) {
-        extra = 4;
-        value = lead & 0x03;
-      } else if ((lead & 0xFE) == 0xFC) {
-        extra = 5;
-        value = lead & 0x01;
-      } else {
-        break;
-      }
-      if (i + extra >= Size)
-        break; // the sequence would run past the end
-      bool valid = true;
-      for (UINTN k = 1; k <= extra; ++k) {
-        if ((Data[i + k] & 0xC0) != 0x80) {
-          valid = false;
-          break;
-        }
-        value = (value << 6) | (Data[i + k] & 0x3F);
-      }
-      if (!valid)
-        break;
-      out[n++] = CHAR16(value & 0xFFFF);
-      i += extra + 1;
-    }
-  } else {
-    for (UINTN i = 0; i < Size && Data[i] != 0; ++i)
-      out[n++] = CHAR16(Data[i]);
-  }
-  out[n] = 0;
-  *String = out;
-  return EFI_SUCCESS;
+  *String = DecodeText(Data, Size, TextEncoding::Detect, TextEncoding::Bytes, nullptr);
+  return *String != nullptr ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
 }
 
 EFI_STATUS ValidateXmlDocString(const CHAR16* Document, BOOLEAN Repair, CHAR16** Validated) {

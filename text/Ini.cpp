@@ -4,6 +4,7 @@
 #include "base/Owners.h"
 #include "base/Print.h"
 #include "base/String.h"
+#include "base/TextDecode.h"
 #include "support/FileIo.h"
 #include "text/Regex.h"
 
@@ -226,22 +227,19 @@ EFI_STATUS IniLoad(const UINT8* Data, UINTN Size, UINTN Encoding, INI_DOCUMENT**
   bool mark = Size >= 2 && Data[0] == 0xFF && Data[1] == 0xFE;
   if (Encoding == INI_ENCODING_DETECT)
     Encoding = mark ? INI_ENCODING_UCS2 : INI_ENCODING_8BIT;
-  UINTN offset = mark ? 2 : 0;
-  UINTN chars = Encoding == INI_ENCODING_UCS2 ? (Size - offset) / 2 : Size - offset;
 
   auto* doc = static_cast<INI_DOCUMENT*>(AllocateZeroPool(sizeof(INI_DOCUMENT)));
   if (doc == nullptr)
     return EFI_OUT_OF_RESOURCES;
   doc->Encoding = Encoding;
-  doc->Text = static_cast<CHAR16*>(AllocatePool((chars + 3) * sizeof(CHAR16)));
+  // With room for the CR LF that an unterminated last line receives.
+  UINTN chars = 0;
+  doc->Text = DecodeText(Data, Size, Encoding == INI_ENCODING_UCS2 ? TextEncoding::Ucs2 : TextEncoding::Bytes,
+                         TextEncoding::Bytes, &chars, 2);
   if (doc->Text == nullptr) {
     IniClose(doc);
     return EFI_OUT_OF_RESOURCES;
   }
-  for (UINTN i = 0; i < chars; ++i)
-    doc->Text[i] = Encoding == INI_ENCODING_UCS2
-                       ? CHAR16(Data[offset + 2 * i] | (Data[offset + 2 * i + 1] << 8))
-                       : CHAR16(Data[offset + i]);
   // The text ends at its first NUL, and always ends in CR LF.
   UINTN length = StrnLen(doc->Text, chars);
   if (length < 2 || doc->Text[length - 2] != u'\r' || doc->Text[length - 1] != u'\n') {

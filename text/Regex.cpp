@@ -3,7 +3,7 @@
 #include "base/Memory.h"
 #include "base/Owners.h"
 #include "base/String.h"
-#include "options/OptionStore.h"
+#include "base/Number.h"
 
 namespace {
 

@@ -7,6 +7,7 @@
 #include "base/Memory.h"
 #include "base/Owners.h"
 #include "base/String.h"
+#include "base/TextDecode.h"
 #include "text/OrderedList.h"
 #include "fakes/FakeFirmware.h"
 
@@ -48,6 +49,51 @@ TEST(Owners, ReleasePoolOnEveryPath) {
     EXPECT_FALSE(p);
     EXPECT_EQ(fw.pool.size(), 1u);
   }
+  EXPECT_TRUE(fw.pool.empty());
+}
+
+// One decoder serves the message files (bytes without a mark are 8-bit), the INI files (8-bit or
+// UCS-2, never UTF-8) and the manager's files (bytes without a mark are UTF-8): the encodings differ
+// only in what unmarked bytes mean, never in how a marked file or a character beyond 0xFFFF reads.
+TEST(TextDecode, MarksFallbacksAndBrokenSequences) {
+  FakeFirmware fw;
+  auto decode = [](std::string bytes, TextEncoding encoding, TextEncoding fallback = TextEncoding::Bytes) {
+    UINTN length = 99;
+    CHAR16* text =
+        DecodeText(reinterpret_cast<const UINT8*>(bytes.data()), bytes.size(), encoding, fallback, &length);
+    std::u16string s(text, length);
+    FreePool(text);
+    return s;
+  };
+  const auto detect = TextEncoding::Detect;
+  EXPECT_EQ(decode(std::string("\xFF\xFE"
+                               "a\0\xE9\0b",
+                               7),
+                   detect),
+            u"a\u00E9"); // odd last byte dropped
+  EXPECT_EQ(decode("\xEF\xBB\xBFx\xC3\xA9", detect), u"x\u00E9");
+  EXPECT_EQ(decode("x\xC3\xA9", detect), u"x\u00C3\u00A9");
+  EXPECT_EQ(decode("x\xC3\xA9", detect, TextEncoding::Utf8), u"x\u00E9");
+  EXPECT_EQ(decode("\xF0\x9F\x98\x80z", TextEncoding::Utf8), std::u16string(u"\xF600z")); // low 16 bits
+  EXPECT_EQ(decode("a\xC3", TextEncoding::Utf8), u"a");   // a cut sequence ends the text
+  EXPECT_EQ(decode("a\xC3xb", TextEncoding::Utf8), u"a"); // and so does a broken one
+  EXPECT_EQ(decode("a\xFE", TextEncoding::Utf8), u"a");   // or a byte that starts none
+  EXPECT_EQ(decode("\xFF\xFE"
+                   "ab",
+                   TextEncoding::Bytes),
+            u"ab"); // the UTF-16 mark is skipped everywhere
+  EXPECT_EQ(decode("\xEF\xBB\xBF"
+                   "ab",
+                   TextEncoding::Bytes),
+            u"\u00EF\u00BB\u00BFab");
+  EXPECT_EQ(decode("", detect), u"");
+  CHAR16* none = DecodeText(nullptr, 5, detect); // no data: an empty text
+  ASSERT_NE(none, nullptr);
+  EXPECT_EQ(none[0], 0);
+  FreePool(none);
+  fw.failAllocationAfter = 0;
+  EXPECT_EQ(DecodeText(reinterpret_cast<const UINT8*>("a"), 1, detect), nullptr);
+  fw.failAllocationAfter = SIZE_MAX;
   EXPECT_TRUE(fw.pool.empty());
 }
 

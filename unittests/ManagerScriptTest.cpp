@@ -9,23 +9,6 @@
 
 namespace {
 
-std::u16string Decode(const std::vector<uint8_t>& bytes) {
-  CHAR16* text = DecodeText(bytes.data(), bytes.size());
-  std::u16string s = text;
-  FreePool(text);
-  return s;
-}
-
-TEST(ManagerFiles, DecodesUtf16Utf8AndBrokenBytes) {
-  FakeFirmware fw;
-  EXPECT_EQ(Decode({0xFF, 0xFE, 'a', 0, 0xE9, 0, 'b'}), u"a\u00E9"); // odd trailing byte dropped
-  EXPECT_EQ(Decode({0xEF, 0xBB, 0xBF, 'x', 0xC3, 0xA9}), u"x\u00E9");
-  EXPECT_EQ(Decode({'a', 0xC3}), u"a?");                   // cut sequence
-  EXPECT_EQ(Decode({0xF0, 0x9F, 0x98, 0x80, 'z'}), u"?z"); // outside UCS-2
-  EXPECT_EQ(Decode({}), u"");
-  EXPECT_TRUE(fw.pool.empty());
-}
-
 TEST(ManagerFiles, LinesAndScriptedAnswers) {
   FakeFirmware fw;
   std::u16string text = u"# answers\r\nprompt ok\nprogress cancel\n\nmenu 2\r\nprompt abort  \nmenu -1";

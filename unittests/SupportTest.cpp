@@ -118,6 +118,14 @@ TEST_F(FileIoTest, DebugLogLinesBesideTheModule) {
   fw.clockWorks = true;
   DebugLogWrite(std::u16string(1500, u'x').c_str());
   EXPECT_EQ(Log().size(), 1023u);
+
+  // The log restarts once it has grown beyond 5,000,000 bytes, not at exactly that size.
+  auto& log = volA.Find(u"\\EFI\\tools\\Debug.log")->data;
+  log.assign(5000000, 'a');
+  DebugLogWrite(u"kept\r\n");
+  EXPECT_EQ(log.size(), 5000000u + 27u);
+  DebugLogWrite(u"fresh\r\n");
+  EXPECT_EQ(Log(), "2024-01-03 16:39:14  fresh\r\n");
 }
 
 TEST_F(FileIoTest, DebugLogPathVariableAndMissingDirectory) {
@@ -201,12 +209,12 @@ TEST_F(FileIoTest, WholeReadsAndPositionedWrites) {
   EXPECT_EQ(std::string(static_cast<char*>(data), size), "abXYef!");
   FreePool(data);
 
-  volA.AddFile(u"\\at_limit.log", std::string(5000000, 'a'));
-  volA.AddFile(u"\\over_limit.log", std::string(5000001, 'a'));
-  FileIoWriteFile(u"\\at_limit.log", "z", 1, kFileIoEndOfFile);
-  FileIoWriteFile(u"\\over_limit.log", "z", 1, kFileIoEndOfFile);
-  EXPECT_EQ(volA.Find(u"\\at_limit.log")->data.size(), 5000001u);
-  EXPECT_EQ(volA.Content(u"\\over_limit.log"), "z");
+  // Only a writer that asks for it restarts a large file.
+  volA.AddFile(u"\\big.bin", std::string(5000001, 'a'));
+  FileIoWriteFile(u"\\big.bin", "z", 1, kFileIoEndOfFile);
+  EXPECT_EQ(volA.Find(u"\\big.bin")->data.size(), 5000002u);
+  FileIoWriteFile(u"\\big.bin", "z", 1, kFileIoEndOfFile, 5000001);
+  EXPECT_EQ(volA.Content(u"\\big.bin"), "z");
 
   EFI_FILE_PROTOCOL* file = nullptr;
   ASSERT_EQ(
