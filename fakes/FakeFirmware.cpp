@@ -16,7 +16,7 @@ FakeFirmware& F() {
 }
 
 EFI_STATUS EFIAPI FakeAllocatePool(EFI_MEMORY_TYPE, UINTN size, void** buffer) {
-  if (F().failAllocationAfter == 0) {
+  if (F().failAllocationAfter == 0 || F().Fail()) {
     *buffer = nullptr;
     return EFI_OUT_OF_RESOURCES;
   }
@@ -37,7 +37,7 @@ EFI_STATUS EFIAPI FakeFreePool(void* buffer) {
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI FakeHandleProtocol(EFI_HANDLE handle, const EFI_GUID* guid, void** iface) {
+EFI_STATUS FindProtocol(EFI_HANDLE handle, const EFI_GUID* guid, void** iface) {
   for (auto& p : F().protocols)
     if (p.handle == handle && p.guid == *guid) {
       *iface = p.iface;
@@ -46,7 +46,15 @@ EFI_STATUS EFIAPI FakeHandleProtocol(EFI_HANDLE handle, const EFI_GUID* guid, vo
   return EFI_UNSUPPORTED;
 }
 
+EFI_STATUS EFIAPI FakeHandleProtocol(EFI_HANDLE handle, const EFI_GUID* guid, void** iface) {
+  if (F().Fail())
+    return EFI_DEVICE_ERROR;
+  return FindProtocol(handle, guid, iface);
+}
+
 EFI_STATUS EFIAPI FakeLocateProtocol(const EFI_GUID* guid, void*, void** iface) {
+  if (F().Fail())
+    return EFI_DEVICE_ERROR;
   for (auto& p : F().protocols)
     if (p.guid == *guid) {
       *iface = p.iface;
@@ -58,6 +66,8 @@ EFI_STATUS EFIAPI FakeLocateProtocol(const EFI_GUID* guid, void*, void** iface) 
 
 EFI_STATUS EFIAPI FakeLocateHandleBuffer(EFI_LOCATE_SEARCH_TYPE type, const EFI_GUID* guid, void*,
                                          UINTN* count, EFI_HANDLE** buffer) {
+  if (F().Fail())
+    return EFI_DEVICE_ERROR;
   std::vector<EFI_HANDLE> found;
   for (auto& p : F().protocols)
     if ((type == AllHandles || p.guid == *guid) &&
@@ -77,6 +87,8 @@ EFI_STATUS EFIAPI FakeLocateHandleBuffer(EFI_LOCATE_SEARCH_TYPE type, const EFI_
 
 EFI_STATUS EFIAPI FakeCreateEvent(UINT32 type, EFI_TPL, EFI_EVENT_NOTIFY notify, void* context,
                                   EFI_EVENT* event) {
+  if (F().Fail())
+    return EFI_OUT_OF_RESOURCES;
   static uintptr_t next = 0x70000;
   *event = reinterpret_cast<EFI_EVENT>(next += 16);
   F().events[*event] = FakeFirmware::FakeEvent{type, notify, context};
@@ -88,6 +100,8 @@ EFI_STATUS EFIAPI FakeCloseEvent(EFI_EVENT event) {
 }
 
 EFI_STATUS EFIAPI FakeSetTimer(EFI_EVENT event, EFI_TIMER_DELAY type, UINT64 time) {
+  if (type != TimerCancel && F().Fail())
+    return EFI_DEVICE_ERROR;
   auto it = F().events.find(event);
   if (it == F().events.end())
     return EFI_INVALID_PARAMETER;
@@ -124,16 +138,66 @@ EFI_STATUS EFIAPI FakeStall(UINTN microseconds) {
   return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI FakeOpenProtocol(EFI_HANDLE handle, const EFI_GUID* guid, void** iface, EFI_HANDLE,
-                                   EFI_HANDLE, UINT32) {
+EFI_STATUS EFIAPI FakeOpenProtocol(EFI_HANDLE handle, const EFI_GUID* guid, void** iface, EFI_HANDLE agent,
+                                   EFI_HANDLE controller, UINT32 attributes) {
+  if (F().Fail())
+    return EFI_DEVICE_ERROR;
   void* found = nullptr;
-  EFI_STATUS status = FakeHandleProtocol(handle, guid, &found);
+  EFI_STATUS status = FindProtocol(handle, guid, &found);
   if (iface != nullptr)
     *iface = found;
+  if (!EFI_ERROR(status) && attributes != EFI_OPEN_PROTOCOL_TEST_PROTOCOL)
+    F().RecordOpen(handle, *guid, agent, controller, attributes);
   return status;
 }
 
-EFI_STATUS EFIAPI FakeCloseProtocol(EFI_HANDLE, const EFI_GUID*, EFI_HANDLE, EFI_HANDLE) {
+EFI_STATUS EFIAPI FakeCloseProtocol(EFI_HANDLE handle, const EFI_GUID* guid, EFI_HANDLE agent,
+                                    EFI_HANDLE controller) {
+  size_t removed = std::erase_if(F().opens, [&](const FakeFirmware::Open& o) {
+    return o.handle == handle && o.guid == *guid && o.agent == agent && o.controller == controller;
+  });
+  return removed != 0 ? EFI_SUCCESS : EFI_NOT_FOUND;
+}
+
+EFI_STATUS EFIAPI FakeOpenProtocolInformation(EFI_HANDLE handle, const EFI_GUID* guid,
+                                              EFI_OPEN_PROTOCOL_INFORMATION_ENTRY** entries, UINTN* count) {
+  if (F().Fail())
+    return EFI_DEVICE_ERROR;
+  void* iface = nullptr;
+  if (EFI_ERROR(FindProtocol(handle, guid, &iface)))
+    return EFI_NOT_FOUND;
+  std::vector<EFI_OPEN_PROTOCOL_INFORMATION_ENTRY> found;
+  for (auto& o : F().opens)
+    if (o.handle == handle && o.guid == *guid)
+      found.push_back({o.agent, o.controller, o.attributes, o.count});
+  void* memory = nullptr;
+  EFI_STATUS status = FakeAllocatePool(
+      EfiBootServicesData, (found.size() + 1) * sizeof(EFI_OPEN_PROTOCOL_INFORMATION_ENTRY), &memory);
+  if (EFI_ERROR(status))
+    return status;
+  if (!found.empty())
+    std::memcpy(memory, found.data(), found.size() * sizeof(found[0]));
+  *entries = static_cast<EFI_OPEN_PROTOCOL_INFORMATION_ENTRY*>(memory);
+  *count = found.size();
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI FakeProtocolsPerHandle(EFI_HANDLE handle, EFI_GUID*** guids, UINTN* count) {
+  if (F().Fail())
+    return EFI_DEVICE_ERROR;
+  std::vector<const EFI_GUID*> found;
+  for (auto& p : F().protocols)
+    if (p.handle == handle)
+      found.push_back(&p.guid);
+  if (found.empty())
+    return EFI_INVALID_PARAMETER;
+  void* memory = nullptr;
+  EFI_STATUS status = FakeAllocatePool(EfiBootServicesData, found.size() * sizeof(EFI_GUID*), &memory);
+  if (EFI_ERROR(status))
+    return status;
+  std::memcpy(memory, found.data(), found.size() * sizeof(EFI_GUID*));
+  *guids = static_cast<EFI_GUID**>(memory);
+  *count = found.size();
   return EFI_SUCCESS;
 }
 
@@ -249,10 +313,20 @@ EFI_STATUS EFIAPI ManagerOutput(CHAR16* text, BOOLEAN flag, BOOLEAN toConsole, B
   FakeManager::current->lines.push_back({text, flag != 0, toConsole != 0, toError != 0});
   return EFI_SUCCESS;
 }
-EFI_STATUS EFIAPI ManagerProgress(UINTN, UINTN, UINTN*) {
+EFI_STATUS EFIAPI ManagerProgress(UINTN percent, UINTN seconds, UINTN* interrupt) {
+  auto& m = *FakeManager::current;
+  m.progress.push_back({percent, seconds, interrupt != nullptr});
+  if (interrupt != nullptr) {
+    *interrupt = 0;
+    if (!m.answers.empty()) {
+      *interrupt = m.answers.front();
+      m.answers.erase(m.answers.begin());
+    }
+  }
   return EFI_SUCCESS;
 }
-EFI_STATUS EFIAPI ManagerPrompt(UINTN, CHAR16*) {
+EFI_STATUS EFIAPI ManagerPrompt(UINTN id, CHAR16*) {
+  FakeManager::current->prompts.push_back(id);
   return EFI_SUCCESS;
 }
 EFI_STATUS EFIAPI ManagerReserved() {
@@ -278,6 +352,8 @@ FakeFirmware::FakeFirmware() {
   bs.Stall = FakeStall;
   bs.OpenProtocol = FakeOpenProtocol;
   bs.CloseProtocol = FakeCloseProtocol;
+  bs.OpenProtocolInformation = FakeOpenProtocolInformation;
+  bs.ProtocolsPerHandle = FakeProtocolsPerHandle;
   rt.GetTime = FakeGetTime;
   rt.GetNextVariableName = FakeGetNextVariableName;
   rt.GetVariable = FakeGetVariable;
@@ -285,6 +361,7 @@ FakeFirmware::FakeFirmware() {
   conOut.SetAttribute = FakeSetAttribute;
   stdErr.OutputString = FakeOutputString;
   stdErr.SetAttribute = FakeSetAttribute;
+  st.Hdr.Revision = 0x00020046; // UEFI 2.70
   st.BootServices = &bs;
   st.RuntimeServices = &rt;
   st.ConOut = &conOut;
@@ -301,6 +378,24 @@ FakeFirmware::~FakeFirmware() {
   gBS = nullptr;
   gRT = nullptr;
   current = nullptr;
+}
+
+void FakeFirmware::RecordOpen(EFI_HANDLE handle, const EFI_GUID& guid, EFI_HANDLE agent,
+                              EFI_HANDLE controller, UINT32 attributes) {
+  for (auto& o : opens)
+    if (o.handle == handle && o.guid == guid && o.agent == agent && o.controller == controller &&
+        o.attributes == attributes) {
+      ++o.count;
+      return;
+    }
+  opens.push_back({handle, guid, agent, controller, attributes, 1});
+}
+
+size_t FakeFirmware::OpensBy(EFI_HANDLE agent) const {
+  size_t n = 0;
+  for (auto& o : opens)
+    n += o.agent == agent;
+  return n;
 }
 
 void FakeFirmware::Advance(UINT64 units) {
@@ -325,10 +420,13 @@ void FakeFirmware::Advance(UINT64 units) {
       ev.signaled = true;
   }
   now = until;
+  for (size_t i = 0; i < tickers.size(); ++i)
+    tickers[i]();
 }
 
 void FakeFirmware::RemoveHandle(EFI_HANDLE handle) {
   std::erase_if(protocols, [&](auto& p) { return p.handle == handle; });
+  std::erase_if(opens, [&](auto& o) { return o.handle == handle; });
 }
 
 bool FakeFirmware::HasProtocol(EFI_HANDLE handle, const EFI_GUID& guid) const {

@@ -1,7 +1,14 @@
 // A small in-process stand-in for the firmware: pool memory with leak accounting, a protocol
-// database, variables, and consoles that record what was written. Tests install it into the
-// module's gST/gBS/gRT.
+// database with open-protocol records, events on a virtual clock, variables, and consoles that
+// record what was written. Tests install it into the module's gST/gBS/gRT.
+//
+// Fault injection: every allocation and every firmware call that can fail (of the boot services
+// here and of the fake protocols in fakes/) counts as one use. With failAt = n, the n-th use from
+// then on fails (allocations with EFI_OUT_OF_RESOURCES, other calls with EFI_DEVICE_ERROR). Calls
+// that give something back (FreePool, CloseEvent, CloseProtocol, DestroyChild, unconfiguring a
+// child) never fail: there is nothing a caller could do about them.
 #pragma once
+#include <functional>
 #include <map>
 #include <string>
 #include <utility>
@@ -25,6 +32,40 @@ struct FakeFirmware {
 
   std::map<void*, size_t> pool;          // live allocations
   size_t failAllocationAfter = SIZE_MAX; // make the n-th further allocation fail
+
+  uint64_t uses = 0;   // allocations and fallible calls so far
+  uint64_t failAt = 0; // the use that fails (1-based); 0: none
+  uint64_t failed = 0; // uses that were failed
+  // Counts uses from now on and fails the n-th (0: none).
+  void FailUse(uint64_t n) {
+    uses = 0;
+    failed = 0;
+    failAt = n;
+  }
+  const char* failedCall = nullptr; // the fake function whose use was failed
+  // Counts one use; TRUE when this one is to fail.
+  bool Fail(const char* call = __builtin_FUNCTION()) {
+    ++uses;
+    if (failAt == 0 || uses != failAt)
+      return false;
+    ++failed;
+    failedCall = call;
+    return true;
+  }
+
+  // Open-protocol records, as OpenProtocol keeps them (TEST_PROTOCOL opens are not recorded).
+  struct Open {
+    EFI_HANDLE handle;
+    EFI_GUID guid;
+    EFI_HANDLE agent;
+    EFI_HANDLE controller;
+    UINT32 attributes;
+    UINT32 count;
+  };
+  std::vector<Open> opens;
+  void RecordOpen(EFI_HANDLE handle, const EFI_GUID& guid, EFI_HANDLE agent, EFI_HANDLE controller,
+                  UINT32 attributes);
+  size_t OpensBy(EFI_HANDLE agent) const;
 
   struct Installed {
     EFI_HANDLE handle;
@@ -56,6 +97,8 @@ struct FakeFirmware {
   UINT64 now = 0;
   UINT64 checkStep = 10000; // 1 ms
   void Advance(UINT64 units);
+  // Called whenever the clock moves (fake devices complete their work here).
+  std::vector<std::function<void()>> tickers;
 
   void AddProtocol(EFI_HANDLE handle, const EFI_GUID& guid, void* iface) {
     protocols.push_back({handle, guid, iface});
@@ -78,6 +121,13 @@ struct FakeManager {
     bool flag, toConsole, toError;
   };
   std::vector<Line> lines;
+  struct Report {
+    UINTN percent, seconds;
+    bool asked; // the module passed a place for the answer
+  };
+  std::vector<Report> progress;
+  std::vector<UINTN> answers; // interrupt values given at the progress reports that ask, in order
+  std::vector<UINTN> prompts; // message numbers prompted
   std::u16string AllText() const;
   std::u16string ConsoleText() const; // lines marked for the console or as errors
   static FakeManager* current;

@@ -15,16 +15,21 @@ struct NicAddr {
 #pragma pack(pop)
 static_assert(sizeof(NicAddr) == 35);
 
+// The children of the service bindings. Create and the openers can hand back the binding interface
+// they used (Binding); given to Destroy and the closers, it destroys the child even when the binding
+// cannot be opened again, so that an owner never leaves a child behind.
 EFI_STATUS CreateServiceChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, const EFI_GUID* ServiceBinding,
-                              EFI_HANDLE* ChildHandle);
+                              EFI_HANDLE* ChildHandle, EFI_SERVICE_BINDING_PROTOCOL** Binding = nullptr);
 EFI_STATUS DestroyServiceChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, const EFI_GUID* ServiceBinding,
-                               EFI_HANDLE ChildHandle);
+                               EFI_HANDLE ChildHandle, EFI_SERVICE_BINDING_PROTOCOL* Binding = nullptr);
 EFI_STATUS OpenIp4Child(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE* ChildHandle,
-                        EFI_IP4_PROTOCOL** Ip4);
+                        EFI_IP4_PROTOCOL** Ip4, EFI_SERVICE_BINDING_PROTOCOL** Binding = nullptr);
 EFI_STATUS OpenDhcp4Child(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE* ChildHandle,
-                          EFI_DHCP4_PROTOCOL** Dhcp4);
-void CloseIp4Child(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE ChildHandle);
-void CloseDhcp4Child(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE ChildHandle);
+                          EFI_DHCP4_PROTOCOL** Dhcp4, EFI_SERVICE_BINDING_PROTOCOL** Binding = nullptr);
+void CloseIp4Child(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE ChildHandle,
+                   EFI_SERVICE_BINDING_PROTOCOL* Binding = nullptr);
+void CloseDhcp4Child(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE ChildHandle,
+                     EFI_SERVICE_BINDING_PROTOCOL* Binding = nullptr);
 
 EFI_STATUS ReadNicAddress(EFI_HANDLE NicHandle, NicAddr* Address);
 EFI_STATUS ReadMacAddresses(EFI_HANDLE Agent, EFI_HANDLE NicHandle, EFI_MAC_ADDRESS* Current,
@@ -40,8 +45,9 @@ EFI_STATUS EFIAPI Dhcp4EventCallback(EFI_DHCP4_PROTOCOL* This, void* Context, EF
 // created through the service binding and its protocol got with HandleProtocol. When only the
 // second step fails the child handle is still set, so that its owner destroys it.
 EFI_STATUS OpenMnpChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE* ChildHandle,
-                        EFI_MANAGED_NETWORK_PROTOCOL** Mnp);
-void CloseMnpChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE ChildHandle);
+                        EFI_MANAGED_NETWORK_PROTOCOL** Mnp, EFI_SERVICE_BINDING_PROTOCOL** Binding = nullptr);
+void CloseMnpChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE ChildHandle,
+                   EFI_SERVICE_BINDING_PROTOCOL* Binding = nullptr);
 
 template <class Protocol> struct ChildOps;
 template <> struct ChildOps<EFI_MANAGED_NETWORK_PROTOCOL> {
@@ -71,7 +77,8 @@ public:
     Close();
     EFI_HANDLE child = nullptr;
     Protocol* protocol = nullptr;
-    EFI_STATUS status = ChildOps<Protocol>::Open(service, agent, &child, &protocol);
+    binding_ = nullptr;
+    EFI_STATUS status = ChildOps<Protocol>::Open(service, agent, &child, &protocol, &binding_);
     service_ = service;
     agent_ = agent;
     child_ = child;
@@ -80,7 +87,7 @@ public:
   }
   void Close() {
     if (child_ != nullptr)
-      ChildOps<Protocol>::Close(service_, agent_, child_);
+      ChildOps<Protocol>::Close(service_, agent_, child_, binding_);
     child_ = nullptr;
     protocol_ = nullptr;
   }
@@ -94,6 +101,7 @@ private:
   EFI_HANDLE agent_ = nullptr;
   EFI_HANDLE child_ = nullptr;
   Protocol* protocol_ = nullptr;
+  EFI_SERVICE_BINDING_PROTOCOL* binding_ = nullptr; // the binding the child came from
 };
 
 using MnpChild = ServiceChild<EFI_MANAGED_NETWORK_PROTOCOL>;

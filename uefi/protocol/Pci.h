@@ -93,7 +93,8 @@ struct EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL {
   void* Flush;
   void* GetAttributes;
   void* SetAttributes;
-  void* Configuration;
+  // The bridge's resources as ACPI address-space descriptors ending in an end tag; firmware memory.
+  EFI_STATUS(EFIAPI* Configuration)(EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL* This, void** Resources);
   UINT32 SegmentNumber;
 };
 static_assert(offsetof(EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL, Pci) == 56);

@@ -55,3 +55,48 @@ struct VEX_MANAGER_PROTOCOL {
 };
 static_assert(offsetof(VEX_MANAGER_PROTOCOL, Output) == 16);
 static_assert(offsetof(VEX_MANAGER_PROTOCOL, Prompt) == 32);
+
+// The manager's user-interface protocols. Both carry the same menu operation, at entry 14 of the
+// graphics library and at entry 6 of the console library; a module finds either with LocateProtocol.
+constexpr EFI_GUID VEX_GRAPHICS_LIB_PROTOCOL_GUID = {
+    0xBB11ED50, 0x6C27, 0x44FC, {0x92, 0x0C, 0x7E, 0xD3, 0x3B, 0x64, 0x67, 0xE8}};
+constexpr EFI_GUID VEX_CONSOLE_LIB_PROTOCOL_GUID = {
+    0x293ACD06, 0xD6DE, 0x46CB, {0x98, 0xFE, 0x4F, 0x53, 0x2A, 0x6A, 0x14, 0x3A}};
+
+// A line of text above the items; a list of them ends with a null pointer.
+struct VEX_MENU_TEXT_LINE {
+  UINT64 Reserved; // 0
+  const CHAR16* Text;
+};
+// An item the operator can pick; its value is handed back. A list of them ends with a null pointer.
+struct VEX_MENU_ITEM {
+  const CHAR16* Text;
+  UINT64 Value;
+};
+#pragma pack(push, 1)
+struct VEX_MENU_SETTINGS {
+  UINT64 First;  // 1
+  UINT32 Second; // 2
+  UINT32 Third;  // 2
+  UINT8 Fourth;  // 1
+  UINT8 Reserved[4];
+};
+#pragma pack(pop)
+static_assert(sizeof(VEX_MENU_SETTINGS) == 21);
+
+// Shows Title, the text lines and the items, and stores the chosen item's value in *Selection.
+using VEX_MENU = EFI_STATUS(EFIAPI*)(const CHAR16* Title, UINTN Reserved1, VEX_MENU_TEXT_LINE** Lines,
+                                     VEX_MENU_ITEM** Items, VEX_MENU_SETTINGS* Settings, UINT16 Reserved2,
+                                     UINT64* Selection, UINT8 Reserved3, UINT8 Reserved4, UINT8 Reserved5,
+                                     UINT64 Reserved6);
+
+struct VEX_GRAPHICS_LIB_PROTOCOL {
+  void* Other[13];
+  VEX_MENU Menu; // entry 14
+};
+struct VEX_CONSOLE_LIB_PROTOCOL {
+  void* Other[5];
+  VEX_MENU Menu; // entry 6
+};
+static_assert(offsetof(VEX_GRAPHICS_LIB_PROTOCOL, Menu) == 13 * 8);
+static_assert(offsetof(VEX_CONSOLE_LIB_PROTOCOL, Menu) == 5 * 8);

@@ -1,0 +1,143 @@
+// The firmware's network stack and PCI side on the fake firmware, as the NIC tests meet them.
+//
+// A FakeNic is one controller: a PCI function (PCI I/O on its own handle, device path
+// PciRoot(0x0)/Pci(Device,0x0)) and, as its child, the MAC-layer handle (device path ending in
+// MAC(...)) with simple network, the managed-network, IPv4 and DHCPv4 service bindings and IPv4
+// configuration 2. Behind it sits a virtual network with one DHCP server that answers pings. The
+// knobs say what the world looks like; the records say what the module did. A FakeDriver names
+// controllers through both component-name protocols, and a FakeRootBridge reads the configuration
+// space of every FakeNic through ACPI-described bus ranges. Every protocol call that can fail takes
+// part in the fake firmware's fault injection.
+#pragma once
+#include <set>
+#include <string>
+#include <vector>
+
+#include "fakes/FakeFirmware.h"
+#include "uefi/protocol/ComponentName.h"
+#include "uefi/protocol/Dhcp4.h"
+#include "uefi/protocol/Hii.h"
+#include "uefi/protocol/Ip4.h"
+#include "uefi/protocol/Ip4Config2.h"
+#include "uefi/protocol/ManagedNetwork.h"
+#include "uefi/protocol/Pci.h"
+
+struct FakeNic;
+
+// A service binding whose children each carry the binding's protocol instance.
+struct FakeBinding {
+  EFI_SERVICE_BINDING_PROTOCOL sb;
+  FakeNic* nic;
+  EFI_GUID childGuid;
+  void* childProtocol;
+  std::vector<EFI_HANDLE> children;
+};
+
+struct FakeNic {
+  FakeNic(FakeFirmware& fw, UINT8 device, UINT8 lastMacByte);
+  ~FakeNic();
+  FakeNic(const FakeNic&) = delete;
+  FakeNic& operator=(const FakeNic&) = delete;
+
+  FakeFirmware& fw;
+  EFI_HANDLE handle;    // the MAC-layer handle
+  EFI_HANDLE pciHandle; // its parent, the PCI function
+  UINT8 device;
+  std::vector<UINT8> devicePath, pciPath;
+
+  // The world.
+  bool link = true;
+  EFI_IPv4_ADDRESS server = {{10, 0, 2, 2}};
+  EFI_IPv4_ADDRESS client = {{10, 0, 2, 15}};
+  EFI_IPv4_ADDRESS gateway = {}; // the default route's gateway in the IPv4 configuration
+  UINT64 mappedAt = 0;           // virtual time from which IPv4 has an address; ~0: never
+  UINTN dhcpTimeouts = 0;        // Start times out this many times (a silent server: many)
+  UINTN dhcpDenials = 0;         // Configure refuses this many times (another client active)
+  bool pingAnswers = true;       // the server answers echo requests
+  std::set<UINT16> unanswered;   // echo requests with these sequence numbers get no reply
+  UINT64 replyDelay = 20000;     // 2 ms
+  UINTN config2NotReady = 0;     // GetData answers EFI_NOT_READY this many times
+  UINT8 config[256] = {};        // PCI configuration space
+
+  // What the module did.
+  std::vector<std::pair<UINT64, UINT16>> pingsSent; // (time, sequence)
+  UINTN badChecksums = 0;                           // echo requests whose ICMP checksum is wrong
+  UINTN dhcpConfigures = 0, dhcpStarts = 0, dhcpStops = 0;
+  UINTN framesSent = 0;
+  UINTN framesCompleted = 0;
+  UINTN LiveChildren() const;
+
+  // Protocol instances, each followed by its owner so that a call finds its NIC.
+  template <class P> struct Instance {
+    P p;
+    FakeNic* nic;
+  };
+  Instance<EFI_SIMPLE_NETWORK_PROTOCOL> snp{};
+  EFI_SIMPLE_NETWORK_MODE mode{};
+  Instance<EFI_MANAGED_NETWORK_PROTOCOL> mnp{};
+  Instance<EFI_IP4_PROTOCOL> ip4{};
+  Instance<EFI_DHCP4_PROTOCOL> dhcp{};
+  Instance<EFI_IP4_CONFIG2_PROTOCOL> config2{};
+  Instance<EFI_PCI_IO_PROTOCOL> pciIo{};
+  FakeBinding mnpBinding{}, ip4Binding{}, dhcpBinding{};
+
+  // Inner state.
+  bool mnpConfigured = false;
+  std::vector<EFI_MANAGED_NETWORK_COMPLETION_TOKEN*> txQueue;
+  bool ip4Configured = false;
+  EFI_IP4_COMPLETION_TOKEN* rxToken = nullptr;
+  std::vector<std::pair<UINT64, UINT16>> repliesDue;
+  EFI_IP4_RECEIVE_DATA rxData{};
+  EFI_IP4_HEADER rxHeader{};
+  UINT8 reply[64]{};
+  EFI_DHCP4_STATE dhcpState = Dhcp4Stopped;
+  EFI_DHCP4_CONFIG_DATA dhcpConfig{};
+  EFI_IP4_CONFIG2_POLICY policy = Ip4Config2PolicyDhcp;
+  std::vector<std::pair<EFI_IP4_CONFIG2_DATA_TYPE, EFI_EVENT>> notifies;
+
+  bool HasAddress() const { return mappedAt != ~0ull && fw.now >= mappedAt; }
+  void Tick();
+};
+
+// The HII configuration router: BlockToConfig answers the request itself, RouteConfig answers
+// routeStatus (OVMF keeps no driver for the stored IPv4 configuration: EFI_NOT_FOUND).
+struct FakeHiiRouting {
+  explicit FakeHiiRouting(FakeFirmware& fw);
+  EFI_HII_CONFIG_ROUTING_PROTOCOL protocol{};
+  EFI_STATUS routeStatus = EFI_NOT_FOUND;
+  std::vector<std::u16string> routed;
+  static inline FakeHiiRouting* current = nullptr;
+};
+
+// A driver that manages a NIC's PCI function and names its MAC-layer child, through component name
+// 2 (RFC 4646 languages) and component name (ISO 639-2).
+struct FakeDriver {
+  FakeDriver(FakeFirmware& fw, FakeNic& nic, const char16_t* name);
+  EFI_HANDLE handle;
+  struct Names {
+    EFI_COMPONENT_NAME2_PROTOCOL p;
+    FakeDriver* driver;
+  } name2{}, name1{};
+  std::u16string name;
+  EFI_HANDLE controller, child;
+};
+
+// The PCI root bridge over bus 0 (one QWORD bus-range descriptor), reading every FakeNic's
+// configuration space by bus, device, function and register.
+struct FakeRootBridge {
+  FakeRootBridge(FakeFirmware& fw, std::vector<FakeNic*> nics);
+  EFI_HANDLE handle;
+  EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL protocol{};
+  std::vector<FakeNic*> nics;
+  std::vector<UINT8> descriptors;
+  static inline FakeRootBridge* current = nullptr;
+};
+
+// The manager's menu protocols: the menu answers with the item at answer (0-based), or the cancel
+// entry when answer is -1, and records what it showed.
+struct FakeMenus {
+  FakeMenus(FakeFirmware& fw, bool graphics, bool console);
+  INT64 answer = 0;
+  std::vector<std::u16string> shown; // title, text lines, items
+  static inline FakeMenus* current = nullptr;
+};

@@ -1,0 +1,300 @@
+// The NIC tests through the module's protocol, on the fake firmware's network stack: the test
+// table's consistency, the retry frame, pingtest end to end, and the failure sweep that fails each
+// allocation and firmware call of a test run in turn.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "base/Globals.h"
+#include "frame/CommandLine.h"
+#include "frame/Dispatch.h"
+#include "frame/Startup.h"
+#include "frame/TestModule.h"
+#include "fakes/FakeNetwork.h"
+#include "options/OptionStore.h"
+#include "report/Output.h"
+#include "report/Results.h"
+#include "report/RetryFrame.h"
+#include "uefi/protocol/LoadedImage.h"
+
+namespace {
+
+EFI_HANDLE const kImage = reinterpret_cast<EFI_HANDLE>(0x1000);
+EFI_HANDLE const kManagerHandle = reinterpret_cast<EFI_HANDLE>(0x2000);
+
+TEST(TestTable, NumbersNamesAndErrorGroupsAgree) {
+  std::set<std::u16string> names;
+  UINTN n = 0;
+  for (; kTestTable[n] != nullptr; ++n) {
+    const TestInfo& t = *kTestTable[n];
+    EXPECT_EQ(TestAt(INT64(n)), &t);
+    EXPECT_EQ(t.ErrorGroup, TestErrorGroup(n)) << "test " << n << " is out of its place in the table";
+    EXPECT_TRUE(names.insert(t.Name).second) << Narrow(t.Name) << " twice";
+    EXPECT_GT(t.RunTime, 0u);
+    EXPECT_NE(t.Options, nullptr);
+  }
+  EXPECT_EQ(n, 7u);
+  EXPECT_EQ(TestAt(-1), nullptr);
+  EXPECT_EQ(TestAt(7), nullptr);
+  EXPECT_EQ(std::u16string(kTestTable[0]->Name), u"pingtest");
+  EXPECT_EQ(kTestTable[2]->RunTime, 60u);
+}
+
+// The frame on its own: percentages and seconds of each report, the retry line, the operator's
+// answers and the closing report.
+struct RetryFrameTest : ::testing::Test {
+  FakeFirmware fw;
+  FakeManager mgr;
+  VEX_MANAGER_PROTOCOL* link = &mgr.protocol;
+  UINTN result = 99, error = 99;
+  void SetUp() override {
+    ResetOutputState();
+    InitDebugLevel(nullptr, nullptr, &link);
+  }
+  void TearDown() override { ResetOutputState(); }
+};
+
+TEST_F(RetryFrameTest, AttemptsReportTheirShareAndTheLastReportIsNinetyNine) {
+  RetryFrame::Open();
+  RetryFrame frame(2, &result, &error);
+  UINTN attempts = 0;
+  while (frame.More()) {
+    ASSERT_TRUE(frame.Begin());
+    ++attempts;
+    ASSERT_TRUE(frame.Advance(5));
+    frame.Fail();
+    frame.Next();
+  }
+  EXPECT_EQ(attempts, 3u);
+  EXPECT_EQ(frame.Close(u"ok\r\n", u"bad\r\n", 0x80160601), EFI_SUCCESS);
+  EXPECT_EQ(result, TEST_RESULT_FAILED);
+  EXPECT_EQ(error, 0x80160601u);
+  std::vector<std::pair<UINTN, UINTN>> seen;
+  for (auto& r : mgr.progress)
+    seen.push_back({r.percent, r.seconds});
+  // 80 / 3 = 26 per attempt: 10, 36 and 62 %, each followed by its 5 % step.
+  std::vector<std::pair<UINTN, UINTN>> want = {{1, 10}, {10, 9}, {15, 8}, {36, 6},
+                                               {41, 5}, {62, 3}, {67, 3}, {99, 0}};
+  EXPECT_EQ(seen, want);
+  EXPECT_FALSE(mgr.progress.front().asked);
+  EXPECT_FALSE(mgr.progress.back().asked);
+  std::string log = Narrow(mgr.AllText());
+  EXPECT_EQ(log, "Retry 1 time(s)...\r\nRetry 2 time(s)...\r\nbad\r\n");
+}
+
+TEST_F(RetryFrameTest, OperatorAnswersEndTheRun) {
+  RetryFrame failed(0, &result, &error);
+  mgr.answers = {0, TEST_RESULT_FAILED};
+  ASSERT_TRUE(failed.Begin());
+  EXPECT_FALSE(failed.Advance(5));
+  EXPECT_EQ(result, TEST_RESULT_FAILED);
+  EXPECT_EQ(error, ERROR_CODE_OPERATOR_ABORT);
+
+  RetryFrame cancelled(0, &result, &error);
+  mgr.answers = {TEST_RESULT_CANCELLED};
+  EXPECT_FALSE(cancelled.Begin());
+  EXPECT_EQ(result, TEST_RESULT_CANCELLED);
+  EXPECT_EQ(error, ERROR_CODE_NONE);
+
+  RetryFrame passed(5, &result, &error);
+  ASSERT_TRUE(passed.Begin());
+  passed.Pass();
+  EXPECT_FALSE(passed.More());
+  passed.Close(u"ok\r\n", u"bad\r\n", 1);
+  EXPECT_EQ(result, TEST_RESULT_PASSED);
+  EXPECT_EQ(error, ERROR_CODE_NONE);
+}
+
+// The module loaded on the fake firmware, with one NIC on a network whose DHCP server answers.
+struct NicWorld {
+  FakeFirmware fw;
+  FakeManager mgr;
+  EFI_LOADED_IMAGE_PROTOCOL image{};
+  FakeNic nic{fw, 3, 0x56};
+  FakeHiiRouting hii{fw};
+  VEX_TEST_MODULE_PROTOCOL* module = nullptr;
+
+  NicWorld() {
+    ResetOutputState();
+    SetSelectedTestNumber(0);
+    ClearParsedOptions();
+    FreeOptionWords();
+    gManager = nullptr;
+    gImageHandle = nullptr;
+    fw.AddProtocol(kImage, EFI_LOADED_IMAGE_PROTOCOL_GUID, &image);
+    fw.AddProtocol(kManagerHandle, VEX_MANAGER_PROTOCOL_GUID, &mgr.protocol);
+  }
+  bool Start() {
+    if (InitializeTestModule(kImage, &fw.st) != EFI_SUCCESS)
+      return false;
+    void* iface = nullptr;
+    fw.bs.HandleProtocol(kImage, &VEX_TEST_MODULE_PROTOCOL_GUID, &iface);
+    module = static_cast<VEX_TEST_MODULE_PROTOCOL*>(iface);
+    return module != nullptr;
+  }
+  ~NicWorld() {
+    if (module != nullptr)
+      VexUnloadTestModule(kImage);
+    FreeOptionWords();
+    ResetOutputState();
+    gManager = nullptr;
+  }
+  struct Outcome {
+    EFI_STATUS status;
+    UINTN result = 99, error = 99;
+  };
+  Outcome Execute(std::u16string options) {
+    Outcome o;
+    o.status = module->ExecuteTest(0, options.data(), &o.result, &o.error);
+    return o;
+  }
+  std::string Said() const { return Narrow(mgr.AllText()); }
+};
+
+TEST(PingTestOnFakes, PassesAndReleasesEverything) {
+  NicWorld w;
+  ASSERT_TRUE(w.Start());
+  size_t pool = w.fw.pool.size();
+  auto o = w.Execute(u"-test=pingtest -testrepeats=3");
+  EXPECT_EQ(o.result, TEST_RESULT_PASSED) << w.Said();
+  EXPECT_EQ(o.error, ERROR_CODE_NONE);
+  EXPECT_EQ(w.nic.pingsSent.size(), 3u);
+  EXPECT_EQ(w.hii.routed.size(), 1u); // the stored configuration of the one NIC
+  EXPECT_EQ(w.fw.pool.size(), pool);
+  EXPECT_EQ(w.nic.LiveChildren(), 0u);
+  EXPECT_TRUE(w.fw.events.empty());
+  EXPECT_EQ(w.fw.OpensBy(kImage), 0u);
+  EXPECT_EQ(w.mgr.progress.back().percent, 99u);
+}
+
+TEST(PingTestOnFakes, NoCableNoServerAndNoNic) {
+  {
+    NicWorld w;
+    ASSERT_TRUE(w.Start());
+    w.nic.link = false;
+    auto o = w.Execute(u"-test=pingtest -retries=1");
+    EXPECT_EQ(o.result, TEST_RESULT_FAILED);
+    EXPECT_EQ(o.error, 0x80160107u);
+    EXPECT_EQ(w.mgr.prompts, (std::vector<UINTN>{25, 25})); // once per attempt
+    EXPECT_NE(w.Said().find("Retry......\r\n"), std::string::npos);
+  }
+  {
+    NicWorld w;
+    ASSERT_TRUE(w.Start());
+    w.nic.dhcpTimeouts = 1000;
+    auto o = w.Execute(u"-test=pingtest");
+    EXPECT_EQ(o.error, 0x80160101u);
+    EXPECT_EQ(w.nic.LiveChildren(), 0u);
+  }
+  {
+    NicWorld w;
+    ASSERT_TRUE(w.Start());
+    w.nic.dhcpDenials = 1000; // another DHCP client holds the service
+    auto o = w.Execute(u"-test=pingtest");
+    EXPECT_EQ(o.error, 0x80160106u);
+  }
+  {
+    NicWorld w;
+    ASSERT_TRUE(w.Start());
+    w.nic.pingAnswers = false;
+    auto o = w.Execute(u"-test=pingtest");
+    EXPECT_EQ(o.error, 0x80160102u);
+  }
+  {
+    NicWorld w;
+    ASSERT_TRUE(w.Start());
+    auto o = w.Execute(u"-test=pingtest -index=2");
+    EXPECT_EQ(o.error, ERROR_CODE_NIC_NOT_FOUND);
+    w.fw.RemoveHandle(w.nic.handle);
+    o = w.Execute(u"-test=pingtest");
+    EXPECT_EQ(o.error, ERROR_CODE_NO_NIC);
+  }
+}
+
+// ---- The failure sweep ----
+
+// One scenario of a test: the option string, and what to change in the world before the run.
+struct SweepScenario {
+  const char* test;
+  std::u16string options;
+  std::function<void(NicWorld&)> setUp;
+};
+
+// Runs the scenario with use number failAt failing (0: none). Returns a bit set of what went
+// wrong (1 something left behind, 2 no defined result, 4 the module did not start) and the uses
+// counted.
+int RunScenario(const SweepScenario& s, uint64_t failAt, uint64_t* uses) {
+  NicWorld w;
+  if (!w.Start())
+    return 4;
+  if (s.setUp)
+    s.setUp(w);
+  size_t pool = w.fw.pool.size();
+  size_t events = w.fw.events.size();
+  size_t opens = w.fw.OpensBy(kImage);
+  w.fw.FailUse(failAt);
+  auto o = w.Execute(s.options);
+  if (uses != nullptr)
+    *uses = w.fw.uses;
+  w.fw.failAt = 0;
+  int wrong = 0;
+  if (w.fw.pool.size() != pool || w.fw.events.size() != events || w.fw.OpensBy(kImage) != opens ||
+      w.nic.LiveChildren() != 0) {
+    std::fprintf(
+        stderr,
+        "%s, failure point %llu (%s): %zd pool allocations, %zd events, %zd opens, %zu children left\n",
+        s.test, static_cast<unsigned long long>(failAt), w.fw.failedCall, w.fw.pool.size() - pool,
+        w.fw.events.size() - events, w.fw.OpensBy(kImage) - opens, size_t(w.nic.LiveChildren()));
+    wrong |= 1;
+  }
+  if (o.result == TEST_RESULT_IN_PROGRESS || o.result > TEST_RESULT_SOFTWARE_ERROR)
+    wrong |= 2;
+  return wrong;
+}
+
+TEST(FailureSweep, EveryAllocationAndFirmwareCallFailedInTurn) {
+  const SweepScenario scenarios[] = {
+      {"pingtest", u"-test=pingtest", nullptr},
+  };
+  for (const auto& s : scenarios) {
+    RunScenario(s, 0, nullptr); // settles what a first run measures once per image
+    uint64_t points = 0;
+    ASSERT_EQ(RunScenario(s, 0, &points), 0) << s.test << " fails without any fault";
+    ASSERT_GT(points, 0u);
+    unsigned crashes = 0, leaks = 0, undefined = 0;
+    for (uint64_t n = 1; n <= points; ++n) {
+      std::fflush(nullptr);
+      pid_t child = fork();
+      ASSERT_GE(child, 0);
+      // A sanitizer report or a signal ends the child any other way than with 100 + its findings.
+      if (child == 0)
+        _exit(100 + RunScenario(s, n, nullptr));
+      int status = 0;
+      waitpid(child, &status, 0);
+      if (!WIFEXITED(status) || WEXITSTATUS(status) < 100 || WEXITSTATUS(status) >= 104) {
+        ++crashes;
+        ADD_FAILURE() << s.test << ": failure point " << n << " crashed";
+        continue;
+      }
+      int wrong = WEXITSTATUS(status) - 100;
+      if (wrong & 1) {
+        ++leaks;
+        ADD_FAILURE() << s.test << ": failure point " << n << " left something behind";
+      }
+      if (wrong & 2) {
+        ++undefined;
+        ADD_FAILURE() << s.test << ": failure point " << n << " gave no defined result";
+      }
+    }
+    std::printf("SWEEP %s points=%llu crashes=%u leaks=%u\n", s.test, static_cast<unsigned long long>(points),
+                crashes, leaks);
+  }
+}
+
+} // namespace
