@@ -25,6 +25,19 @@ constexpr UINTN ERROR_CODE_SOFTWARE = 0x800000FF;        // the module itself fa
 constexpr UINTN ERROR_CODE_NO_NIC = 0x80160103;        // no NIC, or no managed-network service binding
 constexpr UINTN ERROR_CODE_NIC_NOT_FOUND = 0x80160104; // the NIC asked for by index, path or ID is not there
 
+// How a test names the cause of a failure status: the statuses it knows, each with its code.
+struct StatusErrorCode {
+  EFI_STATUS Status;
+  UINTN ErrorCode;
+};
+// The error code of a failure status; a status the list does not know is the module's own failure.
+template <UINTN N> constexpr UINTN ErrorCodeFor(EFI_STATUS Status, const StatusErrorCode (&Known)[N]) {
+  for (const StatusErrorCode& k : Known)
+    if (k.Status == Status)
+      return k.ErrorCode;
+  return ERROR_CODE_SOFTWARE;
+}
+
 // A test's answer to an interrupt value from a progress report: 2 (Cancelled) or 3 (Failed) becomes
 // the result, and a failed test carries ERROR_CODE_OPERATOR_ABORT. FALSE when the value is 0.
 inline bool TakeInterrupt(UINTN Interrupt, UINTN* Result, UINTN* ErrorCode) {

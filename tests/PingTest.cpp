@@ -196,9 +196,7 @@ EFI_STATUS RunPingTest(PingOptions& o) {
     return EFI_SUCCESS;
   if (EFI_ERROR(status)) {
     LogPrint(u"StartConfigureProcess() error (%r)\r\n", status);
-    o.errorCode = status == EFI_TIMEOUT         ? kConfigFailed
-                  : status == EFI_ACCESS_DENIED ? kDhcpRefused
-                                                : ERROR_CODE_SOFTWARE;
+    o.errorCode = ErrorCodeFor(status, {{EFI_TIMEOUT, kConfigFailed}, {EFI_ACCESS_DENIED, kDhcpRefused}});
     return status;
   }
 
@@ -234,9 +232,7 @@ EFI_STATUS RunPingTest(PingOptions& o) {
   status = ExecutePingProcess(chosen, gServerAddress, o.testRepeats, nullptr, PingVariant::PingTest);
   if (status != EFI_SUCCESS) {
     LogPrint(u"ExecutePingProcess() error (%r)\r\n", status);
-    o.errorCode = status == EFI_TIMEOUT      ? kPingTimedOut
-                  : status == EFI_NO_MAPPING ? kDhcpRefused
-                                             : ERROR_CODE_SOFTWARE;
+    o.errorCode = ErrorCodeFor(status, {{EFI_TIMEOUT, kPingTimedOut}, {EFI_NO_MAPPING, kDhcpRefused}});
     return status;
   }
   o.result = TEST_RESULT_PASSED;
