@@ -45,6 +45,10 @@ struct Settings {
   UINTN messageCount = 0;
   const CHAR16* calls[kMaxCalls] = {};
   UINTN callCount = 0;
+  // Started by the firmware itself (the removable-media boot path), not from the shell: the calls
+  // come from calls.txt beside the manager, the results go to results.txt, and the machine powers
+  // off at the end.
+  bool bootMode = false;
 };
 
 // Manager state reachable from the protocol operations.
@@ -52,6 +56,7 @@ struct State {
   EFI_FILE_PROTOCOL* root = nullptr;
   EFI_FILE_PROTOCOL* log = nullptr; // everything the manager received or said
   EFI_FILE_PROTOCOL* out = nullptr; // exactly what it showed on the console
+  EFI_FILE_PROTOCOL* results = nullptr; // one RESULT line per call, in boot mode
   CHAR16 dir[kPathChars] = {};
   AnswerScript* script = nullptr;
   bool verbose = false;
@@ -301,7 +306,10 @@ bool ParseArguments(EFI_HANDLE image, Settings& s) {
   EFI_SHELL_PARAMETERS_PROTOCOL* params = nullptr;
   if (EFI_ERROR(
           gBS->HandleProtocol(image, &EFI_SHELL_PARAMETERS_PROTOCOL_GUID, reinterpret_cast<void**>(&params))))
-    return true; // started outside the shell: defaults only
+  {
+    s.bootMode = true; // started outside the shell
+    return true;
+  }
   for (UINTN i = 1; i < params->Argc; ++i) {
     const CHAR16* arg = params->Argv[i];
     bool hasNext = i + 1 < params->Argc;
@@ -401,6 +409,38 @@ void RunOneCall(const ModuleApi& api, EFI_HANDLE module, CHAR16* options) {
         before.handles, after.handles, before.protocols, after.protocols, before.opens, after.opens);
   }
   Say(u"RESULT result=%s error=0x%x status=%r\r\n", ResultName(result), error, status);
+  if (gState->results != nullptr) {
+    CHAR16 line[kLineChars];
+    SPrint(line, sizeof(line), u"RESULT result=%s error=0x%x status=%r options='%s'\r\n", ResultName(result),
+           error, status, options);
+    WriteText(gState->results, line);
+  }
+}
+
+// Without the shell nothing has connected the drivers to the devices yet (the network stack
+// included): connect every controller, as the shell's "connect -r" does.
+void ConnectAllControllers() {
+  UINTN count = 0;
+  wc::PoolPtr<EFI_HANDLE> all;
+  if (EFI_ERROR(gBS->LocateHandleBuffer(AllHandles, nullptr, nullptr, &count, all.Receive())))
+    return;
+  for (UINTN i = 0; i < count; ++i)
+    gBS->ConnectController(all[i], nullptr, nullptr, TRUE);
+}
+
+// The end of a boot-mode run: the results stay on the screen until a key or a minute has passed.
+void PowerOff() {
+  constexpr UINT64 kMinute = 600000000; // 100 ns units
+  Say(u"VEXRUN DONE results in results.txt; press a key to power off (or wait a minute)\r\n");
+  EFI_EVENT timer = nullptr;
+  if (!EFI_ERROR(gBS->CreateEvent(EVT_TIMER, TPL_CALLBACK, nullptr, nullptr, &timer)) &&
+      !EFI_ERROR(gBS->SetTimer(timer, TimerRelative, kMinute))) {
+    EFI_EVENT events[2] = {gST->ConIn != nullptr ? gST->ConIn->WaitForKey : timer, timer};
+    UINTN index = 0;
+    gBS->WaitForEvent(2, events, &index);
+    gBS->CloseEvent(timer);
+  }
+  gRT->ResetSystem(EfiResetShutdown, EFI_SUCCESS, 0, nullptr);
 }
 
 // Loads the module, names it, runs calls [first, last) and unloads it again.
@@ -454,8 +494,7 @@ EFI_STATUS RunSession(EFI_HANDLE image, EFI_DEVICE_PATH_PROTOCOL* modulePath, co
   return EFI_SUCCESS;
 }
 
-EFI_STATUS Run(EFI_HANDLE image) {
-  Settings settings;
+EFI_STATUS Run(EFI_HANDLE image, Settings& settings) {
   if (!ParseArguments(image, settings)) {
     Say(u"Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-old] [-v] [-r] [-hdb] [\"OPTION STRING\" "
         u"...]\r\n");
@@ -484,6 +523,15 @@ EFI_STATUS Run(EFI_HANDLE image) {
   FindOwnDirectory(self);
   gState->log = CreateFresh(u"VexRun.log");
   gState->out = CreateFresh(u"VexRun.out");
+  if (settings.bootMode) {
+    gBS->SetWatchdogTimer(0, 0, 0, nullptr); // the firmware's five-minute boot watchdog
+    ConnectAllControllers();
+    settings.callsFile = u"calls.txt";
+    wc::PoolPtr<CHAR16> probe;
+    if (!EFI_ERROR(ReadWholeFile(u"script.txt", probe)))
+      settings.scriptFile = u"script.txt";
+    gState->results = CreateFresh(u"results.txt");
+  }
 
   wc::PoolPtr<CHAR16> callsText;
   if (settings.callsFile != nullptr) {
@@ -553,14 +601,17 @@ extern "C" EFI_STATUS EFIAPI VexRunMain(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE
   State state;
   gState = &state;
   Say(u"VEXRUN BEGIN\r\n");
-  EFI_STATUS status = Run(ImageHandle);
+  Settings settings;
+  EFI_STATUS status = Run(ImageHandle, settings);
   Say(u"VEXRUN END status=%r\r\n", status);
-  EFI_FILE_PROTOCOL* files[] = {state.log, state.out};
+  EFI_FILE_PROTOCOL* files[] = {state.log, state.out, state.results};
   for (EFI_FILE_PROTOCOL* file : files)
     if (file != nullptr)
       file->Close(file);
   if (state.root != nullptr)
     state.root->Close(state.root);
   gState = nullptr;
+  if (settings.bootMode)
+    PowerOff();
   return status;
 }

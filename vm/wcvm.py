@@ -10,11 +10,14 @@ import os
 import re
 import select
 import shutil
+import signal
 import socket
 import subprocess
 import sys
 import tempfile
+import termios
 import time
+import tty
 from dataclasses import dataclass, field
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -81,6 +84,9 @@ class VmConfig:
     shell_before: list = field(default_factory=list)  # extra shell lines before the manager
     cwd: str = ""  # the shell's current directory on fs0: when the manager runs (made if missing)
     shell_after: list = field(default_factory=list)  # shell lines after the manager, before power-off
+    image: str = ""  # boot this disk image (made by build_image) instead of the shell and startup.nsh
+    on_line: object = None  # called with each clean serial line as it arrives
+    keyboard: bool = False  # keys typed at this terminal reach the VM
 
 
 @dataclass
@@ -128,7 +134,9 @@ def _startup_script(cfg):
         if nic.policy == "dhcp":
             lines.append(f"ifconfig -s eth{index} dhcp")
     for name, guid, value in cfg.variables:
-        lines.append(f'setvar {name} -guid {guid} -bs -rt -nv =L"{value}"')
+        # An empty text is its terminator alone: the shell takes no empty L"" string.
+        data = f'=L"{value}"' if value else "=0000"
+        lines.append(f'setvar {name} -guid {guid} -bs -rt -nv {data}')
     lines += cfg.shell_before
     lines.append("fs0:")
     if cfg.cwd:
@@ -183,6 +191,114 @@ def _build_disk(cfg, work):
             subprocess.run(["mmd", "-i", disk, "::/" + "/".join(parts[:depth])], capture_output=True)
         subprocess.run(["mcopy", "-o", "-i", disk, local, "::/" + target], check=True, capture_output=True)
     return disk
+
+
+IMAGE_OFFSET = 1024 * 1024  # the FAT partition of a boot image starts 1 MiB in
+IMAGE_SIZE = 64 * 1024 * 1024
+
+
+def _fat(disk):
+    """The mtools name of a disk's FAT file system: a boot image keeps it in its partition."""
+    with open(disk, "rb") as f:
+        mbr = f.read(512)
+    if len(mbr) == 512 and mbr[510:512] == b"\x55\xaa" and mbr[0x1C2] == 0xEF:
+        return f"{disk}@@{IMAGE_OFFSET}"
+    return disk
+
+
+def build_image(path, calls, script="", files=()):
+    """A disk image for a USB stick: an MBR with one EFI system partition (FAT), the manager as
+    \\EFI\\BOOT\\BOOTX64.EFI with the module, its messages and the calls beside it."""
+    _check_tools()
+    work = tempfile.mkdtemp(prefix="wirecheck-image-")
+    try:
+        part = os.path.join(work, "part.img")
+        with open(part, "wb") as f:
+            f.truncate(IMAGE_SIZE - IMAGE_OFFSET)
+        subprocess.run(["mformat", "-i", part, "-v", "WIRECHECK", "::"], check=True, capture_output=True)
+        for d in ("::/EFI", "::/EFI/BOOT"):
+            subprocess.run(["mmd", "-i", part, d], check=True, capture_output=True)
+        content = os.path.join(work, "content")
+        os.makedirs(content)
+        shutil.copy(os.path.join(EFI_DIR, "VexRun.efi"), os.path.join(content, "BOOTX64.EFI"))
+        shutil.copy(os.path.join(EFI_DIR, "Wirecheck.efi"), content)
+        shutil.copy(os.path.join(ROOT, "support", "Wirecheck.msg.xml"), content)
+        with open(os.path.join(content, "calls.txt"), "w", newline="") as f:
+            f.write("".join(c + "\r\n" for c in calls))
+        if script:
+            with open(os.path.join(content, "script.txt"), "w", newline="") as f:
+                f.write(script)
+        subprocess.run(["mcopy", "-i", part] + [os.path.join(content, n) for n in sorted(os.listdir(content))]
+                       + ["::/EFI/BOOT/"], check=True, capture_output=True)
+        for local, target in files:
+            target = target.replace("\\", "/").lstrip("/")
+            parts = target.split("/")[:-1]
+            for depth in range(1, len(parts) + 1):
+                subprocess.run(["mmd", "-i", part, "::/" + "/".join(parts[:depth])], capture_output=True)
+            subprocess.run(["mcopy", "-o", "-i", part, local, "::/" + target], check=True, capture_output=True)
+        # The MBR: one partition of type 0xEF (EFI system) from 1 MiB to the end.
+        sectors = (IMAGE_SIZE - IMAGE_OFFSET) // 512
+        entry = bytes([0x00, 0xFE, 0xFF, 0xFF, 0xEF, 0xFE, 0xFF, 0xFF]) + \
+            (IMAGE_OFFSET // 512).to_bytes(4, "little") + sectors.to_bytes(4, "little")
+        mbr = bytearray(512)
+        mbr[0x1BE:0x1BE + 16] = entry
+        mbr[510:512] = b"\x55\xaa"
+        with open(path, "wb") as out:
+            out.write(mbr)
+            out.write(bytes(IMAGE_OFFSET - 512))
+            with open(part, "rb") as f:
+                shutil.copyfileobj(f, out)
+    finally:
+        shutil.rmtree(work, ignore_errors=True)
+
+
+def read_image_results(path):
+    """The RESULT lines of results.txt on a boot image, after it ran."""
+    done = subprocess.run(["mtype", "-i", f"{path}@@{IMAGE_OFFSET}", "::/EFI/BOOT/results.txt"],
+                          capture_output=True)
+    if done.returncode != 0:
+        return None
+    return [l for l in done.stdout.decode("utf-8", "replace").replace("\r", "").splitlines()
+            if l.startswith("RESULT ")]
+
+
+def image_main(argv):
+    """./wirecheck image FILE [--script FILE] [--file LOCAL=PATH] OPTIONS... (or -- "OPTIONS" ...)."""
+    if not argv or argv[0].startswith("-"):
+        print("usage: ./wirecheck image FILE [--script FILE] [--file LOCAL=PATH] OPTIONS... "
+              "| -- \"OPTIONS 1\" \"OPTIONS 2\" ...", file=sys.stderr)
+        return 2
+    path = argv[0]
+    try:
+        vm_args, calls = split_arguments(argv[1:])
+        parser = argparse.ArgumentParser(prog="wirecheck image")
+        parser.add_argument("--script")
+        parser.add_argument("--file", action="append", default=[])
+        parser.add_argument("--call", action="append", default=[])
+        for word in vm_args:
+            if word.startswith("--") and word.split("=")[0] not in ("--script", "--file", "--call"):
+                raise ValueError(f"{word} does not apply to a boot image (only --script, --file and --call do)")
+        args = parser.parse_args(vm_args)
+        calls = [check_paths(c) for c in args.call + calls]
+        if not calls:
+            raise ValueError("no option string (for example: ./wirecheck image stick.img -test=pingtest)")
+        files = []
+        for spec in args.file:
+            local, sep, target = spec.partition("=")
+            if not sep or not os.path.isfile(local):
+                raise ValueError(f"--file wants LOCAL=PATH with an existing local file, got '{spec}'")
+            files.append((local, target))
+        script = ""
+        if args.script:
+            with open(args.script) as f:
+                script = f.read()
+        build_image(path, calls, script, files)
+    except (ValueError, OSError, HarnessError) as e:
+        print(f"wirecheck image: {e}", file=sys.stderr)
+        return 2
+    print(f"wrote {path}: {len(calls)} call(s); copy it to a USB stick with "
+          f"'sudo dd if={path} of=/dev/sdX bs=4M conv=fsync' and boot the machine from the stick")
+    return 0
 
 
 def _qemu_command(cfg, disk, vars_copy, qmp_path):
@@ -244,6 +360,50 @@ def _qmp_links_down(qmp_path, nics, deadline):
         execute("cont")
 
 
+# What the manager prints when it waits for a key that only a person can press.
+WAITING_LINES = ("Press a key to continue, ESC to abort.", "Choose an item with its number, ESC to cancel.")
+
+
+def _question(serial):
+    """Names the question the manager waits on: the last prompt (number and text) or menu."""
+    prompt = None
+    for line in serial.splitlines():
+        m = re.match(r"PROMPT message=(\d+)", line)
+        if m:
+            prompt = f"prompt {m.group(1)}"
+        m = re.match(r"PROMPT text=(.*)", line)
+        if m and prompt:
+            prompt = f'{prompt.split(" (")[0]} ("{m.group(1).strip()}")'
+        if line.startswith("MENU "):
+            prompt = "a menu"
+    return prompt or "a question"
+
+
+class _Keyboard:
+    """The user's terminal in character mode while the VM runs; restored on every way out."""
+
+    def __init__(self):
+        self.fd = sys.stdin.fileno()
+        self.saved = termios.tcgetattr(self.fd)
+        tty.setcbreak(self.fd)  # Ctrl-C still interrupts
+        self.old_handler = signal.signal(signal.SIGTERM, self._terminate)
+
+    def _terminate(self, *_):
+        self.restore()
+        sys.exit(2)
+
+    def read(self):
+        data = os.read(self.fd, 64)
+        # Enter is a carriage return on a serial console.
+        return data.replace(b"\n", b"\r")
+
+    def restore(self):
+        if self.saved is not None:
+            termios.tcsetattr(self.fd, termios.TCSADRAIN, self.saved)
+            self.saved = None
+            signal.signal(signal.SIGTERM, self.old_handler)
+
+
 def clean_serial(raw):
     text = raw.decode("utf-8", "replace")
     return ESCAPE.sub("", text).replace("\r", "")
@@ -257,7 +417,7 @@ def run_vm(cfg):
     start = time.time()
     work = tempfile.mkdtemp(prefix="wirecheck-vm-")
     try:
-        disk = _build_disk(cfg, work)
+        disk = cfg.image or _build_disk(cfg, work)
         vars_copy = os.path.join(work, "vars.fd")
         shutil.copy(OVMF_VARS, vars_copy)
         qmp_path = os.path.join(work, "qmp.sock") if any(not n.link for n in cfg.nics) else ""
@@ -268,6 +428,9 @@ def run_vm(cfg):
         arrivals = []  # (seconds since start, length of the raw output so far)
         skipped = False
         timed_out = False
+        unanswerable = None
+        pending = b""
+        keyboard = _Keyboard() if cfg.keyboard else None
         try:
             if qmp_path:
                 _qmp_links_down(qmp_path, cfg.nics, deadline)
@@ -275,8 +438,14 @@ def run_vm(cfg):
                 if time.time() > deadline:
                     timed_out = True
                     break
-                ready, _, _ = select.select([proc.stdout], [], [], 0.2)
-                if ready:
+                sources = [proc.stdout] + ([sys.stdin] if keyboard and skipped else [])
+                ready, _, _ = select.select(sources, [], [], 0.2)
+                if sys.stdin in ready:
+                    keys = keyboard.read()
+                    if keys:
+                        proc.stdin.write(keys)
+                        proc.stdin.flush()
+                if proc.stdout in ready:
                     chunk = os.read(proc.stdout.fileno(), 65536)
                     if not chunk:
                         # The serial side closed: QEMU is on its way out after "reset -s".
@@ -287,12 +456,25 @@ def run_vm(cfg):
                         break
                     raw += chunk
                     arrivals.append((time.time() - start, len(raw)))
-                    # The shell counts down before startup.nsh; any key but ESC skips the wait.
-                    if not skipped and b"seconds to skip" in raw:
+                    # The shell counts down before startup.nsh; any key but ESC skips the wait. A
+                    # manager booted from an image waits for a key before it powers off.
+                    if not skipped and (b"seconds to skip" in raw or b"VEXRUN DONE" in raw):
                         proc.stdin.write(b" ")
                         proc.stdin.flush()
                         skipped = True
+                    pending += chunk
+                    *complete, pending = pending.split(b"\n")
+                    for line in complete:
+                        text = clean_serial(line).strip()
+                        if cfg.on_line:
+                            cfg.on_line(text)
+                        if not cfg.keyboard and not cfg.script and text in WAITING_LINES:
+                            unanswerable = _question(clean_serial(bytes(raw)))
+                    if unanswerable:
+                        break
         finally:
+            if keyboard:
+                keyboard.restore()
             if proc.poll() is None:
                 proc.kill()
             rest, err = proc.communicate()
@@ -304,12 +486,21 @@ def run_vm(cfg):
         os.makedirs(LAST_DIR)
         with open(os.path.join(LAST_DIR, "serial.log"), "w") as f:
             f.write(serial)
-        subprocess.run(["mcopy", "-s", "-n", "-i", disk, "::/", LAST_DIR + "/"], capture_output=True)
+        subprocess.run(["mcopy", "-s", "-n", "-i", _fat(disk), "::/", LAST_DIR + "/"], capture_output=True)
 
+        if unanswerable:
+            raise HarnessError(f"{unanswerable} is waiting for an answer and there is no terminal to give one; "
+                               f"answer it with --script FILE (a line 'prompt ok' or 'prompt abort', "
+                               f"'menu N' or 'menu cancel') or run from a terminal")
         if timed_out:
             raise HarnessError(f"the VM did not finish within {cfg.timeout} s (serial log in {LAST_DIR})")
         if proc.returncode != 0:
             raise HarnessError(f"QEMU failed ({proc.returncode}): {err.decode(errors='replace').strip()}")
+        if cfg.image:
+            # The manager and its files sit in the boot directory of the image.
+            boot_dir = os.path.join(LAST_DIR, "EFI", "BOOT")
+            for name in os.listdir(boot_dir) if os.path.isdir(boot_dir) else []:
+                shutil.copy(os.path.join(boot_dir, name), LAST_DIR)
         output = _read_text(os.path.join(LAST_DIR, "VexRun.out"))
         log = _read_text(os.path.join(LAST_DIR, "VexRun.log"))
         if output is None:
@@ -350,11 +541,75 @@ def _read_text(path):
         return f.read().decode("utf-8", "replace").replace("\r", "")
 
 
+VM_OPTIONS_WITH_VALUE = {"--nic", "--smbios", "--var", "--file", "--script", "--timeout", "--lang", "--call"}
+VM_FLAGS = {"--verbose", "--old-layout"}
+
+
+def split_arguments(argv):
+    """VM options, then the calls: the words of one option string, or after "--" one call a word."""
+    vm_args, rest = [], list(argv)
+    while rest and rest[0].startswith("--") and rest[0] != "--":
+        word = rest.pop(0)
+        vm_args.append(word)
+        if word.split("=")[0] in VM_OPTIONS_WITH_VALUE and "=" not in word and rest:
+            vm_args.append(rest.pop(0))
+    if rest and rest[0] == "--":
+        calls = rest[1:]
+    else:
+        calls = [" ".join(rest)] if rest else []
+    late = [w for w in rest if w.split("=")[0] in VM_OPTIONS_WITH_VALUE | VM_FLAGS]
+    if late:
+        raise ValueError(f"{late[0]} comes after the option string: VM options come first "
+                         f"(./wirecheck run [VM options] OPTIONS...)")
+    return vm_args, calls
+
+
+def check_paths(call):
+    """A VM path whose backslash the user's shell ate writes nowhere: say so; accept / for \\."""
+    fixed = []
+    for word in call.split(" "):
+        name, eq, value = word.partition("=")
+        m = re.match(r"^(fs\d+:)(.*)$", value, re.I)
+        if eq and m:
+            path = m.group(2).replace("/", "\\")
+            if path and not path.startswith("\\"):
+                raise ValueError(f"{word}: the path has no backslash after {m.group(1)} (did the shell eat it? "
+                                 f"quote the option string or write {m.group(1)}/{path})")
+            word = f"{name}={m.group(1)}{path}"
+        fixed.append(word)
+    return " ".join(fixed)
+
+
+class LivePrinter:
+    """Prints the manager's console as it arrives: the module's lines, progress and prompts, and
+    one RESULT line per call."""
+
+    def __init__(self, verbose):
+        self.verbose = verbose
+        self.inside = False
+        self.results = []
+
+    def __call__(self, line):
+        if line.startswith("VEXRUN BEGIN"):
+            self.inside = True
+            return
+        if not self.inside:
+            return
+        if line.startswith("VEXRUN END"):
+            self.inside = False
+            return
+        if RESULT_LINE.match(line):
+            self.results.append(line)
+        elif not self.verbose and line.startswith(MANAGER_LINES):
+            return
+        print(line, flush=True)
+
+
 def main(argv):
     parser = argparse.ArgumentParser(
         prog="wirecheck run",
-        description="Boot OVMF, run Wirecheck through the VexRun manager with one option string, "
-                    "print the module's output and its RESULT line.")
+        description="Boot OVMF, run Wirecheck through the VexRun manager with one option string (or, after "
+                    "--, one call per quoted string), print the module's output and a RESULT line per call.")
     parser.add_argument("--nic", action="append", default=[], metavar="MODEL[:OPT,...]",
                         help="NIC model virtio|e1000|rtl8139 with options link=off, net=none, "
                              "mac=XX:XX:XX:XX:XX:XX, policy=dhcp|static (repeatable; default one virtio)")
@@ -362,26 +617,20 @@ def main(argv):
     parser.add_argument("--var", action="append", default=[], metavar="NAME[@GUID]=TEXT")
     parser.add_argument("--file", action="append", default=[], metavar="LOCAL=PATH")
     parser.add_argument("--script", metavar="FILE", help="answers for prompts, progress and menus")
+    parser.add_argument("--call", action="append", default=[], metavar="OPTIONS",
+                        help="one manager call with this option string (repeatable)")
     parser.add_argument("--verbose", action="store_true", help="show the manager's own lines and output flags")
     parser.add_argument("--lang", default="", metavar="LANG",
                         help="the manager shows prompt texts in this language (eng, fra, deu, esp, ...)")
     parser.add_argument("--old-layout", action="store_true", help="drive the module's old protocol layout")
     parser.add_argument("--timeout", type=int, default=240)
-    parser.add_argument("options", nargs=argparse.REMAINDER, help="the module's option string")
-    # Module options begin with a single "-": everything from the first word that is not one of
-    # the VM options above belongs to the option string.
-    vm_args, rest = [], list(argv)
-    takes_value = {"--nic", "--smbios", "--var", "--file", "--script", "--timeout", "--lang"}
-    while rest and rest[0].startswith("--") and rest[0] != "--":
-        word = rest.pop(0)
-        vm_args.append(word)
-        if word in takes_value and rest:
-            vm_args.append(rest.pop(0))
-    if rest and rest[0] == "--":
-        rest.pop(0)
-    args = parser.parse_args(vm_args)
     try:
-        cfg = VmConfig(calls=[" ".join(rest)], verbose=args.verbose, old_layout=args.old_layout,
+        vm_args, calls = split_arguments(argv)
+        args = parser.parse_args(vm_args)
+        calls = [check_paths(c) for c in args.call + calls]
+        if not calls:
+            raise ValueError("no option string (for example: ./wirecheck run -test=pingtest)")
+        cfg = VmConfig(calls=calls, verbose=args.verbose, old_layout=args.old_layout,
                        timeout=args.timeout, language=args.lang)
         cfg.nics = [Nic.parse(n) for n in args.nic]
         cfg.smbios = args.smbios
@@ -397,23 +646,30 @@ def main(argv):
     except (ValueError, OSError) as e:
         print(f"wirecheck run: {e}", file=sys.stderr)
         return 2
+    printer = LivePrinter(args.verbose)
+    cfg.on_line = printer
+    cfg.keyboard = not cfg.script and sys.stdin.isatty()
     try:
         run = run_vm(cfg)
     except HarnessError as e:
         print(f"wirecheck run: {e}", file=sys.stderr)
         return 2
-    result_line = None
-    for line in run.output.splitlines():
-        if RESULT_LINE.match(line):
-            result_line = line
-        elif args.verbose or not line.startswith(MANAGER_LINES):
-            print(line)
-    if result_line is None:
-        print("wirecheck run: the manager printed no RESULT line", file=sys.stderr)
+    except KeyboardInterrupt:
+        print("wirecheck run: interrupted", file=sys.stderr)
         return 2
-    print(result_line)
-    return 0 if run.results and run.results[-1][0] == "Passed" else 1
+    if len(run.results) != len(calls):
+        print(f"wirecheck run: the manager printed {len(run.results)} RESULT line(s) for {len(calls)} call(s)",
+              file=sys.stderr)
+        return 2
+    if not printer.results:
+        # The serial console showed nothing of the manager's: print what it wrote to its file.
+        for line in run.output.splitlines():
+            if RESULT_LINE.match(line) or args.verbose or not line.startswith(MANAGER_LINES):
+                print(line)
+    return 0 if all(r[0] == "Passed" for r in run.results) else 1
 
 
 if __name__ == "__main__":
+    if sys.argv[1:2] == ["image"]:
+        sys.exit(image_main(sys.argv[2:]))
     sys.exit(main(sys.argv[1:]))

@@ -1,0 +1,101 @@
+"""The runner as a person uses it: live output, answers typed at a terminal, a clear end when nobody
+can answer, several calls in one boot, and a boot image for real machines."""
+import os
+import pty
+import select
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+from vmtest import wcvm
+
+RUNNER = [sys.executable, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "wcvm.py")]
+UNPLUGGED = ["--nic", "virtio:link=off", "-test=pingtest", "-retries=1"]
+WAITING = "Press a key to continue, ESC to abort."
+
+
+def timed_lines(proc):
+    """(seconds since start, line) of everything the runner prints, as it arrives."""
+    start, lines = time.time(), []
+    for line in proc.stdout:
+        lines.append((time.time() - start, line.rstrip("\n")))
+    return lines
+
+
+class RunnerTest(unittest.TestCase):
+    def test_a_prompt_nobody_can_answer_ends_the_run(self):
+        with subprocess.Popen(RUNNER + UNPLUGGED, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, text=True) as proc:
+            lines = timed_lines(proc)
+            err = proc.stderr.read()
+        self.assertEqual(proc.returncode, 2)
+        asked = [t for t, line in lines if line == WAITING]
+        self.assertEqual(len(asked), 1, lines)
+        self.assertIn("prompt 25", err)
+        self.assertIn("--script", err)
+        # The question reached the user while the VM ran, and the end came right after it.
+        self.assertLess(lines[-1][0] - asked[0], 30)
+
+    def test_a_key_typed_at_the_terminal_answers_the_prompt(self):
+        pid, fd = pty.fork()
+        if pid == 0:
+            os.execv(RUNNER[0], RUNNER + UNPLUGGED)
+        seen, answered, deadline = b"", 0, time.time() + 300
+        while time.time() < deadline:
+            ready, _, _ = select.select([fd], [], [], 1)
+            if not ready:
+                continue
+            try:
+                data = os.read(fd, 4096)
+            except OSError:
+                break  # the runner ended
+            if not data:
+                break
+            seen += data
+            if seen.count(WAITING.encode()) > answered:
+                answered += 1
+                os.write(fd, b"\n")  # Enter
+        _, status = os.waitpid(pid, 0)
+        os.close(fd)
+        text = seen.decode(errors="replace").replace("\r", "")
+        self.assertEqual(answered, 2, text)  # one prompt per attempt
+        self.assertEqual(text.count("PROMPT answer=ok"), 2)
+        self.assertIn("RESULT result=Failed error=0x80160107", text)
+        self.assertEqual(os.WEXITSTATUS(status), 1)
+
+    def test_several_calls_in_one_boot_arrive_live_and_in_order(self):
+        with subprocess.Popen(RUNNER + ["--", "-test=pingtest", "-version"], stdin=subprocess.DEVNULL,
+                              stdout=subprocess.PIPE, text=True) as proc:
+            lines = timed_lines(proc)
+        self.assertEqual(proc.returncode, 0)
+        results = [(t, line) for t, line in lines if line.startswith("RESULT ")]
+        self.assertEqual([line for _, line in results], ["RESULT result=Passed error=0x0 status=Success"] * 2)
+        self.assertIn("Wirecheck Version 1.01 built Jan  3 2024 16:39:14", [line for _, line in lines])
+        # Progress shows while the test runs: the first report seconds before the test's result.
+        progress = [t for t, line in lines if line.startswith("PROGRESS ")]
+        self.assertGreater(results[0][0] - progress[0], 1.0)
+        # What the user saw is what the serial console carried, in the same order.
+        with open(os.path.join(wcvm.LAST_DIR, "serial.log")) as f:
+            serial = [line.strip() for line in f]
+        position = 0
+        for _, line in lines:
+            position = serial.index(line.strip(), position) + 1
+
+    def test_boot_image_runs_its_calls_without_a_shell(self):
+        with tempfile.TemporaryDirectory() as work:
+            image = os.path.join(work, "stick.img")
+            made = subprocess.run(RUNNER + ["image", image, "--", "-test=pingtest", "-version"],
+                                  capture_output=True, text=True)
+            self.assertEqual(made.returncode, 0, made.stderr)
+            self.assertIn("dd if=", made.stdout)
+            run = wcvm.run_vm(wcvm.VmConfig(image=image))
+            self.assertNotIn("startup.nsh", run.serial)
+            self.assertEqual(wcvm.read_image_results(image),
+                             ["RESULT result=Passed error=0x0 status=Success options='-test=pingtest'",
+                              "RESULT result=Passed error=0x0 status=Success options='-version'"])
+
+
+if __name__ == "__main__":
+    unittest.main()
