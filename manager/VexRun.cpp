@@ -54,8 +54,8 @@ struct Settings {
 // Manager state reachable from the protocol operations.
 struct State {
   EFI_FILE_PROTOCOL* root = nullptr;
-  EFI_FILE_PROTOCOL* log = nullptr; // everything the manager received or said
-  EFI_FILE_PROTOCOL* out = nullptr; // exactly what it showed on the console
+  EFI_FILE_PROTOCOL* log = nullptr;     // everything the manager received or said
+  EFI_FILE_PROTOCOL* out = nullptr;     // exactly what it showed on the console
   EFI_FILE_PROTOCOL* results = nullptr; // one RESULT line per call, in boot mode
   CHAR16 dir[kPathChars] = {};
   AnswerScript* script = nullptr;
@@ -304,9 +304,8 @@ EFI_DEVICE_PATH_PROTOCOL* FileDevicePath(EFI_HANDLE device, const CHAR16* name) 
 
 bool ParseArguments(EFI_HANDLE image, Settings& s) {
   EFI_SHELL_PARAMETERS_PROTOCOL* params = nullptr;
-  if (EFI_ERROR(
-          gBS->HandleProtocol(image, &EFI_SHELL_PARAMETERS_PROTOCOL_GUID, reinterpret_cast<void**>(&params))))
-  {
+  if (EFI_ERROR(gBS->HandleProtocol(image, &EFI_SHELL_PARAMETERS_PROTOCOL_GUID,
+                                    reinterpret_cast<void**>(&params)))) {
     s.bootMode = true; // started outside the shell
     return true;
   }
