@@ -17,6 +17,7 @@
 #include "frame/Startup.h"
 #include "frame/TestModule.h"
 #include "fakes/FakeNetwork.h"
+#include "nic/NicAccess.h"
 #include "options/OptionStore.h"
 #include "report/Output.h"
 #include "report/Results.h"
@@ -44,6 +45,57 @@ TEST(TestTable, NumbersNamesAndErrorGroupsAgree) {
   EXPECT_EQ(TestAt(7), nullptr);
   EXPECT_EQ(std::u16string(kTestTable[0]->Name), u"pingtest");
   EXPECT_EQ(kTestTable[2]->RunTime, 60u);
+}
+
+// The choice of a NIC: the MAC node that ends a NIC's device path, and the handle by position or
+// by PCI device ID and position.
+TEST(NicAccess, MacNodeAndChoiceByPositionOrDeviceId) {
+  FakeFirmware fw;
+  FakeNic first{fw, 3, 0x56}, second{fw, 4, 0x57};
+  gImageHandle = kImage;
+  EFI_MAC_ADDRESS mac{};
+  ASSERT_TRUE(DevicePathMac(reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL*>(second.devicePath.data()), &mac));
+  EXPECT_EQ(mac.Addr[5], 0x57);
+  EXPECT_EQ(mac.Addr[6], 0); // the whole 32-byte field as the node holds it
+  EXPECT_FALSE(DevicePathMac(reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL*>(first.pciPath.data()), &mac));
+  UINT8 endOnly[] = {END_DEVICE_PATH_TYPE, END_ENTIRE_DEVICE_PATH_SUBTYPE, 4, 0};
+  EXPECT_EQ(LastDevicePathNode(reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL*>(endOnly)), nullptr);
+
+  wc::HandleBuffer handles;
+  ASSERT_EQ(handles.Locate(EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID), EFI_SUCCESS);
+  ASSERT_EQ(handles.Count(), 2u);
+  EFI_HANDLE nic = nullptr;
+  EXPECT_EQ(SelectNicHandle(handles, 0, 2, nullptr, &nic), EFI_SUCCESS);
+  EXPECT_EQ(nic, second.handle);
+  EXPECT_EQ(SelectNicHandle(handles, 0, 3, nullptr, &nic), EFI_NOT_FOUND);
+  EXPECT_EQ(nic, nullptr);
+
+  static FakeNic* nics[2];
+  nics[0] = &first;
+  nics[1] = &second;
+  second.config[2] = 0x68;
+  second.config[3] = 0x81;
+  auto readId = [](EFI_HANDLE handle, UINT16* id) -> EFI_STATUS {
+    for (FakeNic* n : nics)
+      if (n->handle == handle) {
+        *id = UINT16(n->config[2] | (n->config[3] << 8));
+        return EFI_SUCCESS;
+      }
+    return EFI_UNSUPPORTED;
+  };
+  EXPECT_EQ(SelectNicHandle(handles, 0x8168, 1, readId, &nic), EFI_SUCCESS);
+  EXPECT_EQ(nic, second.handle);
+  EXPECT_EQ(SelectNicHandle(handles, 0x8168, 2, readId, &nic), EFI_NOT_FOUND);
+  EXPECT_EQ(SelectNicHandle(handles, 0x1000, 1, readId, &nic), EFI_SUCCESS);
+  EXPECT_EQ(nic, first.handle);
+  fw.RemoveHandle(first.handle);
+  fw.AddProtocol(reinterpret_cast<EFI_HANDLE>(0x42), EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID, &fw);
+  ASSERT_EQ(handles.Locate(EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID), EFI_SUCCESS);
+  EXPECT_EQ(SelectNicHandle(handles, 0x9999, 1, readId, &nic),
+            EFI_UNSUPPORTED); // a reader failure ends the walk
+  gImageHandle = nullptr;
+  handles.Reset();
+  EXPECT_TRUE(fw.pool.empty());
 }
 
 // The frame on its own: percentages and seconds of each report, the retry line, the operator's

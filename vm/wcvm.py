@@ -184,13 +184,29 @@ def _build_disk(cfg, work):
     subprocess.run(["mformat", "-i", disk, "::"], check=True, capture_output=True)
     subprocess.run(["mcopy", "-s", "-i", disk] + [os.path.join(content, n) for n in sorted(os.listdir(content))]
                    + ["::"], check=True, capture_output=True)
-    for local, target in cfg.files:
+    _copy_files(disk, cfg.files)
+    return disk
+
+
+def _copy_files(fat, files):
+    """Puts each (local file, path) on a FAT file system, making the path's directories."""
+    for local, target in files:
         target = target.replace("\\", "/").lstrip("/")
         parts = target.split("/")[:-1]
         for depth in range(1, len(parts) + 1):
-            subprocess.run(["mmd", "-i", disk, "::/" + "/".join(parts[:depth])], capture_output=True)
-        subprocess.run(["mcopy", "-o", "-i", disk, local, "::/" + target], check=True, capture_output=True)
-    return disk
+            subprocess.run(["mmd", "-i", fat, "::/" + "/".join(parts[:depth])], capture_output=True)
+        subprocess.run(["mcopy", "-o", "-i", fat, local, "::/" + target], check=True, capture_output=True)
+
+
+def parse_files(specs):
+    """--file LOCAL=PATH arguments as (local file, path on the disk)."""
+    files = []
+    for spec in specs:
+        local, sep, target = spec.partition("=")
+        if not sep or not os.path.isfile(local):
+            raise ValueError(f"--file wants LOCAL=PATH with an existing local file, got '{spec}'")
+        files.append((local, target))
+    return files
 
 
 IMAGE_OFFSET = 1024 * 1024  # the FAT partition of a boot image starts 1 MiB in
@@ -230,12 +246,7 @@ def build_image(path, calls, script="", files=()):
                 f.write(script)
         subprocess.run(["mcopy", "-i", part] + [os.path.join(content, n) for n in sorted(os.listdir(content))]
                        + ["::/EFI/BOOT/"], check=True, capture_output=True)
-        for local, target in files:
-            target = target.replace("\\", "/").lstrip("/")
-            parts = target.split("/")[:-1]
-            for depth in range(1, len(parts) + 1):
-                subprocess.run(["mmd", "-i", part, "::/" + "/".join(parts[:depth])], capture_output=True)
-            subprocess.run(["mcopy", "-o", "-i", part, local, "::/" + target], check=True, capture_output=True)
+        _copy_files(part, files)
         # The MBR: one partition of type 0xEF (EFI system) from 1 MiB to the end.
         sectors = (IMAGE_SIZE - IMAGE_OFFSET) // 512
         entry = bytes([0x00, 0xFE, 0xFF, 0xFF, 0xEF, 0xFE, 0xFF, 0xFF]) + \
@@ -282,12 +293,7 @@ def image_main(argv):
         calls = [check_paths(c) for c in args.call + calls]
         if not calls:
             raise ValueError("no option string (for example: ./wirecheck image stick.img -test=pingtest)")
-        files = []
-        for spec in args.file:
-            local, sep, target = spec.partition("=")
-            if not sep or not os.path.isfile(local):
-                raise ValueError(f"--file wants LOCAL=PATH with an existing local file, got '{spec}'")
-            files.append((local, target))
+        files = parse_files(args.file)
         script = ""
         if args.script:
             with open(args.script) as f:
@@ -635,11 +641,7 @@ def main(argv):
         cfg.nics = [Nic.parse(n) for n in args.nic]
         cfg.smbios = args.smbios
         cfg.variables = [parse_var(v) for v in args.var]
-        for spec in args.file:
-            local, sep, target = spec.partition("=")
-            if not sep or not os.path.isfile(local):
-                raise ValueError(f"--file wants LOCAL=PATH with an existing local file, got '{spec}'")
-            cfg.files.append((local, target))
+        cfg.files = parse_files(args.file)
         if args.script:
             with open(args.script) as f:
                 cfg.script = f.read()
