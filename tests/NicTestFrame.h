@@ -1,0 +1,39 @@
+// What the MAC address, speed, NIC speed and IRQ tests share beyond the retry frame: their options,
+// the choice of the NIC among the managed-network handles by PCI device ID and position, and the
+// frame of attempts and repeats around one check.
+#pragma once
+#include "report/RetryFrame.h"
+#include "uefi/Base.h"
+
+struct NicTestOptions {
+  UINT64 Retries;
+  UINT64 TestRepeats;
+  UINT64 Index;
+  UINT16 DeviceId;
+  UINT64 NetworkSpeed;
+};
+
+// Reads one option with GetOptionValue; a failure is logged with the option's name.
+EFI_STATUS ReadNicTestOption(const CHAR16* Name, UINT64* Value);
+// -DeviceID: hexadecimal text, kept to 16 bits; an empty or missing text is 0 (any device).
+EFI_STATUS ReadDeviceIdOption(UINT16* DeviceId);
+
+// Finds the managed-network handles and chooses the NIC by DeviceId and Index. FALSE when the test
+// ends here: no handle (Failed, 0x80160103), no such NIC (Failed, 0x80160104), both with
+// *Status EFI_SUCCESS; or another lookup failure, whose status is in *Status (result untouched).
+bool ChooseNic(UINT16 DeviceId, UINT64 Index, EFI_HANDLE* Nic, UINTN* Result, UINTN* ErrorCode,
+               EFI_STATUS* Status);
+
+// One check of a PCI test on the chosen NIC.
+enum class CheckOutcome {
+  Passed,
+  Failed,
+  Ended, // the test ends now, with the result, error code and *Status the check set
+};
+using NicCheck = CheckOutcome (*)(EFI_HANDLE Nic, const NicTestOptions& Options, UINTN* Result,
+                                  UINTN* ErrorCode, EFI_STATUS* Status);
+
+// The NIC speed and IRQ tests: options (with -NetworkSpeed when WithSpeed), the root-bridge table,
+// then attempts of TestRepeats checks each, and the closing lines.
+EFI_STATUS RunPciNicTest(bool WithSpeed, NicCheck Check, const CHAR16* PassText, const CHAR16* FailText,
+                         UINTN FailCode, UINTN* Result, UINTN* ErrorCode);
