@@ -2,6 +2,8 @@
 #include "base/DevicePathText.h"
 #include "base/Globals.h"
 #include "base/Memory.h"
+#include "base/Print.h"
+#include "base/String.h"
 #include "nic/ServiceChildren.h"
 #include "report/Progress.h"
 #include "support/Messages.h"
@@ -44,6 +46,12 @@ BOOLEAN DevicePathMac(const EFI_DEVICE_PATH_PROTOCOL* Path, EFI_MAC_ADDRESS* Mac
   if (Mac != nullptr)
     CopyMem(Mac, reinterpret_cast<const UINT8*>(node) + 4, sizeof(EFI_MAC_ADDRESS));
   return TRUE;
+}
+
+void FormatMacText(const EFI_MAC_ADDRESS& Mac, CHAR16* Buffer, UINTN BufferSize) {
+  const UINT8* a = Mac.Addr;
+  SPrint(Buffer, BufferSize, u"%02x:%02x:%02x:%02x:%02x:%02x", a[0], a[1], a[2], a[3], a[4], a[5]);
+  StrLwrAscii(Buffer); // the print routine's hexadecimal digits are upper-case
 }
 
 EFI_STATUS SelectNicHandle(const wc::HandleBuffer& Handles, UINT16 DeviceId, UINT64 Index,

@@ -16,6 +16,10 @@ const EFI_DEVICE_PATH_PROTOCOL* LastDevicePathNode(const EFI_DEVICE_PATH_PROTOCO
 // TRUE when the path ends in a MAC-address node; its 32 address bytes are copied to Mac.
 BOOLEAN DevicePathMac(const EFI_DEVICE_PATH_PROTOCOL* Path, EFI_MAC_ADDRESS* Mac);
 
+// The first six bytes of a MAC address as "00:1a:2b:3c:4d:5e" (lower-case, zero-padded) in Buffer,
+// BufferSize bytes.
+void FormatMacText(const EFI_MAC_ADDRESS& Mac, CHAR16* Buffer, UINTN BufferSize);
+
 // Reads the PCI device ID of the function that carries a NIC handle.
 using NicDeviceIdReader = EFI_STATUS (*)(EFI_HANDLE Nic, UINT16* DeviceId);
 // With DeviceId 0, the handle at the 1-based Index; otherwise the Index-th handle whose device ID,

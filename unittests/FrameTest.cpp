@@ -183,19 +183,19 @@ TEST_F(ModuleTest, OldLayoutLogsOnlyWhenTheRunTimeCallFails) {
 TEST_F(ModuleTest, SelectionPersistsAndOptionsAreCheckedAgainstIt) {
   VEX_TEST_MODULE_PROTOCOL* p = Start();
   // Without procedures yet, every selected test takes the module's own software-error path.
-  Call c = Execute(p, u"-test=macaddresstest");
+  Call c = Execute(p, u"-test=SpeedTest");
   EXPECT_EQ(c.result, TEST_RESULT_SOFTWARE_ERROR);
   EXPECT_EQ(c.error, ERROR_CODE_SOFTWARE);
-  EXPECT_NE(Said().find("Invalid test 3\r\n"), std::string::npos);
-  EXPECT_EQ(GetSelectedTestNumber(), 3);
+  EXPECT_NE(Said().find("Invalid test 4\r\n"), std::string::npos);
+  EXPECT_EQ(GetSelectedTestNumber(), 4);
 
   c = Execute(p, u"-test=nosuch");
   EXPECT_EQ(c.result, TEST_RESULT_FAILED);
   EXPECT_NE(Said().find("Unknown test: nosuch\r\n"), std::string::npos);
-  EXPECT_EQ(GetSelectedTestNumber(), 3); // the earlier selection stays
+  EXPECT_EQ(GetSelectedTestNumber(), 4); // the earlier selection stays
 
   mgr.lines.clear();
-  c = Execute(p, u"-index=2", 77);         // no -test: test 3 runs again, whatever the parameter
+  c = Execute(p, u"-index=2", 77);         // no -test: test 4 runs again, whatever the parameter
   EXPECT_EQ(c.result, TEST_RESULT_FAILED); // test options without -test in the same string
   EXPECT_EQ(c.error, ERROR_CODE_INVALID_OPTIONS);
 
@@ -205,16 +205,16 @@ TEST_F(ModuleTest, SelectionPersistsAndOptionsAreCheckedAgainstIt) {
   EXPECT_NE(Said().find("Unsupported command line option: index \r\n"), std::string::npos);
 
   SetSelectedTestNumber(0);
-  c = Execute(p, u"-retries=2 -test=macaddresstest"); // -retries is read while pingtest is selected
+  c = Execute(p, u"-retries=2 -test=SpeedTest"); // -retries is read while pingtest is selected
   EXPECT_EQ(c.result, TEST_RESULT_SOFTWARE_ERROR);
   SetSelectedTestNumber(0);
-  c = Execute(p, u"-localping=true -test=macaddresstest"); // accepted by pingtest, unknown to the MAC test
-  EXPECT_EQ(c.result, TEST_RESULT_SOFTWARE_ERROR);         // validation only walks the MAC test's table
+  c = Execute(p, u"-localping=true -test=SpeedTest"); // accepted by pingtest, unknown to the speed test
+  EXPECT_EQ(c.result, TEST_RESULT_SOFTWARE_ERROR);    // validation only walks the speed test's table
 
   std::u16string longName = u"-test=" + std::u16string(200, u'p');
   c = Execute(p, longName);
   EXPECT_EQ(c.result, TEST_RESULT_FAILED);
-  EXPECT_EQ(GetSelectedTestNumber(), 3);
+  EXPECT_EQ(GetSelectedTestNumber(), 4);
 }
 
 TEST_F(ModuleTest, GlobalOptionsAnswerTheCall) {

@@ -17,6 +17,7 @@
 #include "frame/Dispatch.h"
 #include "frame/Startup.h"
 #include "frame/TestModule.h"
+#include "fakes/FakeFileSystem.h"
 #include "fakes/FakeNetwork.h"
 #include "nic/NicAccess.h"
 #include "nic/Pci.h"
@@ -24,12 +25,15 @@
 #include "report/Output.h"
 #include "report/Results.h"
 #include "report/RetryFrame.h"
+#include "support/DebugLog.h"
+#include "support/FileIo.h"
 #include "uefi/protocol/LoadedImage.h"
 
 namespace {
 
 EFI_HANDLE const kImage = reinterpret_cast<EFI_HANDLE>(0x1000);
 EFI_HANDLE const kManagerHandle = reinterpret_cast<EFI_HANDLE>(0x2000);
+EFI_HANDLE const kVolume = reinterpret_cast<EFI_HANDLE>(0x3000);
 
 TEST(TestTable, NumbersNamesAndErrorGroupsAgree) {
   std::set<std::u16string> names;
@@ -173,9 +177,27 @@ struct NicWorld {
   FakeNic nic{fw, 3, 0x56};
   FakeHiiRouting hii{fw};
   FakeRootBridge bridge{fw, {&nic}};
+  FakeFileSystem volume;
+  // The module's file on the volume: \Wirecheck.efi.
+  std::vector<UINT8> imagePath = {MEDIA_DEVICE_PATH, MEDIA_FILEPATH_DP, 0, 0};
+  std::vector<UINT8> volumePath = {
+      HARDWARE_DEVICE_PATH,           HW_PCI_DP, 6, 0, 0, 1, END_DEVICE_PATH_TYPE,
+      END_ENTIRE_DEVICE_PATH_SUBTYPE, 4,         0};
   VEX_TEST_MODULE_PROTOCOL* module = nullptr;
 
   NicWorld() {
+    FileIoReset();
+    DebugLogReset();
+    for (char16_t c : std::u16string(u"\\Wirecheck.efi") + u'\0') {
+      imagePath.push_back(UINT8(c));
+      imagePath.push_back(UINT8(c >> 8));
+    }
+    imagePath[2] = UINT8(imagePath.size());
+    imagePath.insert(imagePath.end(), {END_DEVICE_PATH_TYPE, END_ENTIRE_DEVICE_PATH_SUBTYPE, 4, 0});
+    image.DeviceHandle = kVolume;
+    image.FilePath = reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL*>(imagePath.data());
+    fw.AddProtocol(kVolume, EFI_SIMPLE_FILE_SYSTEM_PROTOCOL_GUID, volume.Protocol());
+    fw.AddProtocol(kVolume, EFI_DEVICE_PATH_PROTOCOL_GUID, volumePath.data());
     ResetOutputState();
     SetSelectedTestNumber(0);
     ClearParsedOptions();
@@ -197,6 +219,8 @@ struct NicWorld {
     if (module != nullptr)
       VexUnloadTestModule(kImage);
     FreePciRootBridgeTable();
+    FileIoReset();
+    DebugLogReset();
     FreeOptionWords();
     ResetOutputState();
     gManager = nullptr;
@@ -361,6 +385,46 @@ TEST(PciTestsOnFakes, IrqAndRatedSpeed) {
   }
 }
 
+TEST(MacAddressTestOnFakes, BuiltInChecksPatternsAndRetries) {
+  NicWorld w;
+  ASSERT_TRUE(w.Start());
+  auto o = w.Execute(u"-test=macaddresstest");
+  EXPECT_EQ(o.result, TEST_RESULT_PASSED) << w.Said();
+
+  std::memset(w.nic.mode.PermanentAddress.Addr, 0, 6);
+  o = w.Execute(u"-test=macaddresstest -retries=2");
+  EXPECT_EQ(o.error, 0x80160402u);
+  std::string said = w.Said();
+  EXPECT_NE(said.find("Retry 1 time(s)...\r\nRetry 2 time(s)...\r\nMAC Address test failed!\r\n"),
+            std::string::npos);
+  std::vector<UINTN> attempts;
+  for (auto& r : w.mgr.progress)
+    if (r.asked)
+      attempts.push_back(r.percent);
+  EXPECT_EQ(std::vector<UINTN>(attempts.end() - 3, attempts.end()), (std::vector<UINTN>{10, 36, 62}));
+
+  const UINT8 broadcastLike[6] = {0xFF, 0xFF, 0x12, 0x34, 0x56, 0x78};
+  std::memcpy(w.nic.mode.PermanentAddress.Addr, broadcastLike, 6);
+  EXPECT_EQ(w.Execute(u"-test=macaddresstest").error, 0x80160402u);
+  const UINT8 almost[6] = {0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+  std::memcpy(w.nic.mode.PermanentAddress.Addr, almost, 6);
+  EXPECT_EQ(w.Execute(u"-test=macaddresstest").result, TEST_RESULT_PASSED);
+
+  const UINT8 listed[6] = {0x00, 0x1A, 0x2B, 0x3C, 0x4D, 0x5E};
+  std::memcpy(w.nic.mode.PermanentAddress.Addr, listed, 6);
+  w.volume.AddFile(u"\\Network.ini", "[Other]\r\nP=.*\r\n[invalid_macpattern]\r\nA = 00:1a:2b\r\nB=\r\n");
+  EXPECT_EQ(w.Execute(u"-test=macaddresstest -verifyinvalidmacpattern=true").result, TEST_RESULT_PASSED);
+  w.volume.AddFile(u"\\bad.ini", "[Invalid_MACPattern]\r\nA=00:1A:2B:.*\r\n");
+  o = w.Execute(u"-test=macaddresstest -verifyinvalidmacpattern=true -NetworkFile=bad.ini");
+  EXPECT_EQ(o.error, 0x80160402u);
+  EXPECT_NE(w.Said().find("Verify MAC \"00:1a:2b:3c:4d:5e\" with regex \"00:1A:2B:.*\", Matched = TRUE"),
+            std::string::npos);
+  o = w.Execute(u"-test=macaddresstest -verifyinvalidmacpattern=true -NetworkFile=none.ini");
+  EXPECT_EQ(o.result, TEST_RESULT_IN_PROGRESS); // the file could not be loaded: the status says why
+  EXPECT_EQ(o.status, EFI_NOT_FOUND);
+  EXPECT_EQ(w.volume.openHandles, 0);
+}
+
 // ---- The failure sweep ----
 
 // One scenario of a test: the option string, and what to change in the world before the run.
@@ -408,6 +472,8 @@ TEST(FailureSweep, EveryAllocationAndFirmwareCallFailedInTurn) {
   const SweepScenario scenarios[] = {
       {"pingtest", u"-test=pingtest", nullptr},
       {"IRQTest", u"-test=IRQTest -DeviceID=1000", nullptr},
+      {"macaddresstest", u"-test=macaddresstest -verifyinvalidmacpattern=true",
+       [](NicWorld& w) { w.volume.AddFile(u"\\Network.ini", "[Invalid_MACPattern]\r\nA=ff:.*\r\n"); }},
       {"NicSpeedTest", u"-test=NicSpeedTest",
        [](NicWorld& w) {
          const UINT8 rtl8168[] = {0xEC, 0x10, 0x68, 0x81};
