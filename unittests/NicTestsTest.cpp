@@ -425,6 +425,47 @@ TEST(MacAddressTestOnFakes, BuiltInChecksPatternsAndRetries) {
   EXPECT_EQ(w.volume.openHandles, 0);
 }
 
+TEST(DetectCableOnFakes, FlagsForCabledNicsCountedByPermanentAddress) {
+  NicWorld w;
+  FakeNic second{w.fw, 4, 0x57}, third{w.fw, 5, 0x58};
+  ASSERT_TRUE(w.Start());
+  w.nic.link = false;
+  third.link = false;
+  second.mode.State = EfiSimpleNetworkStopped; // no driver has started it: the test does, and stops it again
+  for (const char* name : {"Network1.flg", "NETWORK.txt", "network-old", "Net1.flg"})
+    w.volume.AddFile(u"\\flags\\" + Widen(name), "old");
+  w.volume.AddDirectory(u"\\flags\\Network9.flg");
+  auto o = w.Execute(u"-test=detectcable");
+  EXPECT_EQ(o.result, TEST_RESULT_PASSED) << w.Said();
+  EXPECT_EQ(w.volume.Names(u"\\flags"),
+            (std::vector<std::u16string>{u"Net1.flg", u"Network9.flg", u"Network2.flg"}));
+  EXPECT_EQ(w.volume.Content(u"\\flags\\Network2.flg"), "");
+  EXPECT_EQ(second.mode.State, UINT32(EfiSimpleNetworkStopped));
+  EXPECT_FALSE(w.mgr.progress.front().asked);
+
+  // A second simple network on the first controller counts once; a NIC that cannot report its
+  // media gets no number, so the next one takes it.
+  w.fw.AddProtocol(reinterpret_cast<EFI_HANDLE>(0x4444), EFI_DEVICE_PATH_PROTOCOL_GUID,
+                   w.nic.devicePath.data());
+  w.fw.AddProtocol(reinterpret_cast<EFI_HANDLE>(0x4444), EFI_SIMPLE_NETWORK_PROTOCOL_GUID, &w.nic.snp.p);
+  w.nic.link = true;
+  second.mode.MediaPresentSupported = FALSE;
+  w.mgr.lines.clear();
+  o = w.Execute(u"-test=detectcable -flagfiledir=\\a\\b -flagfilename=Nic");
+  EXPECT_EQ(o.result, TEST_RESULT_PASSED);
+  EXPECT_EQ(w.volume.Names(u"\\a\\b"), (std::vector<std::u16string>{u"Nic1.flg"}));
+  std::string said = w.Said();
+  EXPECT_NE(said.find("NIC 2 Media Present Status = 0.\r\n"), std::string::npos); // the third NIC
+  EXPECT_NE(said.find("This is not a SNP for MAC layer, Status = Success.\r\n"), std::string::npos);
+  EXPECT_EQ(said.find("NIC 3 Media"), std::string::npos);
+
+  for (EFI_HANDLE h : {w.nic.handle, second.handle, third.handle, reinterpret_cast<EFI_HANDLE>(0x4444)})
+    w.fw.RemoveHandle(h);
+  o = w.Execute(u"-test=detectcable");
+  EXPECT_EQ(o.error, ERROR_CODE_NO_NIC);
+  EXPECT_EQ(w.fw.OpensBy(kImage), 0u);
+}
+
 // ---- The failure sweep ----
 
 // One scenario of a test: the option string, and what to change in the world before the run.
@@ -472,6 +513,11 @@ TEST(FailureSweep, EveryAllocationAndFirmwareCallFailedInTurn) {
   const SweepScenario scenarios[] = {
       {"pingtest", u"-test=pingtest", nullptr},
       {"IRQTest", u"-test=IRQTest -DeviceID=1000", nullptr},
+      {"detectcable", u"-test=detectcable",
+       [](NicWorld& w) {
+         w.volume.AddFile(u"\\flags\\Network7.flg");
+         w.nic.mode.State = EfiSimpleNetworkStopped;
+       }},
       {"macaddresstest", u"-test=macaddresstest -verifyinvalidmacpattern=true",
        [](NicWorld& w) { w.volume.AddFile(u"\\Network.ini", "[Invalid_MACPattern]\r\nA=ff:.*\r\n"); }},
       {"NicSpeedTest", u"-test=NicSpeedTest",

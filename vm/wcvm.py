@@ -69,7 +69,7 @@ class Nic:
 @dataclass
 class VmConfig:
     calls: list = field(default_factory=list)  # option strings, one manager call each
-    nics: list = field(default_factory=list)
+    nics: list = None  # None: one virtio NIC; [] : no NIC at all
     smbios: list = field(default_factory=list)
     variables: list = field(default_factory=list)  # (name, guid, text)
     files: list = field(default_factory=list)  # (local path, image path)
@@ -418,7 +418,7 @@ def clean_serial(raw):
 def run_vm(cfg):
     """Boots the VM once, runs every call of cfg, and returns what came back."""
     _check_tools()
-    if not cfg.nics:
+    if cfg.nics is None:
         cfg.nics = [Nic()]
     start = time.time()
     work = tempfile.mkdtemp(prefix="wirecheck-vm-")
@@ -638,7 +638,7 @@ def main(argv):
             raise ValueError("no option string (for example: ./wirecheck run -test=pingtest)")
         cfg = VmConfig(calls=calls, verbose=args.verbose, old_layout=args.old_layout,
                        timeout=args.timeout, language=args.lang)
-        cfg.nics = [Nic.parse(n) for n in args.nic]
+        cfg.nics = [Nic.parse(n) for n in args.nic] or None
         cfg.smbios = args.smbios
         cfg.variables = [parse_var(v) for v in args.var]
         cfg.files = parse_files(args.file)
