@@ -3,7 +3,14 @@
 #include <algorithm>
 #include <cstring>
 
+#include "fakes/FakeFirmware.h"
+
 namespace {
+
+// A use of the fake firmware's fault injection, when a fake firmware is there.
+bool Injected(const char* call = __builtin_FUNCTION()) {
+  return FakeFirmware::current != nullptr && FakeFirmware::current->Fail(call);
+}
 
 bool SameName(const std::u16string& a, const std::u16string& b) {
   return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char16_t x, char16_t y) {
@@ -53,6 +60,8 @@ EFI_FILE_PROTOCOL* NewHandle(FakeFileSystem* fs, std::vector<FakeNode*> chain, s
 
 EFI_STATUS EFIAPI Open(EFI_FILE_PROTOCOL* This, EFI_FILE_PROTOCOL** New, const CHAR16* Name, UINT64 Mode,
                        UINT64 Attributes) {
+  if (Injected())
+    return EFI_DEVICE_ERROR;
   FakeFile* f = Self(This);
   std::u16string path = Name;
   std::vector<FakeNode*> chain = path.starts_with(u"\\") ? std::vector<FakeNode*>{&f->fs->root} : f->chain;
@@ -94,8 +103,8 @@ EFI_STATUS EFIAPI Close(EFI_FILE_PROTOCOL* This) {
 
 EFI_STATUS EFIAPI Delete(EFI_FILE_PROTOCOL* This) {
   FakeFile* f = Self(This);
-  EFI_STATUS status = EFI_WARN_DELETE_FAILURE;
-  if (f->chain.size() > 1 && f->Node()->children.empty()) {
+  EFI_STATUS status = EFI_WARN_DELETE_FAILURE; // the handle is closed whatever happens
+  if (!Injected() && f->chain.size() > 1 && f->Node()->children.empty()) {
     auto& siblings = f->chain[f->chain.size() - 2]->children;
     std::erase_if(siblings, [&](auto& e) { return e.second.get() == f->Node(); });
     status = EFI_SUCCESS;
@@ -114,6 +123,8 @@ void FillInfo(EFI_FILE_INFO* info, const std::u16string& name, const FakeNode& n
 }
 
 EFI_STATUS EFIAPI Read(EFI_FILE_PROTOCOL* This, UINTN* Size, void* Buffer) {
+  if (Injected())
+    return EFI_DEVICE_ERROR;
   FakeFile* f = Self(This);
   FakeNode* node = f->Node();
   if (!node->directory) {
@@ -155,6 +166,8 @@ EFI_STATUS EFIAPI Read(EFI_FILE_PROTOCOL* This, UINTN* Size, void* Buffer) {
 }
 
 EFI_STATUS EFIAPI Write(EFI_FILE_PROTOCOL* This, UINTN* Size, const void* Buffer) {
+  if (Injected())
+    return EFI_DEVICE_ERROR;
   FakeFile* f = Self(This);
   FakeNode* node = f->Node();
   if (node->directory)
@@ -167,6 +180,8 @@ EFI_STATUS EFIAPI Write(EFI_FILE_PROTOCOL* This, UINTN* Size, const void* Buffer
 }
 
 EFI_STATUS EFIAPI GetPosition(EFI_FILE_PROTOCOL* This, UINT64* Position) {
+  if (Injected())
+    return EFI_DEVICE_ERROR;
   FakeFile* f = Self(This);
   if (f->Node()->directory)
     return EFI_UNSUPPORTED;
@@ -175,6 +190,8 @@ EFI_STATUS EFIAPI GetPosition(EFI_FILE_PROTOCOL* This, UINT64* Position) {
 }
 
 EFI_STATUS EFIAPI SetPosition(EFI_FILE_PROTOCOL* This, UINT64 Position) {
+  if (Injected())
+    return EFI_DEVICE_ERROR;
   FakeFile* f = Self(This);
   if (f->Node()->directory) {
     if (Position != 0)
@@ -187,6 +204,8 @@ EFI_STATUS EFIAPI SetPosition(EFI_FILE_PROTOCOL* This, UINT64 Position) {
 }
 
 EFI_STATUS EFIAPI GetInfo(EFI_FILE_PROTOCOL* This, const EFI_GUID* Type, UINTN* Size, void* Buffer) {
+  if (Injected())
+    return EFI_DEVICE_ERROR;
   FakeFile* f = Self(This);
   if (!(*Type == EFI_FILE_INFO_ID))
     return EFI_UNSUPPORTED;
@@ -226,6 +245,8 @@ EFI_FILE_PROTOCOL* NewHandle(FakeFileSystem* fs, std::vector<FakeNode*> chain, s
 }
 
 EFI_STATUS EFIAPI OpenVolume(EFI_SIMPLE_FILE_SYSTEM_PROTOCOL* This, EFI_FILE_PROTOCOL** Root) {
+  if (Injected())
+    return EFI_DEVICE_ERROR;
   auto* fs = reinterpret_cast<FakeFileSystem::Binding*>(This)->owner;
   *Root = NewHandle(fs, {&fs->root}, u"\\");
   return EFI_SUCCESS;

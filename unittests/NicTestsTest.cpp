@@ -494,12 +494,13 @@ int RunScenario(const SweepScenario& s, uint64_t failAt, uint64_t* uses) {
   w.fw.failAt = 0;
   int wrong = 0;
   if (w.fw.pool.size() != pool || w.fw.events.size() != events || w.fw.OpensBy(kImage) != opens ||
-      w.nic.LiveChildren() != 0) {
-    std::fprintf(
-        stderr,
-        "%s, failure point %llu (%s): %zd pool allocations, %zd events, %zd opens, %zu children left\n",
-        s.test, static_cast<unsigned long long>(failAt), w.fw.failedCall, w.fw.pool.size() - pool,
-        w.fw.events.size() - events, w.fw.OpensBy(kImage) - opens, size_t(w.nic.LiveChildren()));
+      w.nic.LiveChildren() != 0 || w.volume.openHandles != 0) {
+    std::fprintf(stderr,
+                 "%s, failure point %llu (%s): %zd pool allocations, %zd events, %zd opens, %zu children, %d "
+                 "files left\n",
+                 s.test, static_cast<unsigned long long>(failAt), w.fw.failedCall, w.fw.pool.size() - pool,
+                 w.fw.events.size() - events, w.fw.OpensBy(kImage) - opens, size_t(w.nic.LiveChildren()),
+                 w.volume.openHandles);
     wrong |= 1;
   }
   // A result, or (where a test leaves the result alone on a firmware failure) an error status.
