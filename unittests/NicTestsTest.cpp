@@ -328,6 +328,7 @@ TEST(Pci, RootBridgeRangesAndConfigurationReads) {
   // A bus range with a translation offset, after a descriptor of another kind.
   std::vector<UINT8> d = {0x87, 0x17, 0x00};
   d.resize(3 + 0x17, 0);
+  d.insert(d.end(), {0x47, 1, 0, 0, 0, 0, 1, 8}); // a small descriptor: (0x47 & 7) + 1 bytes
   d.insert(d.end(), {0x8A, 0x2B, 0x00, 2, 0, 0});
   for (UINT64 v : {0ull, 0x10ull, 0x1Full, 0x20ull, 0x10ull})
     for (int b = 0; b < 8; ++b)
@@ -341,6 +342,13 @@ TEST(Pci, RootBridgeRangesAndConfigurationReads) {
   EXPECT_EQ(e->BusMax[0], 0x3Fu);
   EXPECT_EQ(PciConfigRead16(0, 0, 3, 0, 0, &id), EFI_NOT_FOUND); // bus 0 is not behind this bridge
 
+  // The root bridge's own path begins every NIC's path too: the function, with more nodes, wins.
+  std::vector<UINT8> rootPath(nic.pciPath.begin(), nic.pciPath.begin() + 12);
+  rootPath.insert(rootPath.end(), {END_DEVICE_PATH_TYPE, END_ENTIRE_DEVICE_PATH_SUBTYPE, 4, 0});
+  EFI_PCI_IO_PROTOCOL rootIo{};
+  EFI_HANDLE const kRoot = reinterpret_cast<EFI_HANDLE>(0x6000);
+  fw.protocols.insert(fw.protocols.begin(), {kRoot, EFI_DEVICE_PATH_PROTOCOL_GUID, rootPath.data()});
+  fw.protocols.insert(fw.protocols.begin(), {kRoot, EFI_PCI_IO_PROTOCOL_GUID, &rootIo});
   PciLocation where{};
   gImageHandle = kImage;
   EXPECT_EQ(GetNicPciLocation(nic.handle, &where), EFI_SUCCESS);

@@ -44,6 +44,7 @@ class Nic:
     network: bool = True
     mac: str = ""
     policy: str = "dhcp"
+    bridge: bool = False  # behind a PCIe root port rather than on the root bridge's bus
 
     @staticmethod
     def parse(text):
@@ -61,8 +62,11 @@ class Nic:
                 nic.mac = value.lower()
             elif key == "policy" and value in ("dhcp", "static"):
                 nic.policy = value
+            elif key == "bridge" and not value:
+                nic.bridge = True
             else:
-                raise ValueError(f"bad NIC option '{opt}' (link=off, net=none, mac=XX:..:XX, policy=dhcp|static)")
+                raise ValueError(f"bad NIC option '{opt}' (link=off, net=none, mac=XX:..:XX, policy=dhcp|static, "
+                                 f"bridge)")
         return nic
 
 
@@ -322,6 +326,9 @@ def _qemu_command(cfg, disk, vars_copy, qmp_path):
             # A hub of its own with nothing else on it: link up, no DHCP server, no way out.
             cmd += ["-netdev", f"hubport,id={netdev},hubid={10 + index}"]
         device = f"{NIC_MODELS[nic.model]},netdev={netdev}"
+        if nic.bridge:
+            cmd += ["-device", f"pcie-root-port,id=rp{index},chassis={index + 1},slot={index + 1}"]
+            device += f",bus=rp{index}"
         if nic.model == "virtio":
             device += ",romfile="
         if nic.mac:

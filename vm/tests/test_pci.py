@@ -63,5 +63,44 @@ class PciTestsInOvmf(unittest.TestCase):
         self.assertEqual(self.result(9), ("Passed", 0))  # the rtl8139's address is not listed
 
 
+class BridgeAndTwinNics(unittest.TestCase):
+    """Two e1000s (PCI device ID 100E), the first behind a PCIe root port."""
+
+    @classmethod
+    def setUpClass(cls):
+        from wcvm import Nic
+        cls.vm = boot(["-test=IRQTest", "-test=IRQTest -index=2", "-test=NicSpeedTest",
+                       "-test=macaddresstest -DeviceID=100e -index=2 -debug", "-test=macaddresstest -DeviceID=1234",
+                       "-test=macaddresstest -verifyinvalidmacpattern=true -NetworkFile=none.ini"],
+                      nics=[Nic(model="e1000", bridge=True), Nic(model="e1000")])
+
+    def test_a_nic_behind_a_bridge_is_located_at_its_own_function(self):
+        self.assertEqual([r[:2] for r in self.vm.results[:2]], [("Passed", 0)] * 2)
+        self.assertIn("PCI Network Handle location at [00:01:00:00]", self.vm.log)  # bus 1, below the port
+        self.assertIn("PCI Network Handle location at [00:00:03:00]", self.vm.log)
+        self.assertEqual(self.vm.results[2], ("Failed", 0x800000FF, "Unsupported"))
+
+    def test_mac_test_chooses_by_device_id_and_index(self):
+        self.assertEqual(self.vm.results[3][:2], ("Passed", 0))
+        self.assertIn("52-54-0-12-34-57", self.vm.output)  # the second e1000's address was read
+        self.assertEqual(self.vm.results[4][:2], ("Failed", 0x80160104))
+        self.assertEqual(self.vm.results[5], ("InProgress", 0, "Not Found"))  # the INI file's load error
+
+
+class RepeatedCallsLeaveNoTrace(unittest.TestCase):
+    def test_twenty_calls_of_each_test_leave_the_handle_database_unchanged(self):
+        tests = ["-test=detectcable", "-test=macaddresstest -verifyinvalidmacpattern=true", "-test=IRQTest",
+                 "-test=NicSpeedTest"]
+        # The first call of each may let the firmware set something up once (the first detectcable
+        # call adds one protocol instance in OVMF); the twenty after it must leave no trace.
+        calls = tests * 21
+        vm = boot(calls, check_handles=True, timeout=600)
+        handles = [line for line in vm.output.splitlines() if line.startswith("HANDLES ")]
+        self.assertEqual(len(handles), len(calls))
+        changed = [(calls[i], line) for i, line in enumerate(handles)
+                   if i >= len(tests) and not line.startswith("HANDLES unchanged")]
+        self.assertEqual(changed, [])
+
+
 if __name__ == "__main__":
     unittest.main()
