@@ -133,11 +133,9 @@ EFI_STATUS MacAddressTest(UINTN* Result, UINTN* ErrorCode) {
   }
   RetryFrame frame(o.Retries, Result, ErrorCode);
   for (; frame.More(); frame.Next()) {
-    if (!frame.Begin())
-      return EFI_SUCCESS;
     EFI_HANDLE nic = nullptr;
     EFI_STATUS status = EFI_SUCCESS;
-    if (!ChooseNic(o.DeviceId, o.Index, &nic, Result, ErrorCode, &status))
+    if (!StartNicAttempt(frame, o.DeviceId, o.Index, &nic, Result, ErrorCode, &status))
       return status;
     EFI_MAC_ADDRESS current = {}, permanent = {};
     status = ReadMacAddresses(gImageHandle, nic, &current, &permanent);

@@ -50,6 +50,12 @@ bool ChooseNic(UINT16 DeviceId, UINT64 Index, EFI_HANDLE* Nic, UINTN* Result, UI
   return true;
 }
 
+bool StartNicAttempt(RetryFrame& Frame, UINT16 DeviceId, UINT64 Index, EFI_HANDLE* Nic, UINTN* Result,
+                     UINTN* ErrorCode, EFI_STATUS* Status) {
+  *Status = EFI_SUCCESS;
+  return Frame.Begin() && ChooseNic(DeviceId, Index, Nic, Result, ErrorCode, Status);
+}
+
 EFI_STATUS RunPciNicTest(bool WithSpeed, NicCheck Check, const CHAR16* PassText, const CHAR16* FailText,
                          UINTN FailCode, UINTN* Result, UINTN* ErrorCode) {
   RetryFrame::Open();
@@ -69,11 +75,9 @@ EFI_STATUS RunPciNicTest(bool WithSpeed, NicCheck Check, const CHAR16* PassText,
   RetryFrame frame(o.Retries, Result, ErrorCode);
   UINTN repeats = o.TestRepeats > 0 ? UINTN(o.TestRepeats) : 1;
   for (; frame.More(); frame.Next()) {
-    if (!frame.Begin())
-      return EFI_SUCCESS;
     EFI_HANDLE nic = nullptr;
     EFI_STATUS status = EFI_SUCCESS;
-    if (!ChooseNic(o.DeviceId, o.Index, &nic, Result, ErrorCode, &status))
+    if (!StartNicAttempt(frame, o.DeviceId, o.Index, &nic, Result, ErrorCode, &status))
       return status;
     if (!frame.Advance(5))
       return EFI_SUCCESS;

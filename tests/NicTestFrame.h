@@ -24,6 +24,11 @@ EFI_STATUS ReadDeviceIdOption(UINT16* DeviceId);
 bool ChooseNic(UINT16 DeviceId, UINT64 Index, EFI_HANDLE* Nic, UINTN* Result, UINTN* ErrorCode,
                EFI_STATUS* Status);
 
+// Starts the frame's current attempt and chooses its NIC. FALSE when the run ends here: the
+// operator answered at the progress report, or ChooseNic ended it; *Status is what to return.
+bool StartNicAttempt(RetryFrame& Frame, UINT16 DeviceId, UINT64 Index, EFI_HANDLE* Nic, UINTN* Result,
+                     UINTN* ErrorCode, EFI_STATUS* Status);
+
 // One check of a PCI test on the chosen NIC.
 enum class CheckOutcome {
   Passed,
