@@ -422,6 +422,9 @@ TEST(MacAddressTestOnFakes, BuiltInChecksPatternsAndRetries) {
   std::memcpy(w.nic.mode.PermanentAddress.Addr, listed, 6);
   w.volume.AddFile(u"\\Network.ini", "[Other]\r\nP=.*\r\n[invalid_macpattern]\r\nA = 00:1a:2b\r\nB=\r\n");
   EXPECT_EQ(w.Execute(u"-test=macaddresstest -verifyinvalidmacpattern=true").result, TEST_RESULT_PASSED);
+  w.volume.AddFile(u"\\other.ini", "[Other]\r\nA=.*\r\n"); // no invalid-MAC section: no pattern
+  EXPECT_EQ(w.Execute(u"-test=macaddresstest -verifyinvalidmacpattern=true -NetworkFile=other.ini").result,
+            TEST_RESULT_PASSED);
   w.volume.AddFile(u"\\bad.ini", "[Invalid_MACPattern]\r\nA=00:1A:2B:.*\r\n");
   o = w.Execute(u"-test=macaddresstest -verifyinvalidmacpattern=true -NetworkFile=bad.ini");
   EXPECT_EQ(o.error, 0x80160402u);
