@@ -2,6 +2,7 @@
 // flags first. NICs are counted by distinct permanent MAC address, so the several simple-network
 // handles the firmware shows for one controller count once.
 #include "base/Cxx.h"
+#include "nic/NicAccess.h"
 #include "base/DevicePathText.h"
 #include "base/Globals.h"
 #include "base/Memory.h"
@@ -151,14 +152,12 @@ EFI_STATUS CheckMediaPresent(EFI_HANDLE Handle, BOOLEAN* MediaPresent, BOOLEAN* 
   *MediaPresent = FALSE;
   *NewNic = FALSE;
   {
-    wc::OpenedProtocol<void> path;
-    EFI_STATUS status = OpenByHandle(Handle, EFI_DEVICE_PATH_PROTOCOL_GUID, path);
+    wc::PoolPtr<CHAR16> text;
+    EFI_STATUS status = DevicePathTextOf(Handle, text);
     if (EFI_ERROR(status)) {
       LogPrint(u"Failed Open Device Path Protocol, status = %r\r\n", status);
       return status;
     }
-    wc::PoolPtr<CHAR16> text(
-        DevicePathToText(static_cast<EFI_DEVICE_PATH_PROTOCOL*>(path.Get()), FALSE, FALSE));
     LogPrint(u"the NIC device path:%s\r\n", text.Get());
   }
   wc::OpenedProtocol<void> opened;
