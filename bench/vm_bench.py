@@ -5,7 +5,14 @@
 - pingtest against the shell: in one boot with two NICs that have no address yet (each on its own
   user network), the wall time of the shell's "ifconfig -s eth0 dhcp" plus "ping -n 1" to the
   DHCP server (until the first reply) on NIC 1, of pingtest on NIC 2, and their ratio.
+- SpeedTest's clock against the wire: one burst of 99,999 frames on a virtio NIC whose network is
+  captured; the module's first-to-last completion interval, the interval of the same frames in the
+  capture's time stamps, and their ratio (target within 10 %).
+- SpeedTest's spread: 20 calls in one boot; the lowest and highest figure and the spread between
+  them in percent of the lowest (target within 20 %).
 """
+import re
+import tempfile
 import os
 import sys
 
@@ -40,3 +47,37 @@ firmware = reply - shell_start
 print(f"BENCH pingtest_wall {module:.2f} s")
 print(f"BENCH shell_dhcp_ping_wall {firmware:.2f} s")
 print(f"BENCH pingtest_to_shell_ratio {module / firmware:.2f} x")
+
+# A burst the NIC refused frames of ends Aborted (QEMU drains its queues in its own time): up to three
+# calls in one boot, and the first whole burst is compared with its frames in the capture, which are
+# told apart by the pauses between calls.
+with tempfile.TemporaryDirectory() as work:
+    dump = os.path.join(work, "burst.pcap")
+    run = wcvm.run_vm(wcvm.VmConfig(calls=["-test=SpeedTest -NetworkSpeed=1 -PacketsCount=99999"] * 3,
+                                    nics=[wcvm.Nic(dump=dump)], timeout=1200))
+    frames = [f for f in wcvm.read_pcap(dump) if f[2][:14] == bytes(14)]
+bursts = [[]]
+for frame in frames:
+    if bursts[-1] and frame[0] - bursts[-1][-1][0] > 1.0:
+        bursts.append([])
+    bursts[-1].append(frame)
+whole = [b for b in bursts if len(b) == 99999]
+m = re.search(r"Frames: (\d+) of \d+ bytes, first to last completion (\d+) us, (\d+) frames/s", run.log)
+if not m or not whole:
+    raise SystemExit(f"vm_bench: no burst of 99,999 frames was measured whole ({[len(b) for b in bursts]})")
+module_us = int(m.group(2))
+wire_us = (whole[0][-1][0] - whole[0][0][0]) * 1e6
+print(f"BENCH speedtest_refused_bursts {len(bursts) - len(whole)} of {len(bursts)}")
+print(f"BENCH speedtest_module_interval {module_us / 1000:.1f} ms")
+print(f"BENCH speedtest_capture_interval {wire_us / 1000:.1f} ms")
+print(f"BENCH speedtest_interval_ratio {module_us / wire_us:.3f} x")
+print(f"BENCH speedtest_frames_per_second {m.group(3)} frames/s")
+
+run = wcvm.run_vm(wcvm.VmConfig(calls=["-test=SpeedTest -NetworkSpeed=1"] * 20, timeout=900))
+speeds = [int(v) for v in re.findall(r"speed is (\d+) Mbit/s", run.log)]
+if len(speeds) < 10 or min(speeds) == 0:
+    raise SystemExit(f"vm_bench: expected 20 non-zero speed figures, got {speeds}")
+print(f"BENCH speedtest_20_calls_measured {len(speeds)} of 20")
+print(f"BENCH speedtest_20_calls_min {min(speeds)} Mbit/s")
+print(f"BENCH speedtest_20_calls_max {max(speeds)} Mbit/s")
+print(f"BENCH speedtest_20_calls_spread {100 * (max(speeds) - min(speeds)) / min(speeds):.0f} %")

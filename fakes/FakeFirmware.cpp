@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "base/Globals.h"
+#include "support/Clock.h"
 
 FakeFirmware* FakeFirmware::current = nullptr;
 FakeManager* FakeManager::current = nullptr;
@@ -201,11 +202,21 @@ EFI_STATUS EFIAPI FakeProtocolsPerHandle(EFI_HANDLE handle, EFI_GUID*** guids, U
   return EFI_SUCCESS;
 }
 
+// The real-time clock follows the virtual clock from 2024-01-03 16:39:14; reading it takes a
+// millisecond, so that a loop waiting for the next second ends.
 EFI_STATUS EFIAPI FakeGetTime(EFI_TIME* time, EFI_TIME_CAPABILITIES*) {
   if (!F().clockWorks)
     return EFI_DEVICE_ERROR;
-  *time = EFI_TIME{2024, 1, 3, 16, 39, 14, 0, 0, 0, 0, 0};
+  F().Advance(F().checkStep);
+  UINT64 seconds = (16 * 60 + 39) * 60 + 14 + F().now / 10000000;
+  *time = EFI_TIME{
+      2024, 1, 3, UINT8(seconds / 3600 % 24), UINT8(seconds / 60 % 60), UINT8(seconds % 60), 0, 0, 0, 0, 0};
   return EFI_SUCCESS;
+}
+
+// The time-stamp counter runs at 1 GHz of virtual time.
+UINT64 FakeTimeStampCounter() {
+  return F().now * 100;
 }
 
 EFI_STATUS EFIAPI FakeInstallMultiple(EFI_HANDLE* handle, ...) {
@@ -337,6 +348,9 @@ EFI_STATUS EFIAPI ManagerReserved() {
 
 FakeFirmware::FakeFirmware() {
   current = this;
+  savedCounter = gReadTimeStampCounter;
+  gReadTimeStampCounter = FakeTimeStampCounter;
+  ResetTimeStampCounterFrequency();
   bs.AllocatePool = FakeAllocatePool;
   bs.FreePool = FakeFreePool;
   bs.HandleProtocol = FakeHandleProtocol;
@@ -377,6 +391,8 @@ FakeFirmware::~FakeFirmware() {
   gST = nullptr;
   gBS = nullptr;
   gRT = nullptr;
+  gReadTimeStampCounter = savedCounter;
+  ResetTimeStampCounterFrequency();
   current = nullptr;
 }
 

@@ -74,7 +74,8 @@ struct FakeFirmware {
   };
   std::vector<Installed> protocols;
   EFI_STATUS failInstallWith = EFI_SUCCESS;
-  bool clockWorks = true; // GetTime answers 2024-01-03 16:39:14 when it works
+  bool clockWorks = true; // GetTime answers 2024-01-03 16:39:14 plus the virtual time when it works
+  UINT64 (*savedCounter)() = nullptr; // the time-stamp counter reader the fake replaced
 
   struct Variable {
     std::u16string name;

@@ -44,6 +44,8 @@ std::vector<UINT8> PciPath(UINT8 device, bool end) {
 
 // ---- Service bindings ----
 
+EFI_STATUS EFIAPI MnpCancel(EFI_MANAGED_NETWORK_PROTOCOL* self, EFI_MANAGED_NETWORK_COMPLETION_TOKEN* token);
+
 EFI_STATUS EFIAPI CreateChild(EFI_SERVICE_BINDING_PROTOCOL* self, EFI_HANDLE* child) {
   if (F().Fail())
     return EFI_OUT_OF_RESOURCES;
@@ -60,6 +62,8 @@ EFI_STATUS EFIAPI DestroyChild(EFI_SERVICE_BINDING_PROTOCOL* self, EFI_HANDLE ch
   auto* b = reinterpret_cast<FakeBinding*>(self);
   if (std::erase(b->children, child) == 0)
     return EFI_INVALID_PARAMETER;
+  if (b == &b->nic->mnpBinding)
+    MnpCancel(&b->nic->mnp.p, nullptr); // a destroyed child's pending frames end aborted
   F().RemoveHandle(child);
   return EFI_SUCCESS;
 }
@@ -125,6 +129,8 @@ EFI_STATUS EFIAPI MnpConfigure(EFI_MANAGED_NETWORK_PROTOCOL* self, EFI_MANAGED_N
   NicOf(self).mnpConfigured = config != nullptr;
   return EFI_SUCCESS;
 }
+// Like the firmware's own driver, a frame is on the wire when Transmit returns: the clock moves by the
+// frame's time and the token completes (stuck frames wait for a cancel instead).
 EFI_STATUS EFIAPI MnpTransmit(EFI_MANAGED_NETWORK_PROTOCOL* self,
                               EFI_MANAGED_NETWORK_COMPLETION_TOKEN* token) {
   if (F().Fail())
@@ -134,24 +140,40 @@ EFI_STATUS EFIAPI MnpTransmit(EFI_MANAGED_NETWORK_PROTOCOL* self,
     return EFI_NOT_STARTED;
   if (token == nullptr || token->Event == nullptr || token->Packet.TxData == nullptr)
     return EFI_INVALID_PARAMETER;
-  n.txQueue.push_back(token);
+  UINTN number = n.framesSent + n.framesRefused + 1;
+  if (n.refusedFrames.count(number) != 0) {
+    ++n.framesRefused;
+    return EFI_DEVICE_ERROR;
+  }
   ++n.framesSent;
+  if (n.stuckFrames.count(number) != 0) {
+    n.txQueue.push_back(token);
+    return EFI_SUCCESS;
+  }
+  n.fw.Advance(n.frameTime);
+  token->Status = n.failedFrames.count(number) != 0 ? EFI_DEVICE_ERROR : EFI_SUCCESS;
+  if (token->Status == EFI_SUCCESS)
+    ++n.framesCompleted;
+  F().bs.SignalEvent(token->Event);
   return EFI_SUCCESS;
 }
 EFI_STATUS EFIAPI MnpCancel(EFI_MANAGED_NETWORK_PROTOCOL* self, EFI_MANAGED_NETWORK_COMPLETION_TOKEN* token) {
   FakeNic& n = NicOf(self);
-  for (auto* t : n.txQueue)
-    if (token == nullptr || t == token) {
-      t->Status = EFI_ABORTED;
-      F().bs.SignalEvent(t->Event);
+  auto cancelled = std::move(n.txQueue);
+  n.txQueue.clear();
+  for (auto* t : cancelled) {
+    if (token != nullptr && t != token) {
+      n.txQueue.push_back(t);
+      continue;
     }
-  std::erase_if(n.txQueue, [&](auto* t) { return token == nullptr || t == token; });
+    t->Status = EFI_ABORTED;
+    F().bs.SignalEvent(t->Event);
+  }
   return EFI_SUCCESS;
 }
-EFI_STATUS EFIAPI MnpPoll(EFI_MANAGED_NETWORK_PROTOCOL* self) {
+EFI_STATUS EFIAPI MnpPoll(EFI_MANAGED_NETWORK_PROTOCOL*) {
   if (F().Fail())
     return EFI_DEVICE_ERROR;
-  NicOf(self).Tick();
   return EFI_SUCCESS;
 }
 
@@ -546,7 +568,6 @@ FakeNic::FakeNic(FakeFirmware& f, UINT8 dev, UINT8 lastMacByte) : fw(f), device(
   fw.AddProtocol(handle, EFI_IP4_SERVICE_BINDING_PROTOCOL_GUID, &ip4Binding.sb);
   fw.AddProtocol(handle, EFI_DHCP4_SERVICE_BINDING_PROTOCOL_GUID, &dhcpBinding.sb);
   fw.AddProtocol(handle, EFI_IP4_CONFIG2_PROTOCOL_GUID, &config2.p);
-  fw.tickers.push_back([this] { Tick(); });
 }
 
 FakeNic::~FakeNic() {
@@ -560,17 +581,6 @@ FakeNic::~FakeNic() {
 
 UINTN FakeNic::LiveChildren() const {
   return mnpBinding.children.size() + ip4Binding.children.size() + dhcpBinding.children.size();
-}
-
-// Frames queued for transmission complete as soon as the clock moves.
-void FakeNic::Tick() {
-  auto done = std::move(txQueue);
-  txQueue.clear();
-  for (auto* token : done) {
-    token->Status = EFI_SUCCESS;
-    ++framesCompleted;
-    fw.bs.SignalEvent(token->Event);
-  }
 }
 
 FakeHiiRouting::FakeHiiRouting(FakeFirmware& fw) {

@@ -58,13 +58,18 @@ struct FakeNic {
   UINT64 replyDelay = 20000;     // 2 ms
   UINTN config2NotReady = 0;     // GetData answers EFI_NOT_READY this many times
   UINT8 config[256] = {};        // PCI configuration space
+  UINT64 frameTime = 120;        // a transmitted frame's time on the wire (12 us: 1514 bytes at 1 Gbit/s)
+  // Frames numbered from 1 by framesSent + framesRefused (reset them to count from a later point).
+  std::set<UINTN> failedFrames;  // transmitted frames that complete with an error
+  std::set<UINTN> refusedFrames; // frames whose Transmit call is refused
+  std::set<UINTN> stuckFrames;   // frames that never complete until cancelled
 
   // What the module did.
   std::vector<std::pair<UINT64, UINT16>> pingsSent; // (time, sequence)
   UINTN badChecksums = 0;                           // echo requests whose ICMP checksum is wrong
   UINTN dhcpConfigures = 0, dhcpStarts = 0, dhcpStops = 0;
-  UINTN framesSent = 0;
-  UINTN framesCompleted = 0;
+  UINTN framesSent = 0, framesRefused = 0;
+  UINTN framesCompleted = 0; // with success
   UINTN LiveChildren() const;
 
   // Protocol instances, each followed by its owner so that a call finds its NIC.
@@ -96,7 +101,6 @@ struct FakeNic {
   std::vector<std::pair<EFI_IP4_CONFIG2_DATA_TYPE, EFI_EVENT>> notifies;
 
   bool HasAddress() const { return mappedAt != ~0ull && fw.now >= mappedAt; }
-  void Tick();
 };
 
 // The HII configuration router: BlockToConfig answers the request itself, RouteConfig answers

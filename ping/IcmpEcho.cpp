@@ -6,6 +6,7 @@
 #include "nic/Dumps.h"
 #include "nic/ServiceChildren.h"
 #include "report/Output.h"
+#include "support/Clock.h"
 
 namespace {
 
@@ -47,21 +48,12 @@ void WriteLe16(UINT8* p, UINT16 v) {
   p[1] = UINT8(v >> 8);
 }
 
-// Time-stamp counter, for the round-trip times in the log.
-UINT64 ReadTsc() {
-#if defined(__x86_64__)
-  return __builtin_ia32_rdtsc();
-#else
-  return 0;
-#endif
-}
-
 UINT64 TscPerMicrosecond() {
   static constinit UINT64 perUs = 0;
   if (perUs == 0) {
-    UINT64 start = ReadTsc();
+    UINT64 start = ReadTimeStampCounter();
     gBS->Stall(10000);
-    perUs = (ReadTsc() - start) / 10000;
+    perUs = (ReadTimeStampCounter() - start) / 10000;
     if (perUs == 0)
       perUs = 1;
   }
@@ -311,7 +303,7 @@ EFI_STATUS ExecutePingProcess(EFI_HANDLE Ip4ServiceBindingHandle, const EFI_IPv4
   UINT64 sendTimes[kMaxTimedRequests] = {};
   UINT64 tscPerUs = TscPerMicrosecond();
   UINT16 sequence = 0;
-  sendTimes[0] = ReadTsc();
+  sendTimes[0] = ReadTimeStampCounter();
   status = ip4->Transmit(ip4, &txToken);
   if (EFI_ERROR(status)) {
     LogPrint(u"IP4 Protocol Transmit() error!(%r)\r\n", status);
@@ -331,7 +323,7 @@ EFI_STATUS ExecutePingProcess(EFI_HANDLE Ip4ServiceBindingHandle, const EFI_IPv4
         SetEchoSequence(request.Get(), baseSum, sequence);
         txToken.Status = EFI_ABORTED;
         if (sequence < kMaxTimedRequests)
-          sendTimes[sequence] = ReadTsc();
+          sendTimes[sequence] = ReadTimeStampCounter();
         status = ip4->Transmit(ip4, &txToken);
         if (EFI_ERROR(status)) {
           LogPrint(u"IP4 Protocol Transmit()error!(%r)\r\n", status);
@@ -341,7 +333,7 @@ EFI_STATUS ExecutePingProcess(EFI_HANDLE Ip4ServiceBindingHandle, const EFI_IPv4
       }
     }
     if (rxToken.Status == EFI_SUCCESS) {
-      UINT64 arrived = ReadTsc();
+      UINT64 arrived = ReadTimeStampCounter();
       ConsolePrint(u"Receive Packet......\r\n");
       EFI_IP4_RECEIVE_DATA* rx = rxToken.Packet.RxData;
       if (CheckEchoReply(rx, DestinationAddress, Variant)) {

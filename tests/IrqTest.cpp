@@ -39,6 +39,8 @@ extern const TestInfo kIrqTest = {u"IRQTest", u"This test verifies the NIC IRQ."
                                   kGroup};
 
 EFI_STATUS IrqTest(UINTN* Result, UINTN* ErrorCode) {
-  return RunPciNicTest(false, CheckInterruptLine, u"IRQ Test successed!\r\n", u"IRQ Test failed!\r\n",
-                       kIrqTestFailed, Result, ErrorCode);
+  static constexpr NicTestSpec kSpec = {
+      false,         false, false, CheckInterruptLine, u"IRQ Test successed!\r\n", u"IRQ Test failed!\r\n",
+      kIrqTestFailed};
+  return RunNicTest(kSpec, Result, ErrorCode);
 }

@@ -72,6 +72,12 @@ extern const TestInfo kNicSpeedTest = {
     u"NicSpeedTest", u"This test verifies the NIC speed.", kOptions, NicSpeedTest, 10, kGroup};
 
 EFI_STATUS NicSpeedTest(UINTN* Result, UINTN* ErrorCode) {
-  return RunPciNicTest(true, CheckRatedSpeed, u"Speed Test successed!\r\n", u"Speed Test failed!\r\n",
-                       kSpeedTestFailed, Result, ErrorCode);
+  static constexpr NicTestSpec kSpec = {true,
+                                        false,
+                                        false,
+                                        CheckRatedSpeed,
+                                        u"Speed Test successed!\r\n",
+                                        u"Speed Test failed!\r\n",
+                                        kSpeedTestFailed};
+  return RunNicTest(kSpec, Result, ErrorCode);
 }

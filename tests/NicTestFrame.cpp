@@ -56,8 +56,7 @@ bool StartNicAttempt(RetryFrame& Frame, UINT16 DeviceId, UINT64 Index, EFI_HANDL
   return Frame.Begin() && ChooseNic(DeviceId, Index, Nic, Result, ErrorCode, Status);
 }
 
-EFI_STATUS RunPciNicTest(bool WithSpeed, NicCheck Check, const CHAR16* PassText, const CHAR16* FailText,
-                         UINTN FailCode, UINTN* Result, UINTN* ErrorCode) {
+EFI_STATUS RunNicTest(const NicTestSpec& Spec, UINTN* Result, UINTN* ErrorCode) {
   RetryFrame::Open();
   // The root-bridge table lives for the run: whichever way it ends, nothing of it stays allocated.
   wc::ScopeGuard releaseTable([] { FreePciRootBridgeTable(); });
@@ -66,7 +65,8 @@ EFI_STATUS RunPciNicTest(bool WithSpeed, NicCheck Check, const CHAR16* PassText,
               !EFI_ERROR(ReadNicTestOption(u"-testrepeats", &o.TestRepeats)) &&
               !EFI_ERROR(ReadNicTestOption(u"-index", &o.Index)) &&
               !EFI_ERROR(ReadDeviceIdOption(&o.DeviceId)) &&
-              (!WithSpeed || !EFI_ERROR(ReadNicTestOption(u"-NetworkSpeed", &o.NetworkSpeed)));
+              (!Spec.WithSpeed || !EFI_ERROR(ReadNicTestOption(u"-NetworkSpeed", &o.NetworkSpeed))) &&
+              (!Spec.WithPackets || !EFI_ERROR(ReadNicTestOption(u"-PacketsCount", &o.PacketsCount)));
   if (!read || EFI_ERROR(BuildPciRootBridgeTable())) {
     *Result = TEST_RESULT_FAILED;
     *ErrorCode = ERROR_CODE_SOFTWARE;
@@ -77,12 +77,16 @@ EFI_STATUS RunPciNicTest(bool WithSpeed, NicCheck Check, const CHAR16* PassText,
   for (; frame.More(); frame.Next()) {
     EFI_HANDLE nic = nullptr;
     EFI_STATUS status = EFI_SUCCESS;
-    if (!StartNicAttempt(frame, o.DeviceId, o.Index, &nic, Result, ErrorCode, &status))
-      return status;
+    // Without a cable the attempt starts over and keeps its number: only the operator, through the
+    // progress report, ends a wait for a cable that never comes.
+    do {
+      if (!StartNicAttempt(frame, o.DeviceId, o.Index, &nic, Result, ErrorCode, &status))
+        return status;
+    } while (Spec.WaitsForCable && !WaitForCable(nic));
     if (!frame.Advance(5))
       return EFI_SUCCESS;
     for (UINTN r = 0; r < repeats; ++r) {
-      CheckOutcome outcome = Check(nic, o, Result, ErrorCode, &status);
+      CheckOutcome outcome = Spec.Check(nic, o, Result, ErrorCode, &status);
       if (outcome == CheckOutcome::Ended)
         return status;
       if (outcome == CheckOutcome::Failed) {
@@ -94,5 +98,5 @@ EFI_STATUS RunPciNicTest(bool WithSpeed, NicCheck Check, const CHAR16* PassText,
         return EFI_SUCCESS;
     }
   }
-  return frame.Close(PassText, FailText, FailCode);
+  return frame.Close(Spec.PassText, Spec.FailText, Spec.FailCode);
 }

@@ -11,6 +11,7 @@ struct NicTestOptions {
   UINT64 Index;
   UINT16 DeviceId;
   UINT64 NetworkSpeed;
+  UINT64 PacketsCount;
 };
 
 // Reads one option with GetOptionValue; a failure is logged with the option's name.
@@ -38,7 +39,17 @@ enum class CheckOutcome {
 using NicCheck = CheckOutcome (*)(EFI_HANDLE Nic, const NicTestOptions& Options, UINTN* Result,
                                   UINTN* ErrorCode, EFI_STATUS* Status);
 
-// The NIC speed and IRQ tests: options (with -NetworkSpeed when WithSpeed), the root-bridge table,
-// then attempts of TestRepeats checks each, and the closing lines.
-EFI_STATUS RunPciNicTest(bool WithSpeed, NicCheck Check, const CHAR16* PassText, const CHAR16* FailText,
-                         UINTN FailCode, UINTN* Result, UINTN* ErrorCode);
+// How a NIC test runs in the shared frame.
+struct NicTestSpec {
+  bool WithSpeed;     // reads -NetworkSpeed
+  bool WithPackets;   // reads -PacketsCount
+  bool WaitsForCable; // each attempt first waits for the cable, starting over while there is none
+  NicCheck Check;
+  const CHAR16* PassText;
+  const CHAR16* FailText;
+  UINTN FailCode;
+};
+
+// The speed, NIC speed and IRQ tests: options, the root-bridge table, then attempts of TestRepeats
+// checks each, and the closing lines.
+EFI_STATUS RunNicTest(const NicTestSpec& Spec, UINTN* Result, UINTN* ErrorCode);

@@ -12,6 +12,7 @@ import select
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -45,6 +46,7 @@ class Nic:
     mac: str = ""
     policy: str = "dhcp"
     bridge: bool = False  # behind a PCIe root port rather than on the root bridge's bus
+    dump: str = ""  # a pcap file that receives every frame of the NIC's network (both directions)
 
     @staticmethod
     def parse(text):
@@ -64,9 +66,11 @@ class Nic:
                 nic.policy = value
             elif key == "bridge" and not value:
                 nic.bridge = True
+            elif key == "dump" and value:
+                nic.dump = os.path.abspath(value)
             else:
                 raise ValueError(f"bad NIC option '{opt}' (link=off, net=none, mac=XX:..:XX, policy=dhcp|static, "
-                                 f"bridge)")
+                                 f"bridge, dump=FILE.pcap)")
         return nic
 
 
@@ -105,6 +109,24 @@ class VmRun:
 
     def lines(self, prefix):
         return [l for l in self.output.splitlines() if l.startswith(prefix)]
+
+
+def read_pcap(path):
+    """The frames of a capture file: (seconds, length on the wire, captured bytes) each."""
+    with open(path, "rb") as f:
+        data = f.read()
+    if len(data) < 24:
+        return []
+    magic = struct.unpack_from("<I", data)[0]
+    order = "<" if magic in (0xA1B2C3D4, 0xA1B23C4D) else ">"
+    scale = 1e-9 if magic in (0xA1B23C4D, 0x4D3CB2A1) else 1e-6
+    frames, at = [], 24
+    while at + 16 <= len(data):
+        sec, frac, caplen, wirelen = struct.unpack_from(order + "IIII", data, at)
+        at += 16
+        frames.append((sec + frac * scale, wirelen, data[at:at + caplen]))
+        at += caplen
+    return frames
 
 
 def parse_var(text):
@@ -325,6 +347,9 @@ def _qemu_command(cfg, disk, vars_copy, qmp_path):
         else:
             # A hub of its own with nothing else on it: link up, no DHCP server, no way out.
             cmd += ["-netdev", f"hubport,id={netdev},hubid={10 + index}"]
+        if nic.dump:
+            # Frame headers are enough to count and time the frames; each record keeps the length on the wire.
+            cmd += ["-object", f"filter-dump,id=dump{index},netdev={netdev},file={nic.dump},maxlen=64"]
         device = f"{NIC_MODELS[nic.model]},netdev={netdev}"
         if nic.bridge:
             cmd += ["-device", f"pcie-root-port,id=rp{index},chassis={index + 1},slot={index + 1}"]
@@ -625,7 +650,8 @@ def main(argv):
                     "--, one call per quoted string), print the module's output and a RESULT line per call.")
     parser.add_argument("--nic", action="append", default=[], metavar="MODEL[:OPT,...]",
                         help="NIC model virtio|e1000|rtl8139 with options link=off, net=none, "
-                             "mac=XX:XX:XX:XX:XX:XX, policy=dhcp|static (repeatable; default one virtio)")
+                             "mac=XX:XX:XX:XX:XX:XX, policy=dhcp|static, bridge, dump=FILE.pcap (repeatable; "
+                             "default one virtio)")
     parser.add_argument("--smbios", action="append", default=[], metavar="TYPE,FIELD=VALUE")
     parser.add_argument("--var", action="append", default=[], metavar="NAME[@GUID]=TEXT")
     parser.add_argument("--file", action="append", default=[], metavar="LOCAL=PATH")

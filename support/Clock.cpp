@@ -1,0 +1,67 @@
+#include "support/Clock.h"
+#include "base/Globals.h"
+#include "report/Output.h"
+
+namespace {
+
+UINT64 HardwareCounter() {
+#if defined(__x86_64__)
+  return __builtin_ia32_rdtsc();
+#else
+  return 0;
+#endif
+}
+
+constinit UINT64 gFrequency = 0;
+
+// Reads the real-time clock until its Second differs from Second; FALSE when a read fails.
+bool WaitForSecondChange(UINT8* Second) {
+  for (;;) {
+    EFI_TIME now = {};
+    if (EFI_ERROR(gRT->GetTime(&now, nullptr)))
+      return false;
+    if (now.Second != *Second) {
+      *Second = now.Second;
+      return true;
+    }
+  }
+}
+
+} // namespace
+
+constinit TimeStampCounterReader gReadTimeStampCounter = HardwareCounter;
+
+bool TimeStampCounterInvariant() {
+#if defined(__x86_64__)
+  UINT32 eax = 0x80000000, ebx = 0, ecx = 0, edx = 0;
+  __asm__ volatile("cpuid" : "+a"(eax), "=b"(ebx), "=c"(ecx), "=d"(edx));
+  if (eax < 0x80000007)
+    return false;
+  eax = 0x80000007;
+  __asm__ volatile("cpuid" : "+a"(eax), "=b"(ebx), "=c"(ecx), "=d"(edx));
+  return (edx & (1u << 8)) != 0;
+#else
+  return false;
+#endif
+}
+
+UINT64 TimeStampCounterFrequency() {
+  if (gFrequency != 0)
+    return gFrequency;
+  // Start from an impossible second, so that the first read counts as a change; the second change
+  // then starts the counted second and the third one ends it.
+  UINT8 second = 0xFF;
+  if (!WaitForSecondChange(&second) || !WaitForSecondChange(&second))
+    return 0;
+  UINT64 start = ReadTimeStampCounter();
+  if (!WaitForSecondChange(&second))
+    return 0;
+  gFrequency = ReadTimeStampCounter() - start;
+  LogPrint(u"Time-stamp counter: %ld ticks per second, invariant: %s\r\n", gFrequency,
+           TimeStampCounterInvariant() ? u"yes" : u"no");
+  return gFrequency;
+}
+
+void ResetTimeStampCounterFrequency() {
+  gFrequency = 0;
+}
