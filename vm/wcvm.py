@@ -23,7 +23,8 @@ from dataclasses import dataclass, field
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 EFI_DIR = os.path.join(ROOT, "build", "efi")
-LAST_DIR = os.path.join(ROOT, "build", "vm", "last")
+# Where the files of the last run land; each VM test file has its own, so that they can run at once.
+LAST_DIR = os.environ.get("WIRECHECK_VM_LAST") or os.path.join(ROOT, "build", "vm", "last")
 OVMF_CODE = "/usr/share/OVMF/OVMF_CODE_4M.fd"
 OVMF_VARS = "/usr/share/OVMF/OVMF_VARS_4M.fd"
 # Vendor GUID under which --var NAME sets a variable when no GUID is given (the module's own).
