@@ -130,6 +130,14 @@ public:
       Reset();
     return status;
   }
+  // Every handle of the handle database.
+  EFI_STATUS LocateAll() {
+    Reset();
+    EFI_STATUS status = gBS->LocateHandleBuffer(AllHandles, nullptr, nullptr, &count_, handles_.Receive());
+    if (EFI_ERROR(status) || !handles_)
+      Reset();
+    return status;
+  }
   UINTN Count() const { return count_; }
   EFI_HANDLE operator[](UINTN i) const { return handles_[i]; }
   // The handle at a 1-based position, or null when there is none.

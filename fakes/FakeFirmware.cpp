@@ -338,7 +338,7 @@ EFI_STATUS EFIAPI ManagerProgress(UINTN percent, UINTN seconds, UINTN* interrupt
 }
 EFI_STATUS EFIAPI ManagerPrompt(UINTN id, CHAR16*) {
   FakeManager::current->prompts.push_back(id);
-  return EFI_SUCCESS;
+  return FakeManager::current->abortPrompts.count(id) != 0 ? EFI_ABORTED : EFI_SUCCESS;
 }
 EFI_STATUS EFIAPI ManagerReserved() {
   return EFI_UNSUPPORTED;

@@ -10,6 +10,7 @@
 #pragma once
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -127,8 +128,9 @@ struct FakeManager {
     bool asked; // the module passed a place for the answer
   };
   std::vector<Report> progress;
-  std::vector<UINTN> answers; // interrupt values given at the progress reports that ask, in order
-  std::vector<UINTN> prompts; // message numbers prompted
+  std::vector<UINTN> answers;   // interrupt values given at the progress reports that ask, in order
+  std::vector<UINTN> prompts;   // message numbers prompted
+  std::set<UINTN> abortPrompts; // prompts the operator aborts
   std::u16string AllText() const;
   std::u16string ConsoleText() const; // lines marked for the console or as errors
   static FakeManager* current;

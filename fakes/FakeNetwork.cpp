@@ -7,9 +7,6 @@
 
 namespace {
 
-constexpr EFI_GUID kDriverBindingGuid = {
-    0x18A031AB, 0xB443, 0x4D1A, {0xA5, 0xC0, 0x0C, 0x09, 0x26, 0x1E, 0x9F, 0x71}};
-
 FakeFirmware& F() {
   return *FakeFirmware::current;
 }
@@ -383,7 +380,8 @@ EFI_STATUS EFIAPI Config2SetData(EFI_IP4_CONFIG2_PROTOCOL* self, EFI_IP4_CONFIG2
   for (auto& [t, event] : n.notifies)
     if (t == type)
       F().bs.SignalEvent(event);
-  return EFI_SUCCESS;
+  ++n.policySets;
+  return n.setDataNotReady ? EFI_NOT_READY : EFI_SUCCESS;
 }
 EFI_STATUS EFIAPI Config2Register(EFI_IP4_CONFIG2_PROTOCOL* self, EFI_IP4_CONFIG2_DATA_TYPE type,
                                   EFI_EVENT event) {
@@ -598,7 +596,7 @@ FakeDriver::FakeDriver(FakeFirmware& fw, FakeNic& nic, const char16_t* text)
   name2 = {{nullptr, ControllerName, kRfc4646}, this};
   name1 = {{nullptr, ControllerName, kIso639}, this};
   static int bindingInstance = 0;
-  fw.AddProtocol(handle, kDriverBindingGuid, &bindingInstance);
+  fw.AddProtocol(handle, EFI_DRIVER_BINDING_PROTOCOL_GUID, &bindingInstance);
   fw.AddProtocol(handle, EFI_COMPONENT_NAME2_PROTOCOL_GUID, &name2.p);
   fw.AddProtocol(handle, EFI_COMPONENT_NAME_PROTOCOL_GUID, &name1.p);
   // The driver manages the PCI function and created the MAC-layer child on it.

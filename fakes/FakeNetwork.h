@@ -57,6 +57,7 @@ struct FakeNic {
   std::set<UINT16> unanswered;   // echo requests with these sequence numbers get no reply
   UINT64 replyDelay = 20000;     // 2 ms
   UINTN config2NotReady = 0;     // GetData answers EFI_NOT_READY this many times
+  bool setDataNotReady = false;  // SetData takes the policy but answers EFI_NOT_READY (applied later)
   UINT8 config[256] = {};        // PCI configuration space
   UINT64 frameTime = 120;        // a transmitted frame's time on the wire (12 us: 1514 bytes at 1 Gbit/s)
   // Frames numbered from 1 by framesSent + framesRefused (reset them to count from a later point).
@@ -68,6 +69,7 @@ struct FakeNic {
   std::vector<std::pair<UINT64, UINT16>> pingsSent; // (time, sequence)
   UINTN badChecksums = 0;                           // echo requests whose ICMP checksum is wrong
   UINTN dhcpConfigures = 0, dhcpStarts = 0, dhcpStops = 0;
+  UINTN policySets = 0; // SetData calls for the policy
   UINTN framesSent = 0, framesRefused = 0;
   UINTN framesCompleted = 0; // with success
   UINTN LiveChildren() const;

@@ -76,7 +76,10 @@ BOOLEAN ParseAnswerScript(CHAR16* Text, AnswerScript* Script, UINTN* BadLine) {
       a.Value = StriEq(arg, u"cancel") ? 2 : StriEq(arg, u"fail") ? 3 : 0;
     } else if (StriEq(line, u"menu")) {
       a.Kind = AnswerKind::Menu;
-      ok = ParseSigned(arg, &a.Value);
+      if (StriEq(arg, u"cancel"))
+        a.Value = -1;
+      else
+        ok = ParseSigned(arg, &a.Value) && a.Value >= 1;
     } else {
       ok = false;
     }

@@ -8,12 +8,13 @@
 CHAR16* NextLine(CHAR16** Cursor);
 
 // Scripted answers, consumed in order per kind. Lines read "prompt ok|abort", "progress
-// none|cancel|fail", "menu <value>"; blank lines and lines starting with "#" are skipped.
+// none|cancel|fail", "menu <n>|cancel" (the n-th item, from 1, or the cancel entry); blank lines
+// and lines starting with "#" are skipped.
 enum class AnswerKind : UINT8 { Prompt, Progress, Menu };
 
 struct Answer {
   AnswerKind Kind;
-  INT64 Value; // prompt: 0 ok, 1 abort; progress: interrupt value; menu: item value
+  INT64 Value; // prompt: 0 ok, 1 abort; progress: interrupt value; menu: item position, -1 cancel
 };
 
 constexpr UINTN kMaxAnswers = 256;

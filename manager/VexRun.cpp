@@ -9,11 +9,14 @@
 //   UNLOAD status=<status> protocols=<removed|still-installed>
 //
 // Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-old] [-v] [-r] [-hdb] [-lang LANG] [-msg ID]
-// ["OPTION STRING" ...] -r loads and unloads the module around every call, so each call starts from a fresh
-// image. -lang LANG shows the texts of prompts (and of -msg ID) in that language of the message file. -hdb
-// compares the handle database before and after every execute call and prints a line
+// [-ui both|console|none] ["OPTION STRING" ...] -r loads and unloads the module around every call, so each
+// call starts from a fresh image. -lang LANG shows the texts of prompts (and of -msg ID) in that language of
+// the message file. -hdb compares the handle database before and after every execute call and prints a line
 //   HANDLES unchanged|CHANGED handles=<before>/<after> protocols=<b>/<a> opens=<b>/<a>
 //   (opens: those whose agent is the module)
+// -ui chooses the menu protocols installed for the module (graphics and console library by default).
+// A menu prints MENU title=, MENU text=, MENU item=<n> and MENU cancel= lines and MENU answer=<n> or
+// MENU answer=cancel; the answer comes from a script line "menu <n>|cancel" or the keyboard.
 #include "base/DevicePathText.h"
 #include "base/Globals.h"
 #include "base/Memory.h"
@@ -40,6 +43,8 @@ struct Settings {
   bool verbose = false;
   bool reload = false; // load and unload the module around every call
   bool checkHandles = false;
+  bool graphicsMenu = true;               // install the graphics library protocol
+  bool consoleMenu = true;                // install the console library protocol
   CHAR8 language[8] = "eng";              // for the texts of prompts and -msg
   const CHAR16* messages[kMaxCalls] = {}; // -msg ID arguments
   UINTN messageCount = 0;
@@ -204,6 +209,75 @@ EFI_STATUS EFIAPI ManagerReserved() {
   return EFI_UNSUPPORTED;
 }
 
+// The operator's choice on the keyboard: digits and Enter pick an item, ESC the cancel entry.
+INT64 ReadMenuChoice(UINTN items) {
+  Say(u"Choose an item with its number, ESC to cancel.\r\n");
+  for (;;) {
+    INT64 value = 0;
+    for (;;) {
+      EFI_INPUT_KEY key = WaitForKey();
+      if (key.ScanCode == SCAN_ESC)
+        return -1;
+      if (key.UnicodeChar >= u'0' && key.UnicodeChar <= u'9' && value < 1000)
+        value = value * 10 + (key.UnicodeChar - u'0');
+      else if (key.UnicodeChar == u'\r')
+        break;
+    }
+    if (value >= 1 && UINTN(value) <= items)
+      return value;
+    Say(u"MENU no item %d; choose 1 to %d, ESC to cancel.\r\n", value, items);
+  }
+}
+
+// The menu operation of both library protocols: shows everything it is given and hands back the
+// value of the chosen item, or that of the cancel entry (all ones).
+EFI_STATUS EFIAPI ManagerMenu(const CHAR16* Title, UINTN, VEX_MENU_TEXT_LINE** Lines, VEX_MENU_ITEM** Items,
+                              VEX_MENU_SETTINGS*, UINT16, UINT64* Selection, UINT8, UINT8, UINT8, UINT64) {
+  if (Items == nullptr || Selection == nullptr)
+    return EFI_INVALID_PARAMETER;
+  Say(u"MENU title=%s\r\n", Title != nullptr ? Title : u"");
+  for (VEX_MENU_TEXT_LINE** l = Lines; l != nullptr && *l != nullptr; ++l)
+    if ((*l)->Text != nullptr && (*l)->Text[0] != 0)
+      Say(u"MENU text=%s\r\n", (*l)->Text);
+  UINTN choices = 0;
+  const VEX_MENU_ITEM* cancel = nullptr;
+  for (VEX_MENU_ITEM** i = Items; *i != nullptr; ++i) {
+    const CHAR16* text = (*i)->Text != nullptr ? (*i)->Text : u"";
+    if ((*i)->Value == ~0ull) {
+      cancel = *i;
+      Say(u"MENU cancel=%s\r\n", text);
+    } else {
+      Say(u"MENU item=%d %s\r\n", ++choices, text);
+    }
+  }
+  INT64 choice = -1;
+  if (gState->script != nullptr) {
+    const Answer* a = TakeAnswer(gState->script, AnswerKind::Menu);
+    if (a == nullptr)
+      Say(u"MENU the script has no answer left: cancel\r\n");
+    else if (a->Value > INT64(choices))
+      Say(u"MENU the script's item %d is not there: cancel\r\n", a->Value);
+    else
+      choice = a->Value;
+  } else {
+    choice = ReadMenuChoice(choices);
+  }
+  *Selection = ~0ull;
+  if (choice >= 1) {
+    UINTN seen = 0;
+    for (VEX_MENU_ITEM** i = Items; *i != nullptr; ++i)
+      if ((*i)->Value != ~0ull && ++seen == UINTN(choice))
+        *Selection = (*i)->Value;
+    Say(u"MENU answer=%d\r\n", choice);
+  } else {
+    Say(u"MENU answer=cancel%s\r\n", cancel == nullptr ? u" (no cancel entry)" : u"");
+  }
+  return EFI_SUCCESS;
+}
+
+constinit VEX_GRAPHICS_LIB_PROTOCOL gGraphicsLib = {{}, ManagerMenu};
+constinit VEX_CONSOLE_LIB_PROTOCOL gConsoleLib = {{}, ManagerMenu};
+
 constinit VEX_MANAGER_PROTOCOL gManagerProtocol = {ManagerProgress, ManagerReserved, ManagerOutput,
                                                    ManagerReserved, ManagerPrompt};
 
@@ -326,6 +400,12 @@ bool ParseArguments(EFI_HANDLE image, Settings& s) {
       s.reload = true;
     } else if (StriEq(arg, u"-hdb")) {
       s.checkHandles = true;
+    } else if (StriEq(arg, u"-ui") && hasNext) {
+      const CHAR16* ui = params->Argv[++i];
+      if (!StriEq(ui, u"both") && !StriEq(ui, u"console") && !StriEq(ui, u"none"))
+        return false;
+      s.graphicsMenu = StriEq(ui, u"both");
+      s.consoleMenu = !StriEq(ui, u"none");
     } else if (StriEq(arg, u"-lang") && hasNext) {
       UnicodeToAscii(s.language, sizeof(s.language), params->Argv[++i]);
     } else if (StriEq(arg, u"-msg") && hasNext && s.messageCount < kMaxCalls) {
@@ -495,7 +575,9 @@ EFI_STATUS RunSession(EFI_HANDLE image, EFI_DEVICE_PATH_PROTOCOL* modulePath, co
 
 EFI_STATUS Run(EFI_HANDLE image, Settings& settings) {
   if (!ParseArguments(image, settings)) {
-    Say(u"Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-old] [-v] [-r] [-hdb] [\"OPTION STRING\" "
+    Say(u"Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-old] [-v] [-r] [-hdb] [-ui "
+        u"both|console|none] "
+        u"[\"OPTION STRING\" "
         u"...]\r\n");
     return EFI_INVALID_PARAMETER;
   }
@@ -577,6 +659,23 @@ EFI_STATUS Run(EFI_HANDLE image, Settings& settings) {
   }
   wc::ScopeGuard uninstall(
       [&] { gBS->UninstallProtocolInterface(managerHandle, &VEX_MANAGER_PROTOCOL_GUID, &gManagerProtocol); });
+  // The menu protocols live on the manager's handle, each only when asked for.
+  struct {
+    bool wanted;
+    const EFI_GUID* guid;
+    void* iface;
+  } menus[] = {{settings.graphicsMenu, &VEX_GRAPHICS_LIB_PROTOCOL_GUID, &gGraphicsLib},
+               {settings.consoleMenu, &VEX_CONSOLE_LIB_PROTOCOL_GUID, &gConsoleLib}};
+  for (auto& m : menus) {
+    if (m.wanted &&
+        EFI_ERROR(gBS->InstallProtocolInterface(&managerHandle, m.guid, EFI_NATIVE_INTERFACE, m.iface)))
+      m.wanted = false;
+  }
+  wc::ScopeGuard uninstallMenus([&] {
+    for (auto& m : menus)
+      if (m.wanted)
+        gBS->UninstallProtocolInterface(managerHandle, m.guid, m.iface);
+  });
 
   wc::PoolPtr<EFI_DEVICE_PATH_PROTOCOL> modulePath(FileDevicePath(self->DeviceHandle, settings.module));
   if (!settings.reload)

@@ -68,6 +68,10 @@ EFI_STATUS IsOpenedByChild(EFI_HANDLE ControllerHandle, EFI_HANDLE ChildHandle, 
 }
 
 EFI_STATUS FindConfigAccessHandle(EFI_HANDLE ServiceHandle, EFI_HANDLE* DriverHandle) {
+  return FindHiiChildHandle(ServiceHandle, EFI_NIC_IP4_CONFIG_VARIABLE_GUID, DriverHandle);
+}
+
+EFI_STATUS FindHiiChildHandle(EFI_HANDLE ServiceHandle, const EFI_GUID& Vendor, EFI_HANDLE* DriverHandle) {
   wc::PoolPtr<EFI_HANDLE> handles;
   UINTN count = 0;
   EFI_STATUS status = gBS->LocateHandleBuffer(ByProtocol, &EFI_HII_CONFIG_ACCESS_PROTOCOL_GUID, nullptr,
@@ -94,7 +98,7 @@ EFI_STATUS FindConfigAccessHandle(EFI_HANDLE ServiceHandle, EFI_HANDLE* DriverHa
           DevicePathNodeLength(node) >= 20) {
         EFI_GUID vendor;
         CopyMem(&vendor, reinterpret_cast<const UINT8*>(node) + 4, sizeof(vendor));
-        if (vendor == EFI_NIC_IP4_CONFIG_VARIABLE_GUID) {
+        if (vendor == Vendor) {
           *DriverHandle = handles[i];
           return EFI_SUCCESS;
         }

@@ -7,6 +7,7 @@
 #include "nic/ServiceChildren.h"
 #include "report/Output.h"
 #include "support/Clock.h"
+#include "support/Platform.h"
 
 namespace {
 
@@ -365,4 +366,15 @@ EFI_STATUS ExecutePingProcess(EFI_HANDLE Ip4ServiceBindingHandle, const EFI_IPv4
     }
   }
   return status;
+}
+
+void DecideCurrentPlatform(PingVariant Variant) {
+  constexpr UINT32 kCurrentUefi = 0x2001E;        // 2.30
+  constexpr UINT32 kCurrentUefiFamily1 = 0x2000A; // 2.10, on platform family 1
+  UINT32 revision = gST->Hdr.Revision;
+  UINTN family = GetPlatformFamilyId();
+  BOOLEAN current = revision >= kCurrentUefi || (revision >= kCurrentUefiFamily1 && family == 1);
+  if (!current)
+    LogPrint(u"Old UEFI 0x%x platform, family id 0x%x\r\n", revision, family);
+  SetCurrentPlatform(Variant, current);
 }

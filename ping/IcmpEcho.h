@@ -17,6 +17,9 @@ EFI_STATUS ExecutePingProcess(EFI_HANDLE Ip4ServiceBindingHandle, const EFI_IPv4
 // The current-platform flag of each variant (1 until its test sets it).
 void SetCurrentPlatform(PingVariant Variant, BOOLEAN Current);
 BOOLEAN IsCurrentPlatform(PingVariant Variant);
+// Sets a variant's flag from the firmware: UEFI 2.30 or later, or 2.10 or later on platform family
+// 1; an older platform is logged.
+void DecideCurrentPlatform(PingVariant Variant);
 
 // Echo request building: the Internet checksum of the request with sequence 0 is kept as a sum,
 // and each later request's checksum is derived from it and the new sequence number.

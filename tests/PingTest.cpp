@@ -11,7 +11,6 @@
 #include "report/Output.h"
 #include "report/Progress.h"
 #include "report/Results.h"
-#include "support/Platform.h"
 
 EFI_STATUS PingTest(UINTN* Result, UINTN* ErrorCode);
 
@@ -43,9 +42,6 @@ constexpr UINTN kPingKindUnsupported = kGroup + 0x05; // -dhcpping false or -loc
 constexpr UINTN kDhcpRefused = kGroup + 0x06; // another DHCP client active, or no address to ping from
 constexpr UINTN kNoCable = kGroup + 0x07;
 static_assert(ERROR_CODE_NO_NIC == kGroup + 0x03 && ERROR_CODE_NIC_NOT_FOUND == kGroup + 0x04);
-
-constexpr UINT32 kCurrentUefi = 0x2001E;        // 2.30
-constexpr UINT32 kCurrentUefiFamily1 = 0x2000A; // 2.10, on platform family 1
 
 struct PingOptions {
   UINT64 result;
@@ -270,12 +266,7 @@ EFI_STATUS PingTest(UINTN* Result, UINTN* ErrorCode) {
   if (o.indexGiven && o.devicePathGiven)
     return finish(TEST_RESULT_FAILED, ERROR_CODE_INVALID_OPTIONS);
 
-  UINT32 revision = gST->Hdr.Revision;
-  UINTN family = GetPlatformFamilyId();
-  BOOLEAN current = revision >= kCurrentUefi || (revision >= kCurrentUefiFamily1 && family == 1);
-  if (!current)
-    LogPrint(u"Old UEFI 0x%x platform, family id 0x%x\r\n", revision, family);
-  SetCurrentPlatform(PingVariant::PingTest, current);
+  DecideCurrentPlatform(PingVariant::PingTest);
 
   if (!ProgressStep(o))
     return finish(o.result, o.errorCode);

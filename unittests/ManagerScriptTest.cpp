@@ -11,7 +11,7 @@ namespace {
 
 TEST(ManagerFiles, LinesAndScriptedAnswers) {
   FakeFirmware fw;
-  std::u16string text = u"# answers\r\nprompt ok\nprogress cancel\n\nmenu 2\r\nprompt abort  \nmenu -1";
+  std::u16string text = u"# answers\r\nprompt ok\nprogress cancel\n\nmenu 2\r\nprompt abort  \nmenu Cancel";
   AnswerScript script{};
   UINTN bad = 0;
   ASSERT_TRUE(ParseAnswerScript(text.data(), &script, &bad));
@@ -26,6 +26,8 @@ TEST(ManagerFiles, LinesAndScriptedAnswers) {
   std::u16string wrong = u"prompt ok\nprogress later\n";
   EXPECT_FALSE(ParseAnswerScript(wrong.data(), &script, &bad));
   EXPECT_EQ(bad, 2u);
+  std::u16string zero = u"menu 0"; // items count from 1
+  EXPECT_FALSE(ParseAnswerScript(zero.data(), &script, &bad));
   std::u16string unknown = u"dance 1";
   EXPECT_FALSE(ParseAnswerScript(unknown.data(), &script, &bad));
   EXPECT_EQ(bad, 1u);

@@ -60,8 +60,8 @@ struct MessagesTest : ::testing::Test {
 TEST_F(MessagesTest, ShippedFileLanguagesAndEnglishFallback) {
   vol.AddFile(u"\\tools\\Wirecheck.msg.xml", Shipped());
   EXPECT_EQ(Text("fra", 100), u"Sélectionnez la carte réseau à tester");
-  EXPECT_EQ(Text("deu", 102), u"Test abbrechen");
-  EXPECT_EQ(Text("esp", 103), u"No se ha encontrado ningún adaptador de red en este sistema.");
+  EXPECT_EQ(Text("deu", 103), u"Test abbrechen");
+  EXPECT_EQ(Text("esp", 101), u"No se ha encontrado ningún adaptador de red en este sistema.");
   EXPECT_EQ(Text("ita", 100), u"Select the network adapter to test"); // no Italian block: English
   EXPECT_EQ(Text("eng", 25).substr(0, 24), u"Connect a network cable ");
   for (const char* language : {"eng", "fra", "deu", "esp"})

@@ -7,6 +7,8 @@
 
 #include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <functional>
 #include <memory>
 #include <set>
@@ -19,6 +21,7 @@
 #include "frame/TestModule.h"
 #include "fakes/FakeFileSystem.h"
 #include "fakes/FakeNetwork.h"
+#include "nic/Inventory.h"
 #include "nic/NicAccess.h"
 #include "nic/Pci.h"
 #include "options/OptionStore.h"
@@ -596,6 +599,204 @@ TEST(SpeedTestOnFakes, WithoutCableItPromptsEachCycleUntilTheOperatorAnswers) {
   EXPECT_EQ(w.Said().find("Retry"), std::string::npos); // the attempt never advanced
 }
 
+// The shipped message file beside the module, for the menu's and prompts' texts.
+void AddMessageFile(NicWorld& w) {
+  std::ifstream f(std::string(SOURCE_DIR) + "/support/Wirecheck.msg.xml", std::ios::binary);
+  w.volume.AddFile(u"\\Wirecheck.msg.xml", std::string(std::istreambuf_iterator<char>(f), {}));
+}
+
+size_t Count(const std::string& text, const std::string& what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+    ++n;
+  return n;
+}
+
+TEST(InteractiveOnFakes, GatewayPathDhcpPathAndThePolicySwitch) {
+  NicWorld w;
+  FakeMenus menus{w.fw, true, true};
+  ASSERT_TRUE(w.Start());
+  // The default route has no gateway: the DHCP path, then three pings to the DHCP server.
+  auto o = w.Execute(u"-test=interactivenetworktest");
+  EXPECT_EQ(o.result, TEST_RESULT_PASSED) << w.Said();
+  std::string said = w.Said();
+  EXPECT_NE(said.find("Selected NIC Device: 52:54:00:12:34:56\r\n"), std::string::npos);
+  EXPECT_NE(said.find("Network not configured correctly, starting configure with DHCP...\r\n"),
+            std::string::npos);
+  EXPECT_NE(said.find("Remote IP Address: 10.0.2.2\r\n"), std::string::npos);
+  EXPECT_EQ(w.nic.dhcpStarts, 1u);
+  EXPECT_TRUE(menus.shown.empty()); // one NIC: no menu
+
+  // A static configuration whose gateway answers: no DHCP, the policy stays.
+  w.nic.policy = Ip4Config2PolicyStatic;
+  w.nic.gateway = {{10, 0, 2, 2}};
+  w.mgr.lines.clear();
+  o = w.Execute(u"-test=interactivenetworktest");
+  EXPECT_EQ(o.result, TEST_RESULT_PASSED);
+  EXPECT_NE(w.Said().find("Network is configured correctly.\r\n"), std::string::npos);
+  EXPECT_EQ(w.nic.dhcpStarts, 1u);
+  EXPECT_EQ(w.nic.policy, Ip4Config2PolicyStatic);
+
+  // A silent gateway: the NICs go to DHCP; a driver that applies the policy later is waited for
+  // through a notification that is gone afterwards.
+  w.nic.gateway = {{10, 0, 2, 9}};
+  w.nic.setDataNotReady = true;
+  w.mgr.lines.clear();
+  o = w.Execute(u"-test=interactivenetworktest");
+  EXPECT_EQ(o.result, TEST_RESULT_PASSED);
+  EXPECT_NE(w.Said().find("Failed to try to ping gateway ip!(Time out)\r\n"), std::string::npos) << w.Said();
+  EXPECT_EQ(w.nic.policy, Ip4Config2PolicyDhcp);
+  EXPECT_EQ(w.nic.policySets, 1u);
+  EXPECT_TRUE(w.nic.notifies.empty());
+  EXPECT_EQ(w.fw.OpensBy(kImage), 0u);
+  EXPECT_EQ(w.nic.LiveChildren(), 0u);
+}
+
+TEST(InteractiveOnFakes, CableChecksPromptsAndTheFailurePrompt) {
+  NicWorld w;
+  FakeMenus menus{w.fw, true, true};
+  ASSERT_TRUE(w.Start());
+  w.nic.link = false;
+  auto o = w.Execute(u"-test=interactivenetworktest");
+  EXPECT_EQ(o.result, TEST_RESULT_WARNING);
+  EXPECT_EQ(o.error, 0x80160301u);
+  EXPECT_EQ(w.mgr.prompts, (std::vector<UINTN>{104, 105}));
+
+  w.mgr.prompts.clear();
+  w.mgr.abortPrompts = {104};
+  o = w.Execute(u"-test=interactivenetworktest");
+  EXPECT_EQ(o.result, TEST_RESULT_CANCELLED);
+  EXPECT_EQ(o.error, ERROR_CODE_OPERATOR_ABORT);
+
+  // A NIC that cannot report its link counts as cabled; when DHCP never binds, the failure prompt
+  // says so. Three attempts of five tries with -retries=2.
+  w.mgr.prompts.clear();
+  w.mgr.abortPrompts.clear();
+  w.nic.mode.MediaPresentSupported = FALSE;
+  w.nic.dhcpTimeouts = 1000;
+  size_t starts = w.nic.dhcpStarts;
+  w.mgr.lines.clear();
+  o = w.Execute(u"-test=interactivenetworktest -retries=2");
+  EXPECT_EQ(o.result, TEST_RESULT_FAILED);
+  EXPECT_EQ(o.error, 0x80160302u);
+  EXPECT_EQ(w.mgr.prompts, (std::vector<UINTN>{107}));
+  EXPECT_EQ(w.nic.dhcpStarts - starts, 15u);
+  EXPECT_EQ(Count(w.Said(), "Retrying"), 2u);
+}
+
+TEST(InteractiveOnFakes, MenuNamesCancelAndTheTenNicLimit) {
+  NicWorld w;
+  FakeNic second{w.fw, 4, 0x57};
+  FakeDriver driver{w.fw, w.nic, u"Virtio Network Card"};
+  FakeMenus menus{w.fw, false, true}; // the console menu alone
+  AddMessageFile(w);
+  ASSERT_TRUE(w.Start());
+  menus.answer = 1;
+  auto o = w.Execute(u"-test=interactivenetworktest");
+  EXPECT_EQ(o.result, TEST_RESULT_PASSED) << w.Said();
+  EXPECT_NE(w.Said().find("Selected NIC Device: 52:54:00:12:34:57\r\n"), std::string::npos);
+  EXPECT_NE(w.Said().find("Failed Locating GraphicsLibProtocol!\r\n"), std::string::npos);
+  ASSERT_EQ(menus.shown.size(), 9u); // title, five text lines, two NICs, cancel
+  EXPECT_EQ(menus.shown[0], u"Select the network adapter to test");
+  EXPECT_EQ(menus.shown[6], u"Virtio Network Card"); // named by its driver
+  EXPECT_EQ(menus.shown[7], u"NIC2: 52:54:00:12:34:57");
+  EXPECT_EQ(menus.shown[8], u"Cancel the test");
+
+  menus.answer = -1;
+  menus.shown.clear();
+  o = w.Execute(u"-test=interactivenetworktest -Lang=fra");
+  EXPECT_EQ(o.result, TEST_RESULT_CANCELLED);
+  EXPECT_EQ(o.error, ERROR_CODE_OPERATOR_ABORT);
+  EXPECT_EQ(menus.shown[0], u"Sélectionnez la carte réseau à tester");
+
+  std::vector<std::unique_ptr<FakeNic>> more;
+  for (UINT8 d = 5; d < 14; ++d)
+    more.push_back(std::make_unique<FakeNic>(w.fw, d, UINT8(0x60 + d)));
+  menus.answer = 9;
+  menus.shown.clear();
+  w.mgr.lines.clear();
+  o = w.Execute(u"-test=interactivenetworktest");
+  EXPECT_EQ(o.result, TEST_RESULT_PASSED);
+  EXPECT_EQ(menus.shown.size(), 17u); // ten NICs, then the cancel entry
+  EXPECT_EQ(menus.shown[16], u"Cancel the test");
+  EXPECT_EQ(Count(w.Said(), "NIC devices are more than max supported(10)!\r\n"), 1u);
+}
+
+TEST(InteractiveOnFakes, NoNicAndNoMenuProtocol) {
+  NicWorld w;
+  ASSERT_TRUE(w.Start());
+  auto o = w.Execute(u"-test=interactivenetworktest"); // no menu protocol at all
+  EXPECT_EQ(o.result, TEST_RESULT_FAILED);
+  EXPECT_EQ(o.error, ERROR_CODE_SOFTWARE);
+  EXPECT_NE(w.Said().find("Failed Locating ConsoleLibProtocol!\r\n"), std::string::npos);
+
+  FakeMenus menus{w.fw, true, false};
+  w.fw.RemoveHandle(w.nic.handle);
+  o = w.Execute(u"-test=interactivenetworktest");
+  EXPECT_EQ(o.error, ERROR_CODE_NO_NIC);
+  EXPECT_EQ(w.mgr.prompts, (std::vector<UINTN>{101}));
+}
+
+TEST(InteractiveOnFakes, MediaCheckPutsTheNicBackAsItFoundIt) {
+  FakeFirmware fw;
+  FakeNic nic{fw, 3, 0x56};
+  NicInfo info = {};
+  info.NicHandle = nic.handle;
+  UINT8 present = 7;
+  nic.mode.State = EfiSimpleNetworkStopped; // nobody had started it: left stopped
+  EXPECT_EQ(CheckNicMedia(&info, &present), EFI_SUCCESS);
+  EXPECT_EQ(present, 1);
+  EXPECT_EQ(nic.mode.State, EfiSimpleNetworkStopped);
+  nic.mode.State = EfiSimpleNetworkStarted; // started, not initialized: Start refuses
+  EXPECT_EQ(CheckNicMedia(&info, &present), EFI_ALREADY_STARTED);
+  nic.mode.State = EfiSimpleNetworkInitialized; // running: read, left running
+  nic.link = false;
+  EXPECT_EQ(CheckNicMedia(&info, &present), EFI_SUCCESS);
+  EXPECT_EQ(present, 0);
+  EXPECT_EQ(nic.mode.State, EfiSimpleNetworkInitialized);
+  nic.mode.MediaPresentSupported = FALSE;
+  present = 7;
+  EXPECT_EQ(CheckNicMedia(&info, &present), EFI_UNSUPPORTED);
+  EXPECT_EQ(present, 7);
+  EXPECT_TRUE(fw.opens.empty());
+}
+
+// The controller-name walk over a handle database of two drivers: one manages the PCI function and
+// made the NIC's handle; the other also holds the function but made nothing on it.
+TEST(InteractiveOnFakes, ControllerNameFollowsParentDriverAndChild) {
+  FakeFirmware fw;
+  FakeNic nic{fw, 3, 0x56};
+  FakeDriver driver{fw, nic, u"Named NIC"};
+  EFI_HANDLE other = reinterpret_cast<EFI_HANDLE>(0x7E5000);
+  static int binding = 0;
+  fw.AddProtocol(other, EFI_DRIVER_BINDING_PROTOCOL_GUID, &binding);
+  fw.RecordOpen(nic.pciHandle, EFI_PCI_IO_PROTOCOL_GUID, other, nic.pciHandle, EFI_OPEN_PROTOCOL_BY_DRIVER);
+
+  EFI_HANDLE* found = nullptr;
+  UINTN count = 0;
+  ASSERT_EQ(FindRelatedHandles(nullptr, nic.handle, HANDLE_PARENT, &found, &count), EFI_SUCCESS);
+  EXPECT_EQ(std::vector<EFI_HANDLE>(found, found + count), std::vector<EFI_HANDLE>{nic.pciHandle});
+  fw.bs.FreePool(found);
+  ASSERT_EQ(FindRelatedHandles(nullptr, nic.pciHandle, HANDLE_DRIVER_BINDING | HANDLE_DEVICE_DRIVER, &found,
+                               &count),
+            EFI_SUCCESS);
+  EXPECT_EQ(count, 2u);
+  fw.bs.FreePool(found);
+  EXPECT_EQ(FindRelatedHandles(other, nic.pciHandle, HANDLE_CHILD, &found, &count), EFI_NOT_FOUND);
+  ASSERT_EQ(FindRelatedHandles(driver.handle, nic.pciHandle, HANDLE_CHILD | HANDLE_DEVICE, &found, &count),
+            EFI_SUCCESS);
+  EXPECT_EQ(std::vector<EFI_HANDLE>(found, found + count), std::vector<EFI_HANDLE>{nic.handle});
+  fw.bs.FreePool(found);
+
+  CHAR16* name = nullptr;
+  EXPECT_EQ(GetControllerName(nic.handle, "fra", &name), EFI_SUCCESS);
+  ASSERT_NE(name, nullptr);
+  EXPECT_EQ(std::u16string(name), u"Named NIC");
+  EXPECT_EQ(GetControllerName(nic.pciHandle, "eng", &name), EFI_NOT_FOUND); // no parent
+  EXPECT_EQ(name, nullptr);
+  EXPECT_TRUE(fw.pool.empty());
+}
+
 // ---- The failure sweep ----
 
 // One scenario of a test: the option string, and what to change in the world before the run.
@@ -603,6 +804,7 @@ struct SweepScenario {
   const char* test;
   std::u16string options;
   std::function<void(NicWorld&)> setUp;
+  uint64_t shards = 1; // parts that run side by side (the long sweeps)
 };
 
 // Runs the scenario with use number failAt failing (0: none). Returns a bit set of what went
@@ -640,8 +842,8 @@ int RunScenario(const SweepScenario& s, uint64_t failAt, uint64_t* uses) {
   return wrong;
 }
 
-TEST(FailureSweep, EveryAllocationAndFirmwareCallFailedInTurn) {
-  const SweepScenario scenarios[] = {
+const std::vector<SweepScenario>& Scenarios() {
+  static const std::vector<SweepScenario> scenarios = {
       {"pingtest", u"-test=pingtest", nullptr},
       {"IRQTest", u"-test=IRQTest -DeviceID=1000", nullptr},
       {"detectcable", u"-test=detectcable",
@@ -651,60 +853,104 @@ TEST(FailureSweep, EveryAllocationAndFirmwareCallFailedInTurn) {
        }},
       {"macaddresstest", u"-test=macaddresstest -verifyinvalidmacpattern=true",
        [](NicWorld& w) { w.volume.AddFile(u"\\Network.ini", "[Invalid_MACPattern]\r\nA=ff:.*\r\n"); }},
-      {"SpeedTest", u"-test=SpeedTest -PacketsCount=1000", nullptr},
+      {"SpeedTest", u"-test=SpeedTest -PacketsCount=1000", nullptr, 4},
+      // The DHCP path with a policy switch the driver applies later (a silent gateway would add a
+      // two-second wait's worth of polls, the same calls over and over).
+      {"interactivenetworktest", u"-test=interactivenetworktest",
+       [](NicWorld& w) {
+         static std::unique_ptr<FakeMenus> menus;
+         menus = std::make_unique<FakeMenus>(w.fw, true, true);
+         w.nic.policy = Ip4Config2PolicyStatic;
+         w.nic.setDataNotReady = true;
+       },
+       2},
       {"NicSpeedTest", u"-test=NicSpeedTest",
        [](NicWorld& w) {
          const UINT8 rtl8168[] = {0xEC, 0x10, 0x68, 0x81};
          std::memcpy(w.nic.config, rtl8168, sizeof(rtl8168));
        }},
   };
-  for (const auto& s : scenarios) {
-    RunScenario(s, 0, nullptr); // settles what a first run measures once per image
-    uint64_t points = 0;
-    ASSERT_EQ(RunScenario(s, 0, &points), 0) << s.test << " fails without any fault";
-    ASSERT_GT(points, 0u);
-    unsigned crashes = 0, leaks = 0, undefined = 0;
-    // The points run in turn in a child process, which reports each finding through a pipe; a
-    // sanitizer report or a signal ends the child, and a new one goes on after the point it died on.
-    for (uint64_t n = 1; n <= points;) {
-      int pipeFds[2];
-      ASSERT_EQ(pipe(pipeFds), 0);
-      std::fflush(nullptr);
-      pid_t child = fork();
-      ASSERT_GE(child, 0);
-      if (child == 0) {
-        close(pipeFds[0]);
-        for (uint64_t m = n; m <= points; ++m) {
-          char wrong = char(RunScenario(s, m, nullptr));
-          if (write(pipeFds[1], &wrong, 1) != 1)
-            _exit(1);
-        }
-        _exit(0);
-      }
-      close(pipeFds[1]);
-      char wrong = 0;
-      for (; read(pipeFds[0], &wrong, 1) == 1; ++n) {
-        if (wrong & 1) {
-          ++leaks;
-          ADD_FAILURE() << s.test << ": failure point " << n << " left something behind";
-        }
-        if (wrong & 2) {
-          ++undefined;
-          ADD_FAILURE() << s.test << ": failure point " << n << " gave no defined result";
-        }
-      }
+  return scenarios;
+}
+
+// One sweep: a scenario's failure points, or every Shards-th of them from Shard on (a long sweep is
+// split so that its parts run side by side).
+struct SweepPart {
+  size_t Scenario;
+  uint64_t Shard, Shards;
+};
+
+class FailureSweep : public testing::TestWithParam<SweepPart> {};
+
+TEST_P(FailureSweep, EveryAllocationAndFirmwareCallFailedInTurn) {
+  const SweepPart part = GetParam();
+  const SweepScenario& s = Scenarios()[part.Scenario];
+  RunScenario(s, 0, nullptr); // settles what a first run measures once per image
+  uint64_t points = 0;
+  ASSERT_EQ(RunScenario(s, 0, &points), 0) << s.test << " fails without any fault";
+  ASSERT_GT(points, 0u);
+  std::vector<uint64_t> mine;
+  for (uint64_t n = 1 + part.Shard; n <= points; n += part.Shards)
+    mine.push_back(n);
+  unsigned crashes = 0, leaks = 0, undefined = 0;
+  // The points run in turn in a child process, which reports each finding through a pipe; a
+  // sanitizer report or a signal ends the child, and a new one goes on after the point it died on.
+  for (size_t next = 0; next < mine.size();) {
+    int pipeFds[2];
+    ASSERT_EQ(pipe(pipeFds), 0);
+    std::fflush(nullptr);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
       close(pipeFds[0]);
-      int status = 0;
-      waitpid(child, &status, 0);
-      if (n <= points) {
-        ++crashes;
-        ADD_FAILURE() << s.test << ": failure point " << n << " crashed";
-        ++n;
+      for (size_t i = next; i < mine.size(); ++i) {
+        char wrong = char(RunScenario(s, mine[i], nullptr));
+        if (write(pipeFds[1], &wrong, 1) != 1)
+          _exit(1);
+      }
+      _exit(0);
+    }
+    close(pipeFds[1]);
+    char wrong = 0;
+    for (; read(pipeFds[0], &wrong, 1) == 1; ++next) {
+      if (wrong & 1) {
+        ++leaks;
+        ADD_FAILURE() << s.test << ": failure point " << mine[next] << " left something behind";
+      }
+      if (wrong & 2) {
+        ++undefined;
+        ADD_FAILURE() << s.test << ": failure point " << mine[next] << " gave no defined result";
       }
     }
-    std::printf("SWEEP %s points=%llu crashes=%u leaks=%u\n", s.test, static_cast<unsigned long long>(points),
-                crashes, leaks);
+    close(pipeFds[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (next < mine.size()) {
+      ++crashes;
+      ADD_FAILURE() << s.test << ": failure point " << mine[next] << " crashed";
+      ++next;
+    }
   }
+  std::string name = s.test;
+  if (part.Shards > 1)
+    name += "[" + std::to_string(part.Shard + 1) + "/" + std::to_string(part.Shards) + "]";
+  std::printf("SWEEP %s points=%zu crashes=%u leaks=%u\n", name.c_str(), mine.size(), crashes, leaks);
 }
+
+std::vector<SweepPart> SweepParts() {
+  std::vector<SweepPart> parts;
+  for (size_t i = 0; i < Scenarios().size(); ++i) {
+    uint64_t shards = Scenarios()[i].shards;
+    for (uint64_t k = 0; k < shards; ++k)
+      parts.push_back({i, k, shards});
+  }
+  return parts;
+}
+
+INSTANTIATE_TEST_SUITE_P(Tests, FailureSweep, testing::ValuesIn(SweepParts()),
+                         [](const testing::TestParamInfo<SweepPart>& info) {
+                           return std::string(Scenarios()[info.param.Scenario].test) +
+                                  (info.param.Shards > 1 ? "_" + std::to_string(info.param.Shard + 1) : "");
+                         });
 
 } // namespace

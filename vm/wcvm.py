@@ -48,6 +48,9 @@ class Nic:
     policy: str = "dhcp"
     bridge: bool = False  # behind a PCIe root port rather than on the root bridge's bus
     dump: str = ""  # a pcap file that receives every frame of the NIC's network (both directions)
+    ip: str = ""  # a static IPv4 configuration set in the firmware before the manager starts: "A.B.C.D/len"
+    gateway: str = ""  # its default gateway
+    plug: int = 0  # plug the cable in (raise the link) when the manager shows this prompt number
 
     @staticmethod
     def parse(text):
@@ -69,9 +72,18 @@ class Nic:
                 nic.bridge = True
             elif key == "dump" and value:
                 nic.dump = os.path.abspath(value)
+            elif key == "ip" and re.fullmatch(r"(\d{1,3}\.){3}\d{1,3}/\d{1,2}", value):
+                nic.ip = value
+                nic.policy = "static"
+            elif key == "gw" and re.fullmatch(r"(\d{1,3}\.){3}\d{1,3}", value):
+                nic.gateway = value
+            elif key == "plug" and value.isdigit():
+                nic.plug = int(value)
             else:
                 raise ValueError(f"bad NIC option '{opt}' (link=off, net=none, mac=XX:..:XX, policy=dhcp|static, "
-                                 f"bridge, dump=FILE.pcap)")
+                                 f"bridge, dump=FILE.pcap, ip=A.B.C.D/LEN, gw=A.B.C.D, plug=PROMPT)")
+        if nic.gateway and not nic.ip:
+            raise ValueError("gw= needs ip=A.B.C.D/LEN")
         return nic
 
 
@@ -96,6 +108,7 @@ class VmConfig:
     image: str = ""  # boot this disk image (made by build_image) instead of the shell and startup.nsh
     on_line: object = None  # called with each clean serial line as it arrives
     keyboard: bool = False  # keys typed at this terminal reach the VM
+    ui: str = "both"  # the menu protocols the manager installs: both, console or none
 
 
 @dataclass
@@ -158,7 +171,12 @@ def _check_tools():
 def _startup_script(cfg):
     lines = ["@echo -off", "connect -r"]
     for index, nic in enumerate(cfg.nics):
-        if nic.policy == "dhcp":
+        if nic.ip:
+            address, length = nic.ip.split("/")
+            bits = (0xFFFFFFFF << (32 - int(length))) & 0xFFFFFFFF
+            mask = ".".join(str(bits >> shift & 0xFF) for shift in (24, 16, 8, 0))
+            lines.append(f"ifconfig -s eth{index} static {address} {mask} {nic.gateway or '0.0.0.0'}")
+        elif nic.policy == "dhcp":
             lines.append(f"ifconfig -s eth{index} dhcp")
     for name, guid, value in cfg.variables:
         # An empty text is its terminator alone: the shell takes no empty L"" string.
@@ -181,6 +199,8 @@ def _startup_script(cfg):
         args += " -hdb"
     if cfg.language:
         args += f" -lang {cfg.language}"
+    if cfg.ui != "both":
+        args += f" -ui {cfg.ui}"
     for message in cfg.messages:
         args += f" -msg {int(message)}"
     lines.append(f"fs0:\\VexRun.efi {args}")
@@ -367,36 +387,53 @@ def _qemu_command(cfg, disk, vars_copy, qmp_path):
     return cmd
 
 
-def _qmp_links_down(qmp_path, nics, deadline):
-    """Unplugs the cables of the NICs started with link=off, then lets the VM run."""
-    while not os.path.exists(qmp_path):
-        if time.time() > deadline:
-            raise HarnessError("QEMU did not open its QMP socket")
-        time.sleep(0.05)
-    with socket.socket(socket.AF_UNIX) as s:
-        s.connect(qmp_path)
-        f = s.makefile("rw")
-        f.readline()  # greeting
+class _Qmp:
+    """QEMU's monitor: unplugs the cables of the NICs started with link=off before the VM runs, and
+    plugs a NIC's cable in when the manager shows the prompt the NIC waits for."""
 
-        def execute(command, arguments=None):
-            import json
-            msg = {"execute": command}
-            if arguments:
-                msg["arguments"] = arguments
-            f.write(json.dumps(msg) + "\n")
-            f.flush()
-            while True:
-                reply = json.loads(f.readline())
-                if "return" in reply:
-                    return
-                if "error" in reply:
-                    raise HarnessError(f"QMP {command}: {reply['error']}")
-
-        execute("qmp_capabilities")
+    def __init__(self, path, nics, deadline):
+        import json
+        self.json = json
+        while not os.path.exists(path):
+            if time.time() > deadline:
+                raise HarnessError("QEMU did not open its QMP socket")
+            time.sleep(0.05)
+        self.socket = socket.socket(socket.AF_UNIX)
+        self.socket.connect(path)
+        self.file = self.socket.makefile("rw")
+        self.file.readline()  # greeting
+        self.nics = nics
+        self.execute("qmp_capabilities")
         for index, nic in enumerate(nics):
             if not nic.link:
-                execute("set_link", {"name": f"n{index}", "up": False})
-        execute("cont")
+                self.execute("set_link", {"name": f"n{index}", "up": False})
+        self.execute("cont")
+
+    def execute(self, command, arguments=None):
+        msg = {"execute": command}
+        if arguments:
+            msg["arguments"] = arguments
+        self.file.write(self.json.dumps(msg) + "\n")
+        self.file.flush()
+        while True:
+            reply = self.json.loads(self.file.readline())
+            if "return" in reply:
+                return
+            if "error" in reply:
+                raise HarnessError(f"QMP {command}: {reply['error']}")
+
+    def on_line(self, line):
+        m = re.match(r"PROMPT message=(\d+)", line)
+        if not m:
+            return
+        for index, nic in enumerate(self.nics):
+            if nic.plug == int(m.group(1)):
+                self.execute("set_link", {"name": f"n{index}", "up": True})
+                nic.plug = 0  # once
+
+    def close(self):
+        self.file.close()
+        self.socket.close()
 
 
 # What the manager prints when it waits for a key that only a person can press.
@@ -459,7 +496,7 @@ def run_vm(cfg):
         disk = cfg.image or _build_disk(cfg, work)
         vars_copy = os.path.join(work, "vars.fd")
         shutil.copy(OVMF_VARS, vars_copy)
-        qmp_path = os.path.join(work, "qmp.sock") if any(not n.link for n in cfg.nics) else ""
+        qmp_path = os.path.join(work, "qmp.sock") if any(not n.link or n.plug for n in cfg.nics) else ""
         proc = subprocess.Popen(_qemu_command(cfg, disk, vars_copy, qmp_path), stdin=subprocess.PIPE,
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         deadline = start + cfg.timeout
@@ -470,9 +507,10 @@ def run_vm(cfg):
         unanswerable = None
         pending = b""
         keyboard = _Keyboard() if cfg.keyboard else None
+        qmp = None
         try:
             if qmp_path:
-                _qmp_links_down(qmp_path, cfg.nics, deadline)
+                qmp = _Qmp(qmp_path, cfg.nics, deadline)
             while proc.poll() is None:
                 if time.time() > deadline:
                     timed_out = True
@@ -505,6 +543,8 @@ def run_vm(cfg):
                     *complete, pending = pending.split(b"\n")
                     for line in complete:
                         text = clean_serial(line).strip()
+                        if qmp:
+                            qmp.on_line(text)
                         if cfg.on_line:
                             cfg.on_line(text)
                         if not cfg.keyboard and not cfg.script and text in WAITING_LINES:
@@ -512,6 +552,8 @@ def run_vm(cfg):
                     if unanswerable:
                         break
         finally:
+            if qmp:
+                qmp.close()
             if keyboard:
                 keyboard.restore()
             if proc.poll() is None:
@@ -651,8 +693,9 @@ def main(argv):
                     "--, one call per quoted string), print the module's output and a RESULT line per call.")
     parser.add_argument("--nic", action="append", default=[], metavar="MODEL[:OPT,...]",
                         help="NIC model virtio|e1000|rtl8139 with options link=off, net=none, "
-                             "mac=XX:XX:XX:XX:XX:XX, policy=dhcp|static, bridge, dump=FILE.pcap (repeatable; "
-                             "default one virtio)")
+                             "mac=XX:XX:XX:XX:XX:XX, policy=dhcp|static, bridge, dump=FILE.pcap, "
+                             "ip=A.B.C.D/LEN and gw=A.B.C.D (a static IPv4 configuration), plug=PROMPT (plug the "
+                             "cable in when that prompt shows; with link=off) (repeatable; default one virtio)")
     parser.add_argument("--smbios", action="append", default=[], metavar="TYPE,FIELD=VALUE")
     parser.add_argument("--var", action="append", default=[], metavar="NAME[@GUID]=TEXT")
     parser.add_argument("--file", action="append", default=[], metavar="LOCAL=PATH")
@@ -663,6 +706,8 @@ def main(argv):
     parser.add_argument("--lang", default="", metavar="LANG",
                         help="the manager shows prompt texts in this language (eng, fra, deu, esp, ...)")
     parser.add_argument("--old-layout", action="store_true", help="drive the module's old protocol layout")
+    parser.add_argument("--ui", choices=("both", "console", "none"), default="both",
+                        help="the menu protocols VexRun installs for the module (default both)")
     parser.add_argument("--timeout", type=int, default=240)
     try:
         vm_args, calls = split_arguments(argv)
@@ -671,7 +716,7 @@ def main(argv):
         if not calls:
             raise ValueError("no option string (for example: ./wirecheck run -test=pingtest)")
         cfg = VmConfig(calls=calls, verbose=args.verbose, old_layout=args.old_layout,
-                       timeout=args.timeout, language=args.lang)
+                       timeout=args.timeout, language=args.lang, ui=args.ui)
         cfg.nics = [Nic.parse(n) for n in args.nic] or None
         cfg.smbios = args.smbios
         cfg.variables = [parse_var(v) for v in args.var]

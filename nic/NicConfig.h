@@ -1,0 +1,15 @@
+// The NICs' IPv4 configuration through the firmware's IPv4 configuration 2 protocol: reading one
+// NIC's interface information (address, mask, route table) and switching every NIC to DHCP.
+#pragma once
+#include "nic/Inventory.h"
+
+// Stores the interface information whose hardware address is the NIC's in Nic->Ip4Config2InterfaceInfo
+// (the record owns it). No match is not an error: the field stays null.
+EFI_STATUS GetNicConfig(NicInfo* Nic);
+
+// Switches every NIC whose policy is not DHCP to DHCP, waiting out a driver that applies it later.
+EFI_STATUS SetNicConfig();
+
+// The gateway of the default route (subnet and mask 0.0.0.0) in the interface information;
+// 0.0.0.0 when there is none.
+EFI_IPv4_ADDRESS DefaultGateway(const EFI_IP4_CONFIG2_INTERFACE_INFO* Info);
