@@ -50,23 +50,23 @@ class FilesAndIdentity(unittest.TestCase):
         self.assertIn("RESULT result=Passed error=0x0 status=Success", blocks["-catalog=here.xml"])
 
 
-class MessageFile(unittest.TestCase):
-    def test_messages_in_french_and_english_for_a_missing_language(self):
-        french = boot(["-version"], language="fra", messages=[100, 25])
+class MessageFileAndLogPath(unittest.TestCase):
+    """One boot in French with the log path variable set, one in a language the file lacks."""
+
+    def test_messages_in_french_and_the_log_path_variable(self):
+        french = boot(["-version"], language="fra", messages=[100, 25],
+                      variables=[("DEBUGLOGPATH", "59D1C24F-50F1-401A-B101-F33E0DAED443", "fs0:\\logs\\run.log")],
+                      shell_before=["mkdir fs0:\\logs"])
         self.assertIn("MESSAGE lang=fra id=100 text=Sélectionnez la carte réseau à tester", french.output)
         self.assertIn("MESSAGE lang=fra id=25 text=Branchez un câble réseau", french.output)
-        italian = boot(["-version"], language="ita", messages=[100])
-        self.assertIn("MESSAGE lang=ita id=100 text=Select the network adapter to test", italian.output)
-
-
-class LogPathVariable(unittest.TestCase):
-    def test_debuglogpath_names_the_log_file(self):
-        run = boot(["-version"], variables=[("DEBUGLOGPATH", "59D1C24F-50F1-401A-B101-F33E0DAED443",
-                                             "fs0:\\logs\\run.log")], shell_before=["mkdir fs0:\\logs"])
-        log = read(run, "logs", "run.log").decode("latin-1")
+        log = read(french, "logs", "run.log").decode("latin-1")
         self.assertNotIn("System ID", log)  # QEMU has no baseboard structure by default
         self.assertRegex(log, STAMP + r"Unsupported SMBIOS Family string: \r\n")
-        self.assertIsNone(read(run, "Debug.log"))
+        self.assertIsNone(read(french, "Debug.log"))
+
+    def test_english_for_a_missing_language(self):
+        italian = boot(["-version"], language="ita", messages=[100])
+        self.assertIn("MESSAGE lang=ita id=100 text=Select the network adapter to test", italian.output)
 
 
 if __name__ == "__main__":
