@@ -5,6 +5,9 @@
 - pingtest against the shell: in one boot with two NICs that have no address yet (each on its own
   user network), the wall time of the shell's "ifconfig -s eth0 dhcp" plus "ping -n 1" to the
   DHCP server (until the first reply) on NIC 1, of pingtest on NIC 2, and their ratio.
+- interactivenetworktest's gateway path against the shell: in one boot with a static configuration
+  whose gateway answers, the wall time of the shell's "ping -n 3" to the gateway, of the test (menu-
+  less, one NIC: cable check, gateway ping, three pings), and their ratio.
 - SpeedTest's clock against the wire: one burst of 99,999 frames on a virtio NIC whose network is
   captured; the module's first-to-last completion interval, the interval of the same frames in the
   capture's time stamps, and their ratio (target within 10 %).
@@ -47,6 +50,21 @@ firmware = reply - shell_start
 print(f"BENCH pingtest_wall {module:.2f} s")
 print(f"BENCH shell_dhcp_ping_wall {firmware:.2f} s")
 print(f"BENCH pingtest_to_shell_ratio {module / firmware:.2f} x")
+
+shell = ["echo BENCH-PING3-START", "ping -n 3 10.0.2.2", "echo BENCH-PING3-END"]
+run = wcvm.run_vm(wcvm.VmConfig(calls=["-test=interactivenetworktest"],
+                                nics=[wcvm.Nic.parse("virtio:ip=10.0.2.15/24,gw=10.0.2.2")], shell_before=shell,
+                                timeout=400))
+if "RESULT result=Passed" not in run.output or "Network is configured correctly." not in run.log:
+    raise SystemExit("vm_bench: interactivenetworktest did not pass on the gateway path")
+times = run.line_times
+ping_start = first(times, lambda l: l == "BENCH-PING3-START")
+ping_end = first(times, lambda l: l == "BENCH-PING3-END", ping_start)
+call = first(times, lambda l: l.startswith("CALL options='-test=interactivenetworktest"))
+result = first(times, lambda l: l.startswith("RESULT "), call)
+print(f"BENCH interactive_gateway_path_wall {result - call:.2f} s")
+print(f"BENCH shell_ping_3_wall {ping_end - ping_start:.2f} s")
+print(f"BENCH interactive_to_shell_ratio {(result - call) / (ping_end - ping_start):.2f} x")
 
 # A burst the NIC refused frames of ends Aborted (QEMU drains its queues in its own time): up to three
 # calls in one boot, and the first whole burst is compared with its frames in the capture, which are
