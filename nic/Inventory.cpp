@@ -436,6 +436,8 @@ EFI_STATUS CheckNicMedia(const NicInfo* Nic, UINT8* MediaPresent) {
     return status;
   }
   EFI_SIMPLE_NETWORK_PROTOCOL* p = snp.Get();
+  if (p == nullptr || p->Mode == nullptr)
+    return EFI_DEVICE_ERROR; // a driver without mode data cannot say anything about the cable
   if (!p->Mode->MediaPresentSupported) {
     LogPrint(u"Media Present Not Supported!\r\n");
     return EFI_UNSUPPORTED;

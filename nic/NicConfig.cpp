@@ -18,10 +18,13 @@ struct ReadTexts {
 };
 
 // Reads one data type, growing the buffer as the driver asks; EFI_NOT_READY asks again at once.
-// A failed allocation ends the read with AllocationStatus.
+// A failed allocation ends the read with AllocationStatus. *Read, when given, gets the buffer's size.
 EFI_STATUS ReadResizing(EFI_IP4_CONFIG2_PROTOCOL* config, EFI_IP4_CONFIG2_DATA_TYPE type,
-                        wc::PoolPtr<UINT8>& buffer, const ReadTexts& texts, EFI_STATUS allocationStatus) {
-  UINTN size = 0;
+                        wc::PoolPtr<UINT8>& buffer, const ReadTexts& texts, EFI_STATUS allocationStatus,
+                        UINTN* read = nullptr) {
+  UINTN local = 0;
+  UINTN& size = read != nullptr ? *read : local;
+  size = 0;
   buffer.Reset();
   EFI_STATUS status = EFI_SUCCESS;
   for (;;) {
@@ -43,6 +46,22 @@ EFI_STATUS ReadResizing(EFI_IP4_CONFIG2_PROTOCOL* config, EFI_IP4_CONFIG2_DATA_T
     if (EFI_ERROR(status))
       DebugLogPrint(texts.OtherError, status);
     return status;
+  }
+}
+
+// The route table the driver points at must lie within the buffer it filled (the driver puts it
+// right behind the structure); a table that does not is dropped rather than read.
+void KeepRouteTableInside(EFI_IP4_CONFIG2_INTERFACE_INFO* info, UINTN size) {
+  if (size < sizeof(*info)) {
+    info->RouteTableSize = 0;
+    return;
+  }
+  auto start = reinterpret_cast<UINTN>(info), end = start + size;
+  auto table = reinterpret_cast<UINTN>(info->RouteTable);
+  UINTN bytes = UINTN(info->RouteTableSize) * sizeof(EFI_IP4_ROUTE_TABLE);
+  if (info->RouteTableSize != 0 && (table < start || table > end || bytes > end - table)) {
+    info->RouteTable = nullptr;
+    info->RouteTableSize = 0;
   }
 }
 
@@ -141,7 +160,9 @@ EFI_STATUS GetNicConfig(NicInfo* Nic) {
       DebugLogPrint(u"GetNicConfig(): Using pHandles[%d]\r\n", i);
     }
     wc::PoolPtr<UINT8> info;
-    status = ReadResizing(config.Get(), Ip4Config2DataTypeInterfaceInfo, info, kInfo, EFI_OUT_OF_RESOURCES);
+    UINTN size = 0;
+    status =
+        ReadResizing(config.Get(), Ip4Config2DataTypeInterfaceInfo, info, kInfo, EFI_OUT_OF_RESOURCES, &size);
     DebugLogPrint(u"Closing Protocol for pHandles[%d]\r\n", i);
     config.Close();
     if (!info) {
@@ -149,6 +170,7 @@ EFI_STATUS GetNicConfig(NicInfo* Nic) {
       return status;
     }
     auto* interface = reinterpret_cast<EFI_IP4_CONFIG2_INTERFACE_INFO*>(info.Get());
+    KeepRouteTableInside(interface, size);
     if (!EFI_ERROR(status) &&
         CompareMem(&interface->HwAddress, &Nic->MacAddress, sizeof(EFI_MAC_ADDRESS)) == 0) {
       DebugLogPrint(u"GetNicConfig(): Selected NIC found Adding config\r\n");

@@ -30,17 +30,8 @@
 #include "report/RetryFrame.h"
 #include "support/DebugLog.h"
 #include "support/FileIo.h"
+#include "tests/SpeedTest.h"
 #include "uefi/protocol/LoadedImage.h"
-
-// The speed test's arithmetic.
-struct SpeedFigures {
-  UINT64 Bits;
-  UINT64 Milliseconds;
-  UINT64 Speed;
-};
-SpeedFigures ComputeNetworkSpeed(UINT64 PacketsCount, UINT32 MaxPacketSize, UINT32 MediaHeaderSize,
-                                 UINT64 Ticks, UINT64 Frequency);
-UINT64 SpeedClass(UINT64 Speed);
 
 namespace {
 
