@@ -90,7 +90,16 @@ class CablePromptsAndNoServer(unittest.TestCase):
         self.assertTrue(any(30 < p < 60 for p in waits), waits)
 
 
-class WithoutMenusOrNics(unittest.TestCase):
+class OneNicOnDhcpAndWithoutMenusOrNics(unittest.TestCase):
+    def test_one_nic_on_the_dhcp_policy_takes_the_dhcp_path(self):
+        vm = boot([TEST], ui="console")  # one virtio, the firmware's DHCP policy: no gateway route
+        self.assertEqual(vm.results[0][:2], ("Passed", 0))
+        self.assertNotIn("MENU ", vm.output)  # one NIC: no menu
+        self.assertRegex(vm.log, r"Selected NIC Device: 52:54:00:12:34:56")
+        self.assertIn("Network not configured correctly, starting configure with DHCP...", vm.log)
+        self.assertIn("Remote IP Address: 10.0.2.2", vm.log)
+        self.assertEqual(vm.output.count("Receive Packet......"), 3)  # the DHCP server, pinged three times
+
     def test_no_menu_protocol_and_no_nic(self):
         vm = boot([TEST], ui="none")
         self.assertEqual(vm.results[0][:2], ("Failed", 0x800000FF))
