@@ -76,6 +76,14 @@ EFI_STATUS LocatePass(const EFI_GUID& protocol, const CHAR16* locating, const CH
   return status;
 }
 
+// Opens a handle's device path; a failure is reported (to the log or the debug log) and returned.
+EFI_STATUS OpenPathOf(EFI_HANDLE handle, wc::OpenedProtocol<EFI_DEVICE_PATH_PROTOCOL>& path, bool logged) {
+  EFI_STATUS status = OpenDevicePath(handle, path);
+  if (EFI_ERROR(status))
+    Say(logged, u"Failed Open Device Path Protocol!(%r)\r\n", status);
+  return status;
+}
+
 EFI_STATUS AddNics(const CHAR8* language, ORDERED_LIST* list, UINT64* count) {
   wc::HandleBuffer handles;
   EFI_STATUS status =
@@ -86,11 +94,9 @@ EFI_STATUS AddNics(const CHAR8* language, ORDERED_LIST* list, UINT64* count) {
     return status;
   for (UINTN i = 0; i < handles.Count(); ++i) {
     wc::OpenedProtocol<EFI_DEVICE_PATH_PROTOCOL> path;
-    status = OpenDevicePath(handles[i], path);
-    if (EFI_ERROR(status)) {
-      LogPrint(u"Failed Open Device Path Protocol!(%r)\r\n", status);
+    status = OpenPathOf(handles[i], path, true);
+    if (EFI_ERROR(status))
       return status;
-    }
     EFI_MAC_ADDRESS mac = {};
     if (!DevicePathMac(path.Get(), &mac))
       continue; // a VLAN, IP or other child of a NIC, not a NIC
@@ -124,11 +130,9 @@ EFI_STATUS Attach(const AttachPass& pass, ORDERED_LIST* list) {
     return status;
   for (UINTN i = 0; i < handles.Count(); ++i) {
     wc::OpenedProtocol<EFI_DEVICE_PATH_PROTOCOL> path;
-    status = OpenDevicePath(handles[i], path);
-    if (EFI_ERROR(status)) {
-      Say(pass.Logged, u"Failed Open Device Path Protocol!(%r)\r\n", status);
+    status = OpenPathOf(handles[i], path, pass.Logged);
+    if (EFI_ERROR(status))
       return status;
-    }
     if (path.Get() == nullptr) {
       DebugLogPrint(u"pNICDevicePath is Null at Index(%d)!\r\n", i);
       if (pass.NullPathEnds)
