@@ -871,6 +871,10 @@ struct SweepPart {
   uint64_t Shard, Shards;
 };
 
+void PrintTo(const SweepPart& part, std::ostream* out) {
+  *out << Scenarios()[part.Scenario].test << " part " << part.Shard + 1 << " of " << part.Shards;
+}
+
 class FailureSweep : public testing::TestWithParam<SweepPart> {};
 
 TEST_P(FailureSweep, EveryAllocationAndFirmwareCallFailedInTurn) {
