@@ -89,6 +89,15 @@ struct Run {
       OrderedListDestroy(Nics);
   }
 
+  // From the second attempt on: the retry line and a report within the 30 points after Base.
+  bool StartAttempt(UINT64 attempt, UINTN base) {
+    if (attempt == 0)
+      return true;
+    LogPrint(u"Retrying %d times...\r\n", attempt);
+    UINTN percent = UINTN((attempt + 1) * 30 / (Retries + 1) + base);
+    return Report(percent, (99 - percent) * 60 / 98);
+  }
+
   bool ReadOptions();
   bool ChooseNic(const NicMenuProtocols& menus);
   bool WaitForCable();
@@ -199,12 +208,8 @@ bool Run::ConfigureByDhcp(EFI_IPv4_ADDRESS* remote) {
   EFI_DHCP4_MODE_DATA mode = {};
   bool bound = false;
   for (UINT64 attempt = 0; attempt <= Retries && !bound; ++attempt) {
-    if (attempt > 0) {
-      LogPrint(u"Retrying %d times...\r\n", attempt);
-      UINTN percent = UINTN((attempt + 1) * 30 / (Retries + 1) + 30);
-      if (!Report(percent, (99 - percent) * 60 / 98))
-        return false;
-    }
+    if (!StartAttempt(attempt, 30))
+      return false;
     Dhcp4Child dhcp;
     status = dhcp.Open(Selected->Dhcp4ServiceBindingProtocolHandle, gImageHandle);
     if (EFI_ERROR(status)) {
@@ -238,12 +243,8 @@ bool Run::PingRemote(const EFI_IPv4_ADDRESS& remote) {
   LogPrint(u"Starting Ping Remote IP Address...\r\n");
   bool passed = false;
   for (UINT64 attempt = 0; attempt <= Retries && !passed; ++attempt) {
-    if (attempt > 0) {
-      LogPrint(u"Retrying %d times...\r\n", attempt);
-      UINTN percent = UINTN((attempt + 1) * 30 / (Retries + 1) + 60);
-      if (!Report(percent, (99 - percent) * 60 / 98))
-        return false;
-    }
+    if (!StartAttempt(attempt, 60))
+      return false;
     EFI_STATUS status = ExecutePingProcess(Selected->Ip4ServiceBindingProtocolHandle, remote, 3, nullptr,
                                            PingVariant::Interactive);
     if (status == EFI_SUCCESS)
