@@ -9,7 +9,7 @@
 #include "options/OptionStore.h"
 #include "report/Output.h"
 #include "text/Regex.h"
-#include "support/Xml.h"
+#include "text/Xml.h"
 #include "base/Memory.h"
 #include <fstream>
 #include <sstream>

@@ -1,4 +1,5 @@
 #include "frame/Dispatch.h"
+#include "frame/Module.h"
 #include "base/String.h"
 #include "frame/CommandLine.h"
 #include "options/OptionStore.h"

@@ -1,4 +1,5 @@
 #include "frame/Startup.h"
+#include "frame/Module.h"
 #include "base/DevicePathText.h"
 #include "base/Globals.h"
 #include "base/Owners.h"
@@ -38,6 +39,7 @@ EFI_STATUS InitializeTestModule(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE* System
   EFI_STATUS status = FileIoInitialize(ImageHandle, SystemTable);
   if (status != EFI_SUCCESS)
     return status;
+  DebugLogInitialize(FileIoModuleDirectory());
 
   InitDebugLevel(ImageHandle, SystemTable, &gManager);
 

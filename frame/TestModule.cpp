@@ -1,4 +1,5 @@
 #include "frame/TestModule.h"
+#include "frame/Module.h"
 #include "base/Globals.h"
 #include "base/Owners.h"
 #include "base/String.h"

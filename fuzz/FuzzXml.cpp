@@ -4,7 +4,7 @@
 #include <cstdlib>
 
 #include "base/Memory.h"
-#include "support/Xml.h"
+#include "text/Xml.h"
 #include "fakes/FakeFirmware.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -26,7 +26,7 @@
 #include "manager/Script.h"
 #include "support/DebugLog.h"
 #include "support/FileIo.h"
-#include "support/Messages.h"
+#include "report/Messages.h"
 #include "uefi/Uefi.h"
 
 namespace {

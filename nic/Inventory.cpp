@@ -8,7 +8,7 @@
 #include "nic/NicAccess.h"
 #include "report/Output.h"
 #include "support/DebugLog.h"
-#include "support/Messages.h"
+#include "report/Messages.h"
 #include "uefi/protocol/ComponentName.h"
 #include "uefi/protocol/Dhcp4.h"
 #include "uefi/protocol/Ip4.h"

@@ -6,7 +6,7 @@
 #include "base/String.h"
 #include "nic/ServiceChildren.h"
 #include "report/Progress.h"
-#include "support/Messages.h"
+#include "report/Messages.h"
 
 namespace {
 constexpr UINTN kCableChecks = 6;

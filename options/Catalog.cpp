@@ -17,15 +17,3 @@ const OptionInfo kGlobalOptions[] = {
 const CHAR16* const kCatalogTypeNames[kOptionTypeCount] = {u"", u"string", u"integer", u"integer64",
                                                            u"boolean"};
 const CHAR16* const kUsageTypeNames[kOptionTypeCount] = {u"", u"STR", u"INT", u"UINT64", u"BOOL"};
-
-// Start-up writes the version text.
-constinit ModuleInfo gModuleInfo = {u"Wirecheck", u"Wirecheck.efi", {}, kTestTable};
-
-const TestInfo* TestAt(INT64 Number) {
-  if (Number < 0)
-    return nullptr;
-  for (INT64 n = 0; kTestTable[n] != nullptr; ++n)
-    if (n == Number)
-      return kTestTable[n];
-  return nullptr;
-}

@@ -57,8 +57,6 @@ struct ModuleInfo {
   const TestInfo* const* Tests; // ends with a null entry
 };
 
-extern ModuleInfo gModuleInfo;
-extern const TestInfo* const kTestTable[];
 extern const OptionInfo kGlobalOptions[];
 extern const CHAR16* const kCatalogTypeNames[kOptionTypeCount];
 extern const CHAR16* const kUsageTypeNames[kOptionTypeCount];
@@ -66,11 +64,4 @@ extern const CHAR16* const kUsageTypeNames[kOptionTypeCount];
 // The name a type table gives a type; an out-of-range type gets the empty name of type 0.
 inline const CHAR16* TypeName(const CHAR16* const (&Table)[kOptionTypeCount], OptionType Type) {
   return Table[UINTN(Type) < kOptionTypeCount ? UINTN(Type) : 0];
-}
-
-// The test with this number, or null when the table has none.
-const TestInfo* TestAt(INT64 Number);
-
-inline const CHAR16* ModuleName() {
-  return gModuleInfo.Name;
 }

@@ -1,6 +1,5 @@
 #include "support/Clock.h"
 #include "base/Globals.h"
-#include "report/Output.h"
 
 namespace {
 
@@ -45,7 +44,7 @@ bool TimeStampCounterInvariant() {
 #endif
 }
 
-UINT64 TimeStampCounterFrequency() {
+UINT64 TimeStampCounterFrequency(bool* Measured) {
   if (gFrequency != 0)
     return gFrequency;
   // Start from an impossible second, so that the first read counts as a change; the second change
@@ -57,8 +56,8 @@ UINT64 TimeStampCounterFrequency() {
   if (!WaitForSecondChange(&second))
     return 0;
   gFrequency = ReadTimeStampCounter() - start;
-  LogPrint(u"Time-stamp counter: %ld ticks per second, invariant: %s\r\n", gFrequency,
-           TimeStampCounterInvariant() ? u"yes" : u"no");
+  if (Measured != nullptr)
+    *Measured = true;
   return gFrequency;
 }
 

@@ -13,9 +13,9 @@ inline UINT64 ReadTimeStampCounter() {
 }
 
 // Ticks per second. The first call waits for the real-time clock's second to change twice (one to
-// two seconds) and logs the figure and whether the processor reports an invariant counter (one
-// that runs at a constant rate whatever the power state). 0 when the real-time clock cannot be read.
-UINT64 TimeStampCounterFrequency();
+// two seconds) and sets *Measured, so that its caller can log the figure. 0 when the real-time
+// clock cannot be read.
+UINT64 TimeStampCounterFrequency(bool* Measured = nullptr);
 
 // Whether the processor reports an invariant counter (CPUID 8000_0007h, EDX bit 8).
 bool TimeStampCounterInvariant();

@@ -28,6 +28,7 @@ void TimeStamp(CHAR16 (&stamp)[kStampChars]) {
 } // namespace
 
 void DebugLogInitialize(const CHAR16* ModuleDirectory) {
+  FileIoSetNoteWriter(DebugLogWrite);
   // One character more than the variable may fill, so the path always ends within the buffer.
   CHAR16 path[kPathBytes / sizeof(CHAR16) + 1] = {};
   UINTN size = kPathBytes;

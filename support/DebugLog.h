@@ -9,7 +9,8 @@ constexpr EFI_GUID DEBUG_LOG_PATH_VARIABLE_GUID = {
 // The log restarts empty before a line that would be written to a file already larger than this.
 constexpr UINT64 kDebugLogRestartSize = 5000000;
 
-// Sets the log path from DEBUGLOGPATH or the module directory. Runs inside file-access start-up.
+// Sets the log path from DEBUGLOGPATH or the module directory, and takes file access's notes about
+// its own failures. Runs right after file-access start-up.
 void DebugLogInitialize(const CHAR16* ModuleDirectory);
 // Records one text in the log file; the status of the file write.
 EFI_STATUS DebugLogWrite(const CHAR16* Text);

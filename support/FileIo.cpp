@@ -4,10 +4,29 @@
 #include "base/Memory.h"
 #include "base/Owners.h"
 #include "base/String.h"
-#include "support/DebugLog.h"
 #include "uefi/protocol/LoadedImage.h"
 #include "uefi/protocol/Shell.h"
 #include "uefi/protocol/UnicodeCollation.h"
+
+namespace {
+
+constinit FileIoNoteWriter gNoteWriter = nullptr;
+
+// A note about a failure of file access, for whoever listens (the debug log, once it has started).
+template <class... A> void Note(const CHAR16* Format, const A&... args) {
+  if (gNoteWriter == nullptr)
+    return;
+  const PrintArg list[sizeof...(A) + 1] = {PrintArg(args)...};
+  CHAR16 text[kFileIoNoteChars];
+  FormatV(text, sizeof(text), Format, list, sizeof...(A));
+  gNoteWriter(text);
+}
+
+} // namespace
+
+void FileIoSetNoteWriter(FileIoNoteWriter Writer) {
+  gNoteWriter = Writer;
+}
 
 namespace {
 
@@ -105,8 +124,8 @@ EFI_STATUS CreateDirectoryTree(EFI_FILE_PROTOCOL* root, CHAR16* path) {
   if (!EFI_ERROR(status)) {
     if (!isFile)
       return EFI_SUCCESS;
-    DebugLogPrint(u"Failed creating directory at \"%s\". A file exists there already. (%r)\r\n", path,
-                  EFI_WRITE_PROTECTED);
+    Note(u"Failed creating directory at \"%s\". A file exists there already. (%r)\r\n", path,
+         EFI_WRITE_PROTECTED);
     return EFI_WRITE_PROTECTED;
   }
   if (status != EFI_NOT_FOUND)
@@ -125,7 +144,7 @@ EFI_STATUS CreateDirectoryTree(EFI_FILE_PROTOCOL* root, CHAR16* path) {
   wc::FileOwner dir;
   status = root->Open(root, dir.Receive(), path, kReadWriteCreate, EFI_FILE_DIRECTORY);
   if (EFI_ERROR(status))
-    DebugLogPrint(u"Failed creating directory at \"%s\". (%r)\r\n", path, status);
+    Note(u"Failed creating directory at \"%s\". (%r)\r\n", path, status);
   return status;
 }
 
@@ -274,8 +293,6 @@ EFI_STATUS FileIoInitialize(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE* SystemTabl
     StrAppend(text, sizeof(text), u"\\");
   StrCopy(gFs.ModuleDirectory, sizeof(gFs.ModuleDirectory), text);
 
-  DebugLogInitialize(gFs.ModuleDirectory);
-
   const CHAR16* cwd = gFs.ShellPresent ? gFs.Shell->GetEnv(u"cwd") : nullptr;
   const CHAR16* colon = StrFindChar(cwd, u':');
   if (colon != nullptr && colon[1] != 0)
@@ -346,12 +363,12 @@ EFI_STATUS FileIoLocateVolume(const CHAR16* Path, EFI_SIMPLE_FILE_SYSTEM_PROTOCO
 
   wc::PoolPtr<EFI_DEVICE_PATH_PROTOCOL> mapPath(gFs.Shell->GetDevicePathFromFilePath(map));
   if (!mapPath) {
-    DebugLogPrint(u"Failed to get devpath for path [%s]\r\n", Path);
+    Note(u"Failed to get devpath for path [%s]\r\n", Path);
     return EFI_NOT_FOUND;
   }
   wc::PoolPtr<CHAR16> mapText(DevicePathToText(mapPath.Get(), TRUE, TRUE));
   if (!mapText) {
-    DebugLogPrint(u"Failed to convert devpath to string for path [%s]\r\n", Path);
+    Note(u"Failed to convert devpath to string for path [%s]\r\n", Path);
     return EFI_UNSUPPORTED;
   }
   CutAfterLastParenthesis(mapText.Get());
@@ -361,7 +378,7 @@ EFI_STATUS FileIoLocateVolume(const CHAR16* Path, EFI_SIMPLE_FILE_SYSTEM_PROTOCO
   EFI_STATUS status = gBS->LocateHandleBuffer(ByProtocol, &EFI_SIMPLE_FILE_SYSTEM_PROTOCOL_GUID, nullptr,
                                               &count, handles.Receive());
   if (EFI_ERROR(status)) {
-    DebugLogPrint(u"Failed to locate FS protocol - %r\r\n", status);
+    Note(u"Failed to locate FS protocol - %r\r\n", status);
     return status;
   }
   for (UINTN i = 0; i < count; ++i) {
@@ -369,12 +386,12 @@ EFI_STATUS FileIoLocateVolume(const CHAR16* Path, EFI_SIMPLE_FILE_SYSTEM_PROTOCO
     status =
         gBS->HandleProtocol(handles[i], &EFI_DEVICE_PATH_PROTOCOL_GUID, reinterpret_cast<void**>(&fsPath));
     if (EFI_ERROR(status)) {
-      DebugLogPrint(u"Failed to locate FS devpath protocol %d - %r\r\n", i, status);
+      Note(u"Failed to locate FS devpath protocol %d - %r\r\n", i, status);
       return status;
     }
     wc::PoolPtr<CHAR16> fsText(DevicePathToText(fsPath, TRUE, TRUE));
     if (!fsText) {
-      DebugLogPrint(u"Failed to convert devpath to string for path [%s]\r\n", Path);
+      Note(u"Failed to convert devpath to string for path [%s]\r\n", Path);
       return EFI_UNSUPPORTED;
     }
     if (StriEq(fsText.Get(), mapText.Get()))
@@ -393,7 +410,7 @@ EFI_STATUS FileIoProbe(const CHAR16* VolumePath, EFI_FILE_PROTOCOL* Root, BOOLEA
   if (status == EFI_NOT_FOUND)
     return status;
   if (EFI_ERROR(status)) {
-    DebugLogPrint(u"Failed opening file at \"%s\". (%r)\r\n", VolumePath, status);
+    Note(u"Failed opening file at \"%s\". (%r)\r\n", VolumePath, status);
     return status;
   }
   UINT64 position = 0;
@@ -407,7 +424,7 @@ EFI_STATUS FileIoProbe(const CHAR16* VolumePath, EFI_FILE_PROTOCOL* Root, BOOLEA
     *IsFile = FALSE;
     return EFI_SUCCESS;
   }
-  DebugLogPrint(u"Failed getting position at \"%s\". (%r)\r\n", VolumePath, status);
+  Note(u"Failed getting position at \"%s\". (%r)\r\n", VolumePath, status);
   return status;
 }
 
@@ -443,8 +460,8 @@ EFI_STATUS FileIoCreateFile(const CHAR16* Path) {
   if (!EFI_ERROR(status)) {
     if (isFile)
       return EFI_SUCCESS;
-    DebugLogPrint(u"Failed creating file at \"%s\". A directory exists there already. (%r)\r\n", Path,
-                  EFI_WRITE_PROTECTED);
+    Note(u"Failed creating file at \"%s\". A directory exists there already. (%r)\r\n", Path,
+         EFI_WRITE_PROTECTED);
     return EFI_WRITE_PROTECTED;
   }
   if (status != EFI_NOT_FOUND)
@@ -455,7 +472,7 @@ EFI_STATUS FileIoCreateFile(const CHAR16* Path) {
   wc::FileOwner file;
   status = v.OpenEntry(file, kReadWriteCreate);
   if (EFI_ERROR(status))
-    DebugLogPrint(u"Failed creating file at \"%s\". (%r)\r\n", v.inside, status);
+    Note(u"Failed creating file at \"%s\". (%r)\r\n", v.inside, status);
   return status;
 }
 
@@ -661,4 +678,8 @@ EFI_STATUS FileIoPrintV(EFI_FILE_PROTOCOL* File, const CHAR16* Format, const Pri
   CHAR16 text[kPrintBytes / sizeof(CHAR16)];
   FormatV(text, sizeof(text), Format, Args, Count);
   return FileIoWriteString(File, text);
+}
+
+const CHAR16* FileIoModuleDirectory() {
+  return gFs.ModuleDirectory;
 }

@@ -20,6 +20,14 @@ struct FILE_IO_LIST_ENTRY {
 
 // Starts file access and, through it, the debug log. Called first at start-up.
 EFI_STATUS FileIoInitialize(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE* SystemTable);
+// The module's own directory ("\" before start-up), ending in a backslash.
+const CHAR16* FileIoModuleDirectory();
+
+// File access notes its own failures (a volume or path it cannot reach) through the writer given
+// here; the debug log attaches itself when it starts. Without a writer the notes are dropped.
+constexpr UINTN kFileIoNoteChars = 1024;
+using FileIoNoteWriter = EFI_STATUS (*)(const CHAR16* Text);
+void FileIoSetNoteWriter(FileIoNoteWriter Writer);
 BOOLEAN FileIoShellPresent();
 const CHAR16* FileIoGetShellVariable(const CHAR16* Name);
 EFI_STATUS FileIoGetCurrentDirectory(CHAR16* Buffer, UINTN BufferSize);

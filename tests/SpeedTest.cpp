@@ -150,7 +150,13 @@ EFI_STATUS TransmitFrame(EFI_MANAGED_NETWORK_PROTOCOL* Mnp, EFI_MAC_ADDRESS* Des
 }
 
 EFI_STATUS MeasureNetworkSpeed(EFI_HANDLE Nic, UINT64 PacketsCount, UINT64* Speed) {
-  UINT64 frequency = TimeStampCounterFrequency();
+  bool measured = false;
+  UINT64 frequency = TimeStampCounterFrequency(&measured);
+  // Whether the processor calls its counter invariant (constant rate whatever the power state)
+  // tells how far the figure can be trusted.
+  if (measured)
+    LogPrint(u"Time-stamp counter: %ld ticks per second, invariant: %s\r\n", frequency,
+             TimeStampCounterInvariant() ? u"yes" : u"no");
   MnpChild mnp;
   EFI_STATUS status = mnp.Open(Nic, gImageHandle);
   if (EFI_ERROR(status)) {

@@ -1,7 +1,7 @@
 // The test table: one line per test, in test-number order. A test's file in tests/ defines its
 // record (name, description, options, procedure, run time, error-code group); listing the record
 // here is all it takes to make the test selectable, shown in usage and catalog, and dispatched.
-#include "options/Catalog.h"
+#include "tests/TestTable.h"
 
 #define WIRECHECK_TESTS(TEST)                                                                                \
   TEST(kPingTest)               /* 0 pingtest */                                                             \

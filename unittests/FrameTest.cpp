@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "frame/Module.h"
 #include "base/Memory.h"
 #include "frame/CommandLine.h"
 #include "frame/Dispatch.h"

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "support/DebugLog.h"
 #include "support/FileIo.h"
 #include "text/Ini.h"
 #include "fakes/FakeFileSystem.h"
@@ -118,6 +119,7 @@ TEST_F(IniTest, OpenReadsThroughFileAccess) {
   fw.AddProtocol(device, EFI_SIMPLE_FILE_SYSTEM_PROTOCOL_GUID, vol.Protocol());
   FileIoReset();
   ASSERT_EQ(FileIoInitialize(imageHandle, &fw.st), EFI_SUCCESS);
+  DebugLogInitialize(FileIoModuleDirectory());
   vol.AddFile(u"\\Network.ini", "[Invalid_MACPattern]\r\np=00:00:00:00:00:00\r\n");
   ASSERT_EQ(IniOpen(u"Network.ini", INI_ENCODING_DETECT, &doc), EFI_SUCCESS);
   EXPECT_EQ(std::u16string(doc->FilePath), u"\\Network.ini");

@@ -7,8 +7,8 @@
 #include "base/Memory.h"
 #include "support/DebugLog.h"
 #include "support/FileIo.h"
-#include "support/Messages.h"
-#include "support/Xml.h"
+#include "report/Messages.h"
+#include "text/Xml.h"
 #include "fakes/FakeFileSystem.h"
 #include "fakes/FakeFirmware.h"
 
@@ -42,6 +42,7 @@ struct MessagesTest : ::testing::Test {
     fw.AddProtocol(image.DeviceHandle, EFI_SIMPLE_FILE_SYSTEM_PROTOCOL_GUID, vol.Protocol());
     vol.AddDirectory(u"\\tools");
     ASSERT_EQ(FileIoInitialize(reinterpret_cast<EFI_HANDLE>(0x1000), &fw.st), EFI_SUCCESS);
+    DebugLogInitialize(FileIoModuleDirectory());
   }
   void TearDown() override {
     EXPECT_EQ(vol.openHandles, 0);

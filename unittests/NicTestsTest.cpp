@@ -14,6 +14,8 @@
 #include <set>
 #include <string>
 
+#include "frame/Module.h"
+#include "tests/TestTable.h"
 #include "base/Globals.h"
 #include "frame/CommandLine.h"
 #include "frame/Dispatch.h"

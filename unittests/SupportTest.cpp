@@ -84,6 +84,7 @@ struct FileIoTest : ::testing::Test {
       fw.AddProtocol(reinterpret_cast<EFI_HANDLE>(0x5000), EFI_SHELL_PROTOCOL_GUID, &shell);
     }
     ASSERT_EQ(FileIoInitialize(kImage, &fw.st), EFI_SUCCESS);
+    DebugLogInitialize(FileIoModuleDirectory());
   }
   void TearDown() override {
     EXPECT_EQ(volA.openHandles + volB.openHandles, 0) << "files left open";

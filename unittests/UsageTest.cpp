@@ -6,6 +6,7 @@
 #include <sstream>
 #include <string>
 
+#include "frame/Module.h"
 #include "frame/Dispatch.h"
 #include "frame/Startup.h"
 #include "frame/TestModule.h"

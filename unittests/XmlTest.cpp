@@ -4,7 +4,7 @@
 
 #include "base/Memory.h"
 #include "support/DebugLog.h"
-#include "support/Xml.h"
+#include "text/Xml.h"
 #include "fakes/FakeFirmware.h"
 
 namespace {

@@ -1,11 +1,11 @@
-#include "support/Messages.h"
+#include "report/Messages.h"
 #include "base/Owners.h"
 #include "base/String.h"
 #include "base/Number.h"
 #include "report/Output.h"
 #include "support/DebugLog.h"
 #include "support/FileIo.h"
-#include "support/Xml.h"
+#include "text/Xml.h"
 
 namespace {
 

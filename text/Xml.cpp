@@ -1,4 +1,4 @@
-#include "support/Xml.h"
+#include "text/Xml.h"
 #include "base/TextDecode.h"
 #include "base/Memory.h"
 #include "base/Owners.h"

@@ -1,0 +1,13 @@
+// This module's descriptor: its name, file name, version text and the test table.
+#pragma once
+#include "options/Catalog.h"
+
+// Start-up writes the version text.
+extern ModuleInfo gModuleInfo;
+
+// The test with this number, or null when the table has none.
+const TestInfo* TestAt(INT64 Number);
+
+inline const CHAR16* ModuleName() {
+  return gModuleInfo.Name;
+}
