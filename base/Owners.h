@@ -154,6 +154,36 @@ private:
   UINTN count_ = 0;
 };
 
+// Anything of the module's own that one function releases: an INI or XML document, an ordered
+// list, a NIC record's interface information.
+template <class T, auto Free> class Owned {
+public:
+  Owned() = default;
+  explicit Owned(T* p) : p_(p) {}
+  Owned(Owned&& o) noexcept : p_(Exchange<T*>(o.p_, nullptr)) {}
+  Owned(const Owned&) = delete;
+  Owned& operator=(const Owned&) = delete;
+  ~Owned() { Reset(); }
+
+  T* Get() const { return p_; }
+  T* operator->() const { return p_; }
+  explicit operator bool() const { return p_ != nullptr; }
+  // For the out-parameter of the function that makes one.
+  T** Receive() {
+    Reset();
+    return &p_;
+  }
+  T* Release() { return Exchange<T*>(p_, nullptr); }
+  void Reset(T* p = nullptr) {
+    if (p_ != nullptr && p_ != p)
+      Free(p_);
+    p_ = p;
+  }
+
+private:
+  T* p_ = nullptr;
+};
+
 // An open file or directory of a simple file system; closed on release.
 class FileOwner {
 public:

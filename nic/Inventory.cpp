@@ -1,4 +1,5 @@
 #include "nic/Inventory.h"
+#include "nic/MediaCheck.h"
 #include "base/Cxx.h"
 #include "base/DevicePathText.h"
 #include "base/Globals.h"
@@ -432,47 +433,22 @@ EFI_STATUS SelectNic(const NicMenuProtocols& Menus, const CHAR8* Language, ORDER
 }
 
 EFI_STATUS CheckNicMedia(const NicInfo* Nic, UINT8* MediaPresent) {
-  wc::OpenedProtocol<EFI_SIMPLE_NETWORK_PROTOCOL> snp;
-  EFI_STATUS status = snp.Open(Nic->NicHandle, EFI_SIMPLE_NETWORK_PROTOCOL_GUID, gImageHandle, nullptr,
-                               EFI_OPEN_PROTOCOL_BY_HANDLE_PROTOCOL);
-  if (EFI_ERROR(status)) {
-    LogPrint(u"Failed Open Simple Network Protocol!(%r)\r\n", status);
-    return status;
-  }
-  EFI_SIMPLE_NETWORK_PROTOCOL* p = snp.Get();
-  if (p == nullptr || p->Mode == nullptr)
-    return EFI_DEVICE_ERROR; // a driver without mode data cannot say anything about the cable
-  if (!p->Mode->MediaPresentSupported) {
-    LogPrint(u"Media Present Not Supported!\r\n");
-    return EFI_UNSUPPORTED;
-  }
-  if (p->Mode->State != EfiSimpleNetworkInitialized) {
-    LogPrint(u"Start and initialize NIC device...\r\n");
-    status = p->Start(p);
-    if (EFI_ERROR(status)) {
-      LogPrint(u"Failed Start NIC device!(%r)\r\n", status);
-      return status;
-    }
-    status = p->Initialize(p, 0, 0);
-    if (EFI_ERROR(status)) {
-      LogPrint(u"Failed Initialize NIC device!(%r)\r\n", status);
-      return status;
-    }
-    *MediaPresent = p->Mode->MediaPresent;
-    LogPrint(u"Media Present Status is %d\r\n", *MediaPresent);
-    // A NIC nobody had started is left stopped.
-    p->Shutdown(p);
-    p->Stop(p);
-    return EFI_SUCCESS;
-  }
-  LogPrint(u"NIC device has been initialized.\r\n");
-  UINT32 interrupts = 0;
-  status = p->GetStatus(p, &interrupts, nullptr);
-  if (EFI_ERROR(status)) {
-    LogPrint(u"Failed Get NIC Status!(%r)\r\n", status);
-    return status;
-  }
-  *MediaPresent = p->Mode->MediaPresent;
-  LogPrint(u"Media Present Status is %d\r\n", *MediaPresent);
-  return EFI_SUCCESS;
+  // A NIC whose Initialize fails is left started.
+  static constexpr MediaCheckRules kRules = {
+      .OpenFailed = u"Failed Open Simple Network Protocol!(%r)\r\n",
+      .NotSupported = u"Media Present Not Supported!\r\n",
+      .Starting = u"Start and initialize NIC device...\r\n",
+      .StartFailed = u"Failed Start NIC device!(%r)\r\n",
+      .InitializeFailed = u"Failed Initialize NIC device!(%r)\r\n",
+      .StopAfterFailedInitialize = false,
+      .Running = u"NIC device has been initialized.\r\n",
+      .StatusRead = nullptr,
+      .StatusFailed = u"Failed Get NIC Status!(%r)\r\n",
+      .Present = u"Media Present Status is %d\r\n",
+  };
+  MediaState state = {};
+  EFI_STATUS status = CheckMedia(Nic->NicHandle, kRules, &state);
+  if (!EFI_ERROR(status))
+    *MediaPresent = state.Present ? 1 : 0;
+  return status;
 }

@@ -4,7 +4,9 @@
 #include "base/Memory.h"
 #include "base/Print.h"
 #include "base/String.h"
+#include "nic/Pci.h"
 #include "nic/ServiceChildren.h"
+#include "report/Output.h"
 #include "report/Progress.h"
 #include "report/Messages.h"
 
@@ -77,6 +79,29 @@ EFI_STATUS SelectNicHandle(const wc::HandleBuffer& Handles, UINT16 DeviceId, UIN
     }
   }
   return EFI_NOT_FOUND;
+}
+
+NicChoice ChooseNic(const NicChoiceTexts& Texts, UINT16 DeviceId, UINT64 Index, wc::HandleBuffer& Handles,
+                    EFI_HANDLE* Nic, EFI_STATUS* Status) {
+  *Nic = nullptr;
+  *Status = Handles.Locate(EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID);
+  if (*Status == EFI_NOT_FOUND) {
+    for (const CHAR16* const* line = Texts.NoHandles; *line != nullptr; ++line)
+      LogPrint(*line);
+    return NicChoice::NoNic;
+  }
+  if (EFI_ERROR(*Status)) {
+    for (const CHAR16* const* line = Texts.LookupFailed; *line != nullptr; ++line)
+      LogPrint(*line, *Status);
+    return NicChoice::LookupFailed;
+  }
+  if (Texts.Found != nullptr)
+    LogPrint(Texts.Found, Handles.Count());
+  if (EFI_ERROR(SelectNicHandle(Handles, DeviceId, Index, ReadNicDeviceId, Nic))) {
+    LogPrint(Texts.NotThere);
+    return NicChoice::NotThere;
+  }
+  return NicChoice::Chosen;
 }
 
 bool WaitForCable(EFI_HANDLE Nic) {

@@ -12,15 +12,16 @@ enum OptionType : UINT32 {
 };
 constexpr UINTN kOptionTypeCount = 5;
 
+// A row of an option table; a row written with designated initializers leaves out what it has not.
 struct OptionInfo {
-  const CHAR16* Name; // with its leading "-"; null ends the table
-  const CHAR16* Description;
-  OptionType Type;
-  const CHAR16* Default;
-  const CHAR16* Low;
-  const CHAR16* High;
-  const CHAR16* const* List;
-  BOOLEAN Required;
+  const CHAR16* Name = nullptr; // with its leading "-"; null ends the table
+  const CHAR16* Description = nullptr;
+  OptionType Type = OPTION_TYPE_NONE;
+  const CHAR16* Default = nullptr;
+  const CHAR16* Low = nullptr;
+  const CHAR16* High = nullptr;
+  const CHAR16* const* List = nullptr;
+  BOOLEAN Required = FALSE;
 };
 
 // A test procedure: writes the result and the error code and returns whether its code worked.

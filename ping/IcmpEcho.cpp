@@ -17,6 +17,9 @@ constexpr UINTN kInteractiveMappingTicks = 60;
 constexpr UINTN kPollingPause = 10000;  // µs between looks while the address is awaited
 constexpr UINTN kMaxTimedRequests = 64; // requests whose send time is kept for round trips
 
+// The ping state the two variants each keep for the module's lifetime: the matching replies of the
+// last run (the reply check counts them), the echo identifier, and the current-platform flag their
+// tests decide.
 struct VariantState {
   UINT32 replies;
   UINT16 identifier;
@@ -29,11 +32,6 @@ VariantState& StateOf(PingVariant v) {
 }
 
 void EFIAPI IgnoreNotify(EFI_EVENT, void*) {}
-
-volatile UINTN gInteractiveTicks = 0;
-void EFIAPI CountTick(EFI_EVENT, void*) {
-  gInteractiveTicks = gInteractiveTicks + 1;
-}
 
 UINT16 Fold(UINT32 sum) {
   sum = (sum & 0xFFFF) + (sum >> 16);
@@ -49,6 +47,7 @@ void WriteLe16(UINT8* p, UINT16 v) {
   p[1] = UINT8(v >> 8);
 }
 
+// The counter's rate for round-trip times, calibrated once per module against Stall.
 UINT64 TscPerMicrosecond() {
   static constinit UINT64 perUs = 0;
   if (perUs == 0) {
@@ -144,228 +143,303 @@ BOOLEAN CheckEchoReply(const EFI_IP4_RECEIVE_DATA* RxData, const EFI_IPv4_ADDRES
   return TRUE;
 }
 
-EFI_STATUS ExecutePingProcess(EFI_HANDLE Ip4ServiceBindingHandle, const EFI_IPv4_ADDRESS& DestinationAddress,
-                              UINT32 Count, PingProgress Progress, PingVariant Variant) {
-  VariantState& state = StateOf(Variant);
-  TracePrint(u"enter ExecutePingProcess()\r\n");
-  state.replies = 0;
+namespace {
 
-  Ip4Child child;
-  EFI_STATUS status = child.Open(Ip4ServiceBindingHandle, gImageHandle);
-  if (EFI_ERROR(status)) {
-    LogPrint(u"OpenIp4Protocol() error.\r\n");
+// One ping run on an IPv4 child: the child, its receive and transmit tokens with their events, the
+// timers and the echo request. The steps follow the run (open, configure, wait for the address, arm,
+// exchange); whichever step ends it, the destructor first stops the child from using the tokens and
+// gives back the packet it holds, then the members go in the reverse of their order here, the
+// child last.
+class PingSession {
+public:
+  PingSession(PingVariant Variant, const EFI_IPv4_ADDRESS& Destination)
+      : variant_(Variant), state_(StateOf(Variant)), destination_(Destination) {}
+  PingSession(const PingSession&) = delete;
+  PingSession& operator=(const PingSession&) = delete;
+  ~PingSession() {
+    if (ip4_ == nullptr)
+      return;
+    ip4_->Configure(ip4_, nullptr);
+    if (rxToken_.Status == EFI_SUCCESS && rxToken_.Packet.RxData != nullptr)
+      gBS->SignalEvent(rxToken_.Packet.RxData->RecycleSignal);
+    if (secondTimer_)
+      gBS->SetTimer(secondTimer_.Get(), TimerCancel, 0);
+  }
+
+  EFI_STATUS Open(EFI_HANDLE ServiceHandle) {
+    EFI_STATUS status = child_.Open(ServiceHandle, gImageHandle);
+    if (EFI_ERROR(status)) {
+      LogPrint(u"OpenIp4Protocol() error.\r\n");
+      return status;
+    }
+    ip4_ = child_.Get();
     return status;
   }
-  EFI_IP4_PROTOCOL* ip4 = child.Get();
+  // ICMP with the NIC's default address; EFI_NO_MAPPING while the driver has no address yet.
+  EFI_STATUS Configure();
+  EFI_STATUS AwaitAddress(const PingProgress* Progress);
+  // The receive token, the second timer and the echo request.
+  EFI_STATUS Arm();
+  // Count requests one a second until as many replies came or one is two seconds late.
+  EFI_STATUS Exchange(UINT32 Count);
 
-  wc::EventOwner mappingTimer;
-  wc::EventOwner rxEvent;
-  wc::EventOwner txEvent;
-  wc::EventOwner secondTimer;
-  wc::PoolPtr<UINT8> request;
-  EFI_IP4_COMPLETION_TOKEN rxToken = {};
-  EFI_IP4_COMPLETION_TOKEN txToken = {};
-  // Runs before the owners above release anything: the child must stop using the tokens first.
-  wc::ScopeGuard endOfRun([&] {
-    ip4->Configure(ip4, nullptr);
-    if (rxToken.Status == EFI_SUCCESS && rxToken.Packet.RxData != nullptr)
-      gBS->SignalEvent(rxToken.Packet.RxData->RecycleSignal);
-    if (secondTimer)
-      gBS->SetTimer(secondTimer.Get(), TimerCancel, 0);
-  });
+private:
+  // A first look of one second; TRUE when the address came within it.
+  bool LookForAddress();
+  EFI_STATUS WaitLong();
+  EFI_STATUS WaitInteractive(const PingProgress* Progress);
+  // One received packet: checked, timed, given back, and the receive token armed again.
+  EFI_STATUS TakeReceived();
+  static void EFIAPI CountTick(EFI_EVENT, void* Context) {
+    auto* session = static_cast<PingSession*>(Context);
+    session->ticks_ = session->ticks_ + 1;
+  }
 
+  PingVariant variant_;
+  VariantState& state_;
+  EFI_IPv4_ADDRESS destination_;
+  Ip4Child child_;
+  EFI_IP4_PROTOCOL* ip4_ = nullptr;
+  wc::EventOwner mappingTimer_;
+  wc::EventOwner rxEvent_;
+  wc::EventOwner txEvent_;
+  wc::EventOwner secondTimer_;
+  wc::PoolPtr<UINT8> request_;
+  EFI_IP4_COMPLETION_TOKEN rxToken_ = {};
+  EFI_IP4_COMPLETION_TOKEN txToken_ = {};
+  EFI_IP4_TRANSMIT_DATA txData_ = {};
+  volatile UINTN ticks_ = 0; // seconds of the interactive address wait, counted by its timer
+  UINT16 baseSum_ = 0;       // the checksum of request n is derived from this sum and n
+  UINT16 sequence_ = 0;
+  UINT64 sendTimes_[kMaxTimedRequests] = {};
+};
+
+EFI_STATUS PingSession::Configure() {
   EFI_IP4_CONFIG_DATA config = {};
   config.DefaultProtocol = 1; // ICMP
   config.AcceptIcmpErrors = TRUE;
   config.UseDefaultAddress = TRUE;
   config.TimeToLive = 128;
-  status = ip4->Configure(ip4, &config);
-  if (EFI_ERROR(status) && status != EFI_NO_MAPPING) {
+  EFI_STATUS status = ip4_->Configure(ip4_, &config);
+  if (EFI_ERROR(status) && status != EFI_NO_MAPPING)
     LogPrint(u"EFI IP4 Protocol Configure error.(%r)\r\n", status);
-    return status;
-  }
-
-  if (status == EFI_NO_MAPPING) {
-    // A first look of one second.
-    bool configured = false;
-    if (EFI_ERROR(mappingTimer.Create(EVT_TIMER, TPL_CALLBACK)) ||
-        EFI_ERROR(gBS->SetTimer(mappingTimer.Get(), TimerRelative, kOneSecond))) {
-      LogPrint(u"Failed to create event.\r\n");
-    } else {
-      while (EFI_ERROR(gBS->CheckEvent(mappingTimer.Get()))) {
-        ip4->Poll(ip4);
-        if (IsConfigured(ip4)) {
-          configured = true;
-          break;
-        }
-        TracePrint(u"Polling...\r\n");
-        gBS->Stall(kPollingPause);
-      }
-    }
-    mappingTimer.Close();
-    if (!state.currentPlatform) {
-      EFI_IP4_MODE_DATA mode = {};
-      ip4->GetModeData(ip4, &mode, nullptr, nullptr);
-      DumpIp4ModeData(&mode);
-    }
-
-    if (!configured) {
-      LogPrint(u"EFI IP4 Protocol Mapping error.(%r)\r\n", EFI_NO_MAPPING);
-      if (Variant == PingVariant::PingTest) {
-        status = mappingTimer.Create(EVT_TIMER, TPL_CALLBACK);
-        if (!EFI_ERROR(status))
-          status = gBS->SetTimer(mappingTimer.Get(), TimerRelative, kMappingWait);
-        if (EFI_ERROR(status))
-          return status;
-        while (EFI_ERROR(gBS->CheckEvent(mappingTimer.Get()))) {
-          ip4->Poll(ip4);
-          if (IsConfigured(ip4))
-            break;
-        }
-      } else {
-        gInteractiveTicks = 0;
-        status = mappingTimer.Create(EVT_TIMER | EVT_NOTIFY_SIGNAL, TPL_CALLBACK, CountTick);
-        if (!EFI_ERROR(status))
-          status = gBS->SetTimer(mappingTimer.Get(), TimerPeriodic, kOneSecond);
-        if (EFI_ERROR(status))
-          return status;
-        UINTN limit = state.currentPlatform ? kInteractiveMappingTicks : 1;
-        while (gInteractiveTicks < limit) {
-          ip4->Poll(ip4);
-          if (IsConfigured(ip4))
-            break;
-          if (state.currentPlatform && Progress != nullptr && EFI_ERROR(Progress(gInteractiveTicks, limit)))
-            return EFI_ABORTED;
-        }
-        gBS->SetTimer(mappingTimer.Get(), TimerCancel, 0);
-      }
-      EFI_STATUS readStatus;
-      if (!IsConfigured(ip4, &readStatus)) {
-        LogPrint(u"EFI IP4 Protocol Mapping error again.(%r)\r\n", readStatus);
-        return EFI_NO_MAPPING;
-      }
-      status = EFI_SUCCESS;
-    } else {
-      status = EFI_SUCCESS;
-      LogPrint(u"Successfully configure the EFI IP4 Protocol instance.(%r)\r\n", status);
-    }
-  } else {
+  else if (status != EFI_NO_MAPPING)
     LogPrint(u"Successfully configure the EFI IP4 Protocol instance.(%r)\r\n", status);
-  }
-  if (Count == 0)
-    return EFI_SUCCESS;
+  return status;
+}
 
-  status = rxEvent.Create(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, IgnoreNotify);
+bool PingSession::LookForAddress() {
+  bool configured = false;
+  if (EFI_ERROR(mappingTimer_.Create(EVT_TIMER, TPL_CALLBACK)) ||
+      EFI_ERROR(gBS->SetTimer(mappingTimer_.Get(), TimerRelative, kOneSecond))) {
+    LogPrint(u"Failed to create event.\r\n");
+  } else {
+    while (EFI_ERROR(gBS->CheckEvent(mappingTimer_.Get()))) {
+      ip4_->Poll(ip4_);
+      if (IsConfigured(ip4_)) {
+        configured = true;
+        break;
+      }
+      TracePrint(u"Polling...\r\n");
+      gBS->Stall(kPollingPause);
+    }
+  }
+  mappingTimer_.Close();
+  if (!state_.currentPlatform) {
+    EFI_IP4_MODE_DATA mode = {};
+    ip4_->GetModeData(ip4_, &mode, nullptr, nullptr);
+    DumpIp4ModeData(&mode);
+  }
+  return configured;
+}
+
+// The ping test waits up to 60 seconds, polling.
+EFI_STATUS PingSession::WaitLong() {
+  EFI_STATUS status = mappingTimer_.Create(EVT_TIMER, TPL_CALLBACK);
+  if (!EFI_ERROR(status))
+    status = gBS->SetTimer(mappingTimer_.Get(), TimerRelative, kMappingWait);
   if (EFI_ERROR(status))
     return status;
-  rxToken.Event = rxEvent.Get();
-  rxToken.Packet.RxData = nullptr;
-  rxToken.Status = EFI_NOT_READY;
-  status = ip4->Receive(ip4, &rxToken);
+  while (EFI_ERROR(gBS->CheckEvent(mappingTimer_.Get()))) {
+    ip4_->Poll(ip4_);
+    if (IsConfigured(ip4_))
+      break;
+  }
+  return EFI_SUCCESS;
+}
+
+// The interactive test counts 60 one-second ticks (one on an older platform) and reports them.
+EFI_STATUS PingSession::WaitInteractive(const PingProgress* Progress) {
+  ticks_ = 0;
+  EFI_STATUS status = mappingTimer_.Create(EVT_TIMER | EVT_NOTIFY_SIGNAL, TPL_CALLBACK, CountTick, this);
+  if (!EFI_ERROR(status))
+    status = gBS->SetTimer(mappingTimer_.Get(), TimerPeriodic, kOneSecond);
+  if (EFI_ERROR(status))
+    return status;
+  UINTN limit = state_.currentPlatform ? kInteractiveMappingTicks : 1;
+  while (ticks_ < limit) {
+    ip4_->Poll(ip4_);
+    if (IsConfigured(ip4_))
+      break;
+    if (state_.currentPlatform && Progress != nullptr &&
+        EFI_ERROR(Progress->Report(Progress->Context, ticks_, limit)))
+      return EFI_ABORTED;
+  }
+  gBS->SetTimer(mappingTimer_.Get(), TimerCancel, 0);
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS PingSession::AwaitAddress(const PingProgress* Progress) {
+  if (LookForAddress()) {
+    LogPrint(u"Successfully configure the EFI IP4 Protocol instance.(%r)\r\n", EFI_SUCCESS);
+    return EFI_SUCCESS;
+  }
+  LogPrint(u"EFI IP4 Protocol Mapping error.(%r)\r\n", EFI_NO_MAPPING);
+  EFI_STATUS status = variant_ == PingVariant::PingTest ? WaitLong() : WaitInteractive(Progress);
+  if (EFI_ERROR(status))
+    return status;
+  EFI_STATUS readStatus;
+  if (!IsConfigured(ip4_, &readStatus)) {
+    LogPrint(u"EFI IP4 Protocol Mapping error again.(%r)\r\n", readStatus);
+    return EFI_NO_MAPPING;
+  }
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS PingSession::Arm() {
+  EFI_STATUS status = rxEvent_.Create(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, IgnoreNotify);
+  if (EFI_ERROR(status))
+    return status;
+  rxToken_.Event = rxEvent_.Get();
+  rxToken_.Packet.RxData = nullptr;
+  rxToken_.Status = EFI_NOT_READY;
+  status = ip4_->Receive(ip4_, &rxToken_);
   if (EFI_ERROR(status)) {
     LogPrint(u"IP4 Protocol Receive() error!(%r)\r\n", status);
     return status;
   }
-
-  status = secondTimer.Create(EVT_TIMER, TPL_CALLBACK);
+  status = secondTimer_.Create(EVT_TIMER, TPL_CALLBACK);
   if (EFI_ERROR(status)) {
     LogPrint(u"Failed to create event.(%r)\r\n", status);
     return status;
   }
-  status = gBS->SetTimer(secondTimer.Get(), TimerPeriodic, kOneSecond);
+  status = gBS->SetTimer(secondTimer_.Get(), TimerPeriodic, kOneSecond);
   if (EFI_ERROR(status)) {
     LogPrint(u"Failed to set timer.(%r)\r\n", status);
     return status;
   }
-  status = txEvent.Create(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, IgnoreNotify);
+  status = txEvent_.Create(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, IgnoreNotify);
   if (EFI_ERROR(status))
     return status;
 
   TracePrint(u"The destination ip address:\r\n");
-  DumpIpv4Address(&DestinationAddress);
-  request = wc::PoolPtr<UINT8>::Allocate(kEchoRequestBytes);
-  if (!request) {
+  DumpIpv4Address(&destination_);
+  request_ = wc::PoolPtr<UINT8>::Allocate(kEchoRequestBytes);
+  if (!request_) {
     LogPrint(u"Failed to allocate memory resource.\r\n");
     return EFI_OUT_OF_RESOURCES;
   }
-  // The checksum of request n is derived from this sum and n.
-  UINT16 baseSum = BuildEchoRequest(request.Get(), state.identifier);
+  baseSum_ = BuildEchoRequest(request_.Get(), state_.identifier);
+  txData_.DestinationAddress = destination_;
+  txData_.TotalDataLength = kEchoRequestBytes;
+  txData_.FragmentCount = 1;
+  txData_.FragmentTable[0].FragmentLength = kEchoRequestBytes;
+  txData_.FragmentTable[0].FragmentBuffer = request_.Get();
+  txToken_.Event = txEvent_.Get();
+  txToken_.Packet.TxData = &txData_;
+  txToken_.Status = EFI_ABORTED;
+  return EFI_SUCCESS;
+}
 
-  EFI_IP4_TRANSMIT_DATA txData = {};
-  txData.DestinationAddress = DestinationAddress;
-  txData.TotalDataLength = kEchoRequestBytes;
-  txData.FragmentCount = 1;
-  txData.FragmentTable[0].FragmentLength = kEchoRequestBytes;
-  txData.FragmentTable[0].FragmentBuffer = request.Get();
-  txToken.Event = txEvent.Get();
-  txToken.Packet.TxData = &txData;
-  txToken.Status = EFI_ABORTED;
+EFI_STATUS PingSession::TakeReceived() {
+  UINT64 arrived = ReadTimeStampCounter();
+  ConsolePrint(u"Receive Packet......\r\n");
+  EFI_IP4_RECEIVE_DATA* rx = rxToken_.Packet.RxData;
+  if (CheckEchoReply(rx, destination_, variant_)) {
+    const auto* icmp = static_cast<const UINT8*>(rx->FragmentTable[0].FragmentBuffer);
+    UINT16 replySequence = ReadLe16(icmp + 6);
+    const UINT8* d = destination_.Addr;
+    if (replySequence <= sequence_ && replySequence < kMaxTimedRequests)
+      LogPrint(u"Reply seq %d from %d.%d.%d.%d: time %d us\r\n", replySequence, d[0], d[1], d[2], d[3],
+               (arrived - sendTimes_[replySequence]) / TscPerMicrosecond());
+  }
+  if (rx != nullptr)
+    gBS->SignalEvent(rx->RecycleSignal);
+  rxToken_.Packet.RxData = nullptr;
+  rxToken_.Status = EFI_ABORTED;
+  EFI_STATUS status = ip4_->Receive(ip4_, &rxToken_);
+  if (EFI_ERROR(status))
+    LogPrint(u"IP4 Protocol Receive()error!(%r)\r\n", status);
+  return status;
+}
 
-  UINT64 sendTimes[kMaxTimedRequests] = {};
-  UINT64 tscPerUs = TscPerMicrosecond();
-  UINT16 sequence = 0;
-  sendTimes[0] = ReadTimeStampCounter();
-  status = ip4->Transmit(ip4, &txToken);
+EFI_STATUS PingSession::Exchange(UINT32 Count) {
+  TscPerMicrosecond(); // calibrated before the first request leaves, not while replies arrive
+  sendTimes_[0] = ReadTimeStampCounter();
+  EFI_STATUS status = ip4_->Transmit(ip4_, &txToken_);
   if (EFI_ERROR(status)) {
     LogPrint(u"IP4 Protocol Transmit() error!(%r)\r\n", status);
     return status;
   }
   UINT32 sent = 1;
   UINT32 ticks = 0;
-
   for (;;) {
-    ip4->Poll(ip4);
-    if (!EFI_ERROR(gBS->CheckEvent(secondTimer.Get()))) {
+    ip4_->Poll(ip4_);
+    if (!EFI_ERROR(gBS->CheckEvent(secondTimer_.Get()))) {
       ++ticks;
       if (sent < Count) {
-        if (txToken.Status != EFI_SUCCESS)
-          ip4->Cancel(ip4, &txToken);
-        ++sequence;
-        SetEchoSequence(request.Get(), baseSum, sequence);
-        txToken.Status = EFI_ABORTED;
-        if (sequence < kMaxTimedRequests)
-          sendTimes[sequence] = ReadTimeStampCounter();
-        status = ip4->Transmit(ip4, &txToken);
+        if (txToken_.Status != EFI_SUCCESS)
+          ip4_->Cancel(ip4_, &txToken_);
+        ++sequence_;
+        SetEchoSequence(request_.Get(), baseSum_, sequence_);
+        txToken_.Status = EFI_ABORTED;
+        if (sequence_ < kMaxTimedRequests)
+          sendTimes_[sequence_] = ReadTimeStampCounter();
+        status = ip4_->Transmit(ip4_, &txToken_);
         if (EFI_ERROR(status)) {
           LogPrint(u"IP4 Protocol Transmit()error!(%r)\r\n", status);
-          break;
+          return status;
         }
         ++sent;
       }
     }
-    if (rxToken.Status == EFI_SUCCESS) {
-      UINT64 arrived = ReadTimeStampCounter();
-      ConsolePrint(u"Receive Packet......\r\n");
-      EFI_IP4_RECEIVE_DATA* rx = rxToken.Packet.RxData;
-      if (CheckEchoReply(rx, DestinationAddress, Variant)) {
-        const auto* icmp = static_cast<const UINT8*>(rx->FragmentTable[0].FragmentBuffer);
-        UINT16 replySequence = ReadLe16(icmp + 6);
-        if (replySequence <= sequence && replySequence < kMaxTimedRequests)
-          LogPrint(u"Reply seq %d from %d.%d.%d.%d: time %d us\r\n", replySequence,
-                   DestinationAddress.Addr[0], DestinationAddress.Addr[1], DestinationAddress.Addr[2],
-                   DestinationAddress.Addr[3], (arrived - sendTimes[replySequence]) / tscPerUs);
-      }
-      if (rx != nullptr)
-        gBS->SignalEvent(rx->RecycleSignal);
-      rxToken.Packet.RxData = nullptr;
-      rxToken.Status = EFI_ABORTED;
-      status = ip4->Receive(ip4, &rxToken);
-      if (EFI_ERROR(status)) {
-        LogPrint(u"IP4 Protocol Receive()error!(%r)\r\n", status);
-        break;
-      }
+    if (rxToken_.Status == EFI_SUCCESS) {
+      status = TakeReceived();
+      if (EFI_ERROR(status))
+        return status;
     }
-    if (state.replies >= Count) {
+    if (state_.replies >= Count) {
       ConsolePrint(u"All Received!\r\n");
-      break;
+      return status;
     }
     if (UINT32(ticks + 1 - sent) >= 2) {
-      status = EFI_TIMEOUT;
       ConsolePrint(u"Receive Time Out!\r\n");
-      break;
+      return EFI_TIMEOUT;
     }
   }
-  return status;
+}
+
+} // namespace
+
+EFI_STATUS ExecutePingProcess(EFI_HANDLE Ip4ServiceBindingHandle, const EFI_IPv4_ADDRESS& DestinationAddress,
+                              UINT32 Count, const PingProgress* Progress, PingVariant Variant) {
+  TracePrint(u"enter ExecutePingProcess()\r\n");
+  StateOf(Variant).replies = 0;
+  PingSession session(Variant, DestinationAddress);
+  EFI_STATUS status = session.Open(Ip4ServiceBindingHandle);
+  if (EFI_ERROR(status))
+    return status;
+  status = session.Configure();
+  if (status == EFI_NO_MAPPING)
+    status = session.AwaitAddress(Progress);
+  if (EFI_ERROR(status))
+    return status;
+  if (Count == 0)
+    return EFI_SUCCESS;
+  status = session.Arm();
+  if (EFI_ERROR(status))
+    return status;
+  return session.Exchange(Count);
 }
 
 void DecideCurrentPlatform(PingVariant Variant) {

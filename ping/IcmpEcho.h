@@ -9,10 +9,15 @@ constexpr UINTN kEchoRequestBytes = 272;
 constexpr UINT8 kIcmpEchoRequest = 8;
 constexpr UINT8 kIcmpEchoReply = 0;
 
-using PingProgress = EFI_STATUS (*)(UINTN Ticks, UINTN Total);
+// The interactive variant's report while it waits for the address: Ticks of Total seconds gone.
+// A failure ends the wait and the run with EFI_ABORTED.
+struct PingProgress {
+  EFI_STATUS (*Report)(void* Context, UINTN Ticks, UINTN Total);
+  void* Context;
+};
 
 EFI_STATUS ExecutePingProcess(EFI_HANDLE Ip4ServiceBindingHandle, const EFI_IPv4_ADDRESS& DestinationAddress,
-                              UINT32 Count, PingProgress Progress, PingVariant Variant);
+                              UINT32 Count, const PingProgress* Progress, PingVariant Variant);
 
 // The current-platform flag of each variant (1 until its test sets it).
 void SetCurrentPlatform(PingVariant Variant, BOOLEAN Current);

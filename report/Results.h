@@ -37,13 +37,3 @@ template <UINTN N> constexpr UINTN ErrorCodeFor(EFI_STATUS Status, const StatusE
       return k.ErrorCode;
   return ERROR_CODE_SOFTWARE;
 }
-
-// A test's answer to an interrupt value from a progress report: 2 (Cancelled) or 3 (Failed) becomes
-// the result, and a failed test carries ERROR_CODE_OPERATOR_ABORT. FALSE when the value is 0.
-inline bool TakeInterrupt(UINTN Interrupt, UINTN* Result, UINTN* ErrorCode) {
-  if (Interrupt == 0)
-    return false;
-  *Result = Interrupt;
-  *ErrorCode = Interrupt == TEST_RESULT_FAILED ? ERROR_CODE_OPERATOR_ABORT : ERROR_CODE_NONE;
-  return true;
-}

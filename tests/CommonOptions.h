@@ -4,26 +4,30 @@
 
 inline constexpr OptionInfo kOptionsEnd = {};
 
-inline constexpr OptionInfo kRetriesOption = {
-    u"-retries", u"Number of retries in case of failure.", OPTION_TYPE_INTEGER, u"0", u"0", u"5", nullptr,
-    FALSE};
-inline constexpr OptionInfo kTestRepeatsOption = {u"-testrepeats",
-                                                  u"The number of times to run the test.",
-                                                  OPTION_TYPE_INTEGER,
-                                                  u"1",
-                                                  u"1",
-                                                  u"50",
-                                                  nullptr,
-                                                  FALSE};
-inline constexpr OptionInfo kIndexOption = {
-    u"-index", u"Index of network card to test.", OPTION_TYPE_INTEGER, u"1", u"1", u"128", nullptr, FALSE};
-inline constexpr OptionInfo kDeviceIdOption = {u"-DeviceID",
-                                               u"DeviceID of Network controller to be tested.",
-                                               OPTION_TYPE_STRING,
-                                               nullptr,
-                                               nullptr,
-                                               nullptr,
-                                               nullptr,
-                                               FALSE};
-inline constexpr OptionInfo kNetworkSpeedOption = {
-    u"-NetworkSpeed", u"Expected speed in Mbps.", OPTION_TYPE_INTEGER, u"100", u"1", u"9999", nullptr, FALSE};
+inline constexpr OptionInfo kRetriesOption = {.Name = u"-retries",
+                                              .Description = u"Number of retries in case of failure.",
+                                              .Type = OPTION_TYPE_INTEGER,
+                                              .Default = u"0",
+                                              .Low = u"0",
+                                              .High = u"5"};
+inline constexpr OptionInfo kTestRepeatsOption = {.Name = u"-testrepeats",
+                                                  .Description = u"The number of times to run the test.",
+                                                  .Type = OPTION_TYPE_INTEGER,
+                                                  .Default = u"1",
+                                                  .Low = u"1",
+                                                  .High = u"50"};
+inline constexpr OptionInfo kIndexOption = {.Name = u"-index",
+                                            .Description = u"Index of network card to test.",
+                                            .Type = OPTION_TYPE_INTEGER,
+                                            .Default = u"1",
+                                            .Low = u"1",
+                                            .High = u"128"};
+inline constexpr OptionInfo kDeviceIdOption = {.Name = u"-DeviceID",
+                                               .Description = u"DeviceID of Network controller to be tested.",
+                                               .Type = OPTION_TYPE_STRING};
+inline constexpr OptionInfo kNetworkSpeedOption = {.Name = u"-NetworkSpeed",
+                                                   .Description = u"Expected speed in Mbps.",
+                                                   .Type = OPTION_TYPE_INTEGER,
+                                                   .Default = u"100",
+                                                   .Low = u"1",
+                                                   .High = u"9999"};

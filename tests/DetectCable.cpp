@@ -1,64 +1,61 @@
 // detectcable: one empty flag file per NIC that has a cable, in a flag directory emptied of earlier
 // flags first. NICs are counted by distinct permanent MAC address, so the several simple-network
 // handles the firmware shows for one controller count once.
-#include "base/Cxx.h"
-#include "nic/NicAccess.h"
-#include "base/DevicePathText.h"
 #include "base/Globals.h"
 #include "base/Memory.h"
 #include "base/Owners.h"
 #include "base/String.h"
+#include "nic/MediaCheck.h"
+#include "nic/NicAccess.h"
 #include "options/OptionStore.h"
 #include "report/Output.h"
-#include "report/Progress.h"
-#include "report/Results.h"
+#include "report/TestRun.h"
 #include "support/DebugLog.h"
 #include "support/FileIo.h"
 #include "tests/CommonOptions.h"
 #include "text/OrderedList.h"
-#include "uefi/protocol/SimpleNetwork.h"
 
 EFI_STATUS DetectCable(UINTN* Result, UINTN* ErrorCode);
-EFI_STATUS CheckMediaPresent(EFI_HANDLE Handle, BOOLEAN* MediaPresent, BOOLEAN* NewNic);
-INTN CompareMacInfo(const void* A, const void* B);
-void FreeMacInfo(void* Element, ORDERED_LIST_NODE* Node);
 
 namespace {
 
 constexpr OptionInfo kOptions[] = {
-    {u"-flagfiledir", u"Location of flags directory.", OPTION_TYPE_STRING, u"\\flags", nullptr, nullptr,
-     nullptr, FALSE},
-    {u"-flagfilename", u"Base name of the flag file.", OPTION_TYPE_STRING, u"Network", nullptr, nullptr,
-     nullptr, FALSE},
+    {.Name = u"-flagfiledir",
+     .Description = u"Location of flags directory.",
+     .Type = OPTION_TYPE_STRING,
+     .Default = u"\\flags"},
+    {.Name = u"-flagfilename",
+     .Description = u"Base name of the flag file.",
+     .Type = OPTION_TYPE_STRING,
+     .Default = u"Network"},
     kOptionsEnd,
 };
 
+// This test reads no answer at its progress reports.
+constexpr ProgressPoint kStart = {1, 10};
+constexpr ProgressPoint kOptionsRead = {20, 9};
+constexpr ProgressPoint kDone = {99, 0};
+
 constexpr UINTN kPathBytes = 512;
+
+// The media check as this test makes it: a NIC whose Initialize fails is stopped again, as it was.
+constexpr MediaCheckRules kMediaRules = {
+    .OpenFailed = u"Failed to open Simple Network Protocol, Status = %r.\r\n",
+    .NotSupported = u"Simple Network Protocol MediaPresent is not supported.",
+    .Starting = nullptr,
+    .StartFailed = u"Failed to start Simple Network Protocol, Status = %r.\r\n",
+    .InitializeFailed = u"Failed to initialize Simple Network Protocol, Status = %r.\r\n",
+    .StopAfterFailedInitialize = true,
+    .Running = u"Mode->State = %x.\r\n",
+    .StatusRead = u"GetStatus of Simple Network Protocol, Status = %r.\r\n",
+    .StatusFailed = u"Failed to GetStatus of Simple Network Protocol, Status = %r.\r\n",
+    .Present = nullptr,
+};
 
 struct DetectCableCmdOption {
   const CHAR16* FlagFileDir;
   const CHAR16* FlagFileName;
 };
-
-constinit DetectCableCmdOption gOptions = {};
-constinit ORDERED_LIST* gMacInfoList = nullptr;
-
-EFI_STATUS ReadOptions() {
-  const CHAR16* names[] = {u"-flagfiledir", u"-flagfilename"};
-  const CHAR16** values[] = {&gOptions.FlagFileDir, &gOptions.FlagFileName};
-  const CHAR16* traces[] = {u"FlagFileDir:%s\r\n", u"FlagFileName:%s\r\n"};
-  for (UINTN i = 0; i < 2; ++i) {
-    UINT64 value = 0;
-    EFI_STATUS status = GetOptionValue(names[i], &value, nullptr);
-    if (EFI_ERROR(status)) {
-      LogPrint(u"Failed to get value of option %s - %r\r\n", names[i], status);
-      return status;
-    }
-    *values[i] = reinterpret_cast<const CHAR16*>(static_cast<UINTN>(value));
-    TracePrint(traces[i], *values[i]);
-  }
-  return EFI_SUCCESS;
-}
 
 // A listing of the flag directory, given back with its names.
 struct Listing {
@@ -72,68 +69,7 @@ struct Listing {
   }
 };
 
-// Empties the flag directory of files whose names begin with the flag name, or makes the directory.
-EFI_STATUS CleanFlagDirectory(UINTN* Result, UINTN* ErrorCode) {
-  auto fail = [&](EFI_STATUS status) {
-    *Result = TEST_RESULT_FAILED;
-    *ErrorCode = ERROR_CODE_SOFTWARE;
-    return status;
-  };
-  CHAR16 dir[kPathBytes / sizeof(CHAR16)];
-  SPrint(dir, sizeof(dir), u"%s", gOptions.FlagFileDir);
-  FileIoResolvePath(dir, sizeof(dir));
-  Listing listing;
-  EFI_STATUS status = FileIoListDirectory(dir, &listing.entries, &listing.count);
-  if (status == EFI_NOT_FOUND) {
-    status = FileIoCreateDirectory(dir);
-    if (EFI_ERROR(status)) {
-      LogPrint(u"Create File Directory failed\r\n, Status =%r.", status);
-      return fail(status);
-    }
-    return EFI_SUCCESS;
-  }
-  if (EFI_ERROR(status)) {
-    LogPrint(u"Get File List failed\r\n, Status =%r.", status);
-    return fail(status);
-  }
-  LogPrint(u"FileCount = %d\r\n", listing.count);
-  UINTN prefix = StrLen(gOptions.FlagFileName);
-  for (UINTN i = 0; i < listing.count; ++i) {
-    const FILE_IO_LIST_ENTRY& entry = listing.entries[i];
-    if ((entry.Attribute & EFI_FILE_DIRECTORY) != 0)
-      continue;
-    LogPrint(u"FileInfoList[Index].FileName = %s\r\n", entry.FileName);
-    LogPrint(u"DetectCableCmdOption.FlagFileName = %s\r\n", gOptions.FlagFileName);
-    if (StrniCmp(entry.FileName, gOptions.FlagFileName, prefix) != 0)
-      continue;
-    CHAR16 path[kPathBytes / sizeof(CHAR16)];
-    SPrint(path, sizeof(path), u"%s\\%s", gOptions.FlagFileDir, entry.FileName);
-    FileIoResolvePath(path, sizeof(path));
-    LogPrint(u"DeletingFilePath = %s\r\n", path);
-    status = FileIoDeleteFile(path);
-    if (EFI_ERROR(status)) {
-      LogPrint(u"delete current existed flag file failed\r\n");
-      return fail(status);
-    }
-  }
-  return EFI_SUCCESS;
-}
-
-EFI_STATUS OpenByHandle(EFI_HANDLE handle, const EFI_GUID& guid, wc::OpenedProtocol<void>& opened) {
-  return opened.Open(handle, guid, gImageHandle, nullptr, EFI_OPEN_PROTOCOL_BY_HANDLE_PROTOCOL);
-}
-
-} // namespace
-
-extern const TestInfo kDetectCableTest = {
-    u"detectcable",
-    u"This test is used to generate flag files depending on which network card and network cables are "
-    u"connected.",
-    kOptions,
-    DetectCable,
-    10,
-    TestErrorGroup(1)};
-
+// Two missing elements are equal, a missing one is less; otherwise all 32 bytes compare.
 INTN CompareMacInfo(const void* A, const void* B) {
   if (A == nullptr || B == nullptr)
     return A == B ? 0 : (A == nullptr ? -1 : 1);
@@ -148,7 +84,146 @@ void FreeMacInfo(void* Element, ORDERED_LIST_NODE*) {
   FreePool(Element);
 }
 
-EFI_STATUS CheckMediaPresent(EFI_HANDLE Handle, BOOLEAN* MediaPresent, BOOLEAN* NewNic) {
+EFI_STATUS DestroyList(ORDERED_LIST* List) {
+  return OrderedListDestroy(List);
+}
+using MacInfoList = wc::Owned<ORDERED_LIST, DestroyList>;
+
+class DetectCableRun : public TestRun {
+public:
+  void Execute() {
+    TracePrint(u"enter DetectCable()\r\n");
+    Show(kStart);
+    if (!ReadOptions())
+      return;
+    Show(kOptionsRead);
+    if (CleanFlagDirectory() && FindNics() && WriteFlags()) {
+      Show(kDone);
+      End(Outcome::Passed());
+    }
+  }
+
+private:
+  bool ReadOptions();
+  bool CleanFlagDirectory();
+  bool FindNics();
+  bool WriteFlags();
+  // One simple-network handle: its media state, and whether its permanent address is a NIC not
+  // counted yet.
+  EFI_STATUS CheckMediaPresent(EFI_HANDLE Handle, BOOLEAN* MediaPresent, BOOLEAN* NewNic);
+  bool Fail(EFI_STATUS Status) { return End(Outcome::Failed(ERROR_CODE_SOFTWARE, Status)); }
+
+  DetectCableCmdOption options_ = {};
+  wc::HandleBuffer handles_;
+  MacInfoList macs_;
+};
+
+bool DetectCableRun::ReadOptions() {
+  const CHAR16* names[] = {u"-flagfiledir", u"-flagfilename"};
+  const CHAR16** values[] = {&options_.FlagFileDir, &options_.FlagFileName};
+  const CHAR16* traces[] = {u"FlagFileDir:%s\r\n", u"FlagFileName:%s\r\n"};
+  for (UINTN i = 0; i < 2; ++i) {
+    UINT64 value = 0;
+    EFI_STATUS status = GetOptionValue(names[i], &value, nullptr);
+    if (EFI_ERROR(status)) {
+      LogPrint(u"Failed to get value of option %s - %r\r\n", names[i], status);
+      return Fail(EFI_SUCCESS);
+    }
+    *values[i] = reinterpret_cast<const CHAR16*>(static_cast<UINTN>(value));
+    TracePrint(traces[i], *values[i]);
+  }
+  return true;
+}
+
+// Empties the flag directory of files whose names begin with the flag name, or makes the directory.
+bool DetectCableRun::CleanFlagDirectory() {
+  CHAR16 dir[kPathBytes / sizeof(CHAR16)];
+  SPrint(dir, sizeof(dir), u"%s", options_.FlagFileDir);
+  FileIoResolvePath(dir, sizeof(dir));
+  Listing listing;
+  EFI_STATUS status = FileIoListDirectory(dir, &listing.entries, &listing.count);
+  if (status == EFI_NOT_FOUND) {
+    status = FileIoCreateDirectory(dir);
+    if (EFI_ERROR(status)) {
+      LogPrint(u"Create File Directory failed\r\n, Status =%r.", status);
+      return Fail(status);
+    }
+    return true;
+  }
+  if (EFI_ERROR(status)) {
+    LogPrint(u"Get File List failed\r\n, Status =%r.", status);
+    return Fail(status);
+  }
+  LogPrint(u"FileCount = %d\r\n", listing.count);
+  UINTN prefix = StrLen(options_.FlagFileName);
+  for (UINTN i = 0; i < listing.count; ++i) {
+    const FILE_IO_LIST_ENTRY& entry = listing.entries[i];
+    if ((entry.Attribute & EFI_FILE_DIRECTORY) != 0)
+      continue;
+    LogPrint(u"FileInfoList[Index].FileName = %s\r\n", entry.FileName);
+    LogPrint(u"DetectCableCmdOption.FlagFileName = %s\r\n", options_.FlagFileName);
+    if (StrniCmp(entry.FileName, options_.FlagFileName, prefix) != 0)
+      continue;
+    CHAR16 path[kPathBytes / sizeof(CHAR16)];
+    SPrint(path, sizeof(path), u"%s\\%s", options_.FlagFileDir, entry.FileName);
+    FileIoResolvePath(path, sizeof(path));
+    LogPrint(u"DeletingFilePath = %s\r\n", path);
+    status = FileIoDeleteFile(path);
+    if (EFI_ERROR(status)) {
+      LogPrint(u"delete current existed flag file failed\r\n");
+      return Fail(status);
+    }
+  }
+  return true;
+}
+
+bool DetectCableRun::FindNics() {
+  EFI_STATUS status = handles_.Locate(EFI_SIMPLE_NETWORK_PROTOCOL_GUID);
+  if (EFI_ERROR(status)) {
+    if (status == EFI_NOT_FOUND)
+      LogPrint(u"No NIC is found!\r\n");
+    else
+      LogPrint(u"Failed Locating Efi Simple Network Protocol!(%r)\r\n", status);
+    return End(Outcome::Failed(ERROR_CODE_NO_NIC));
+  }
+  LogPrint(u"EFI IP4 Simple Network Protocol: 0x%x\r\n", handles_.Count());
+  if (EFI_ERROR(OrderedListCreate(macs_.Receive(), CompareMacInfo, FreeMacInfo)))
+    return Fail(EFI_SUCCESS);
+  return true;
+}
+
+bool DetectCableRun::WriteFlags() {
+  UINTN number = 1;
+  for (UINTN i = 0; i < handles_.Count(); ++i) {
+    BOOLEAN present = FALSE;
+    BOOLEAN newNic = FALSE;
+    EFI_STATUS status = CheckMediaPresent(handles_[i], &present, &newNic);
+    if (EFI_ERROR(status)) {
+      LogPrint(u"Failed to check media present, Status = %r.\r\n", status);
+      return Fail(status);
+    }
+    if (!newNic) {
+      LogPrint(u"This is not a SNP for MAC layer, Status = %r.\r\n", status);
+      continue;
+    }
+    LogPrint(u"NIC %x Media Present Status = %x.\r\n", number, present ? 1 : 0);
+    CHAR16 path[kPathBytes / sizeof(CHAR16)];
+    SPrint(path, sizeof(path), u"%s\\%s%d.flg", options_.FlagFileDir, options_.FlagFileName, number);
+    FileIoResolvePath(path, sizeof(path));
+    LogPrint(u"FilePath = %s\r\n", path);
+    if (present && !FileIoFileExists(path)) {
+      status = FileIoCreateFile(path);
+      if (EFI_ERROR(status)) {
+        LogPrint(u"create flag file failed\r\n");
+        return Fail(status);
+      }
+    }
+    ++number;
+  }
+  return true;
+}
+
+EFI_STATUS DetectCableRun::CheckMediaPresent(EFI_HANDLE Handle, BOOLEAN* MediaPresent, BOOLEAN* NewNic) {
   *MediaPresent = FALSE;
   *NewNic = FALSE;
   {
@@ -160,61 +235,31 @@ EFI_STATUS CheckMediaPresent(EFI_HANDLE Handle, BOOLEAN* MediaPresent, BOOLEAN* 
     }
     LogPrint(u"the NIC device path:%s\r\n", text.Get());
   }
-  wc::OpenedProtocol<void> opened;
+  MediaState media = {};
   LogPrint(u"DeviceHandle = %x.\r\n", Handle);
   LogPrint(u"&SimpleNetworkProtocolGuid = %x.\r\n", &EFI_SIMPLE_NETWORK_PROTOCOL_GUID);
-  LogPrint(u"&pSimpleNetworkProtocol = %x.\r\n", &opened);
-  EFI_STATUS status = OpenByHandle(Handle, EFI_SIMPLE_NETWORK_PROTOCOL_GUID, opened);
-  if (EFI_ERROR(status)) {
-    LogPrint(u"Failed to open Simple Network Protocol, Status = %r.\r\n", status);
+  LogPrint(u"&pSimpleNetworkProtocol = %x.\r\n", &media);
+  EFI_STATUS status = CheckMedia(Handle, kMediaRules, &media);
+  if (status == EFI_UNSUPPORTED)
+    return EFI_SUCCESS; // no media report: not a MAC-layer NIC, no number
+  if (EFI_ERROR(status))
     return status;
-  }
-  auto* snp = static_cast<EFI_SIMPLE_NETWORK_PROTOCOL*>(opened.Get());
-  if (!snp->Mode->MediaPresentSupported) {
-    LogPrint(u"Simple Network Protocol MediaPresent is not supported.");
-    return EFI_SUCCESS;
-  }
-  if (snp->Mode->State != EfiSimpleNetworkInitialized) {
-    status = snp->Start(snp);
-    if (EFI_ERROR(status)) {
-      LogPrint(u"Failed to start Simple Network Protocol, Status = %r.\r\n", status);
-      return status;
-    }
-    status = snp->Initialize(snp, 0, 0);
-    if (EFI_ERROR(status)) {
-      LogPrint(u"Failed to initialize Simple Network Protocol, Status = %r.\r\n", status);
-      snp->Stop(snp); // as the NIC was before
-      return status;
-    }
-    *MediaPresent = snp->Mode->MediaPresent;
-    snp->Shutdown(snp);
-    snp->Stop(snp);
-  } else {
-    LogPrint(u"Mode->State = %x.\r\n", snp->Mode->State);
-    UINT32 interrupts = 0;
-    status = snp->GetStatus(snp, &interrupts, nullptr);
-    LogPrint(u"GetStatus of Simple Network Protocol, Status = %r.\r\n", status);
-    if (EFI_ERROR(status)) {
-      LogPrint(u"Failed to GetStatus of Simple Network Protocol, Status = %r.\r\n", status);
-      return status;
-    }
-    *MediaPresent = snp->Mode->MediaPresent;
-  }
+  *MediaPresent = media.Present;
 
   auto mac = wc::PoolPtr<EFI_MAC_ADDRESS>::Allocate(sizeof(EFI_MAC_ADDRESS));
   if (!mac) {
     DebugLogPrint(u"Failed malloc of MAC info\r\n");
     return EFI_OUT_OF_RESOURCES;
   }
-  *mac = snp->Mode->PermanentAddress;
+  *mac = media.Permanent;
   ORDERED_LIST_NODE* known = nullptr;
-  status = OrderedListFind(gMacInfoList, mac.Get(), &known);
+  status = OrderedListFind(macs_.Get(), mac.Get(), &known);
   if (EFI_ERROR(status)) {
     DebugLogPrint(u"Failed to find list node, status = %r\r\n", status);
     return status;
   }
   if (known == nullptr) {
-    status = OrderedListAppend(gMacInfoList, mac.Get(), nullptr);
+    status = OrderedListAppend(macs_.Get(), mac.Get(), nullptr);
     if (EFI_ERROR(status)) {
       DebugLogPrint(u"Failed to append MAC info to list, status = %r\r\n", status);
       return status;
@@ -225,68 +270,18 @@ EFI_STATUS CheckMediaPresent(EFI_HANDLE Handle, BOOLEAN* MediaPresent, BOOLEAN* 
   return EFI_SUCCESS;
 }
 
+} // namespace
+
+extern const TestInfo kDetectCableTest = {
+    .Name = u"detectcable",
+    .Description = u"This test is used to generate flag files depending on which network card and network "
+                   u"cables are connected.",
+    .Options = kOptions,
+    .Procedure = DetectCable,
+    .RunTime = 10,
+    .ErrorGroup = TestErrorGroup(1),
+};
+
 EFI_STATUS DetectCable(UINTN* Result, UINTN* ErrorCode) {
-  TracePrint(u"enter DetectCable()\r\n");
-  ProgressUpdate(1, 10, nullptr);
-  auto finish = [&](UINTN result, UINTN error, EFI_STATUS status) {
-    *Result = result;
-    *ErrorCode = error;
-    return status;
-  };
-  if (EFI_ERROR(ReadOptions()))
-    return finish(TEST_RESULT_FAILED, ERROR_CODE_SOFTWARE, EFI_SUCCESS);
-  ProgressUpdate(20, 9, nullptr);
-  EFI_STATUS status = CleanFlagDirectory(Result, ErrorCode);
-  if (EFI_ERROR(status))
-    return status;
-
-  wc::HandleBuffer handles;
-  status = handles.Locate(EFI_SIMPLE_NETWORK_PROTOCOL_GUID);
-  if (EFI_ERROR(status)) {
-    if (status == EFI_NOT_FOUND)
-      LogPrint(u"No NIC is found!\r\n");
-    else
-      LogPrint(u"Failed Locating Efi Simple Network Protocol!(%r)\r\n", status);
-    return finish(TEST_RESULT_FAILED, ERROR_CODE_NO_NIC, EFI_SUCCESS);
-  }
-  LogPrint(u"EFI IP4 Simple Network Protocol: 0x%x\r\n", handles.Count());
-
-  status = OrderedListCreate(&gMacInfoList, CompareMacInfo, FreeMacInfo);
-  wc::ScopeGuard destroyList([] {
-    if (gMacInfoList != nullptr)
-      OrderedListDestroy(gMacInfoList);
-    gMacInfoList = nullptr;
-  });
-  if (EFI_ERROR(status))
-    return finish(TEST_RESULT_FAILED, ERROR_CODE_SOFTWARE, EFI_SUCCESS);
-
-  UINTN number = 1;
-  for (UINTN i = 0; i < handles.Count(); ++i) {
-    BOOLEAN present = FALSE;
-    BOOLEAN newNic = FALSE;
-    status = CheckMediaPresent(handles[i], &present, &newNic);
-    if (EFI_ERROR(status)) {
-      LogPrint(u"Failed to check media present, Status = %r.\r\n", status);
-      return finish(TEST_RESULT_FAILED, ERROR_CODE_SOFTWARE, status);
-    }
-    if (!newNic) {
-      LogPrint(u"This is not a SNP for MAC layer, Status = %r.\r\n", status);
-      continue;
-    }
-    LogPrint(u"NIC %x Media Present Status = %x.\r\n", number, present ? 1 : 0);
-    CHAR16 path[kPathBytes / sizeof(CHAR16)];
-    SPrint(path, sizeof(path), u"%s\\%s%d.flg", gOptions.FlagFileDir, gOptions.FlagFileName, number);
-    FileIoResolvePath(path, sizeof(path));
-    LogPrint(u"FilePath = %s\r\n", path);
-    if (present && !FileIoFileExists(path)) {
-      status = FileIoCreateFile(path);
-      if (EFI_ERROR(status)) {
-        LogPrint(u"create flag file failed\r\n");
-        return finish(TEST_RESULT_FAILED, ERROR_CODE_SOFTWARE, status);
-      }
-    }
-    ++number;
-  }
-  ProgressUpdate(99, 0, nullptr);
-  return finish(TEST_RESULT_PASSED, ERROR_CODE_NONE, EFI_SUCCESS);
+  return RunTest<DetectCableRun>(Result, ErrorCode);
 }

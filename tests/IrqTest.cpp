@@ -3,7 +3,7 @@
 #include "report/Output.h"
 #include "report/Results.h"
 #include "tests/CommonOptions.h"
-#include "tests/NicTestFrame.h"
+#include "tests/NicCheckRun.h"
 
 EFI_STATUS IrqTest(UINTN* Result, UINTN* ErrorCode);
 
@@ -15,17 +15,14 @@ constexpr OptionInfo kOptions[] = {kRetriesOption, kTestRepeatsOption, kIndexOpt
 constexpr UINTN kGroup = TestErrorGroup(6);
 constexpr UINTN kIrqTestFailed = kGroup + 0x01;
 
-CheckOutcome CheckInterruptLine(EFI_HANDLE Nic, const NicTestOptions&, UINTN* Result, UINTN* ErrorCode,
-                                EFI_STATUS* Status) {
+CheckOutcome CheckInterruptLine(NicCheckRun& Run, EFI_HANDLE Nic) {
   PciLocation l = {};
   UINT8 line = 0;
   bool located = !EFI_ERROR(GetNicPciLocation(Nic, &l));
   if (!located ||
       EFI_ERROR(PciConfigRead8(l.Segment, l.Bus, l.Device, l.Function, PCI_INT_LINE_OFFSET, &line))) {
     LogPrint(located ? u"Failed get device vendor id.\r\n" : u"Failed get device PCI location.\r\n");
-    *Result = TEST_RESULT_FAILED;
-    *ErrorCode = ERROR_CODE_SOFTWARE;
-    *Status = EFI_SUCCESS;
+    Run.End(Outcome::Failed(ERROR_CODE_SOFTWARE));
     return CheckOutcome::Ended;
   }
   LogPrint(u"PCI Location[%02x:%02x:%02x:%02x] Interrupt Number %d\r\n", l.Segment, l.Bus, l.Device,
@@ -33,14 +30,27 @@ CheckOutcome CheckInterruptLine(EFI_HANDLE Nic, const NicTestOptions&, UINTN* Re
   return line != 0 ? CheckOutcome::Passed : CheckOutcome::Failed;
 }
 
+constexpr NicCheckTest kTest = {
+    .Reads = {NicOption::Retries, NicOption::TestRepeats, NicOption::Index, NicOption::DeviceId},
+    .Repeats = true,
+    .WaitsForCable = false,
+    .Check = CheckInterruptLine,
+    .PassText = u"IRQ Test successed!\r\n",
+    .FailText = u"IRQ Test failed!\r\n",
+    .FailCode = kIrqTestFailed,
+};
+
 } // namespace
 
-extern const TestInfo kIrqTest = {u"IRQTest", u"This test verifies the NIC IRQ.", kOptions, IrqTest, 10,
-                                  kGroup};
+extern const TestInfo kIrqTest = {
+    .Name = u"IRQTest",
+    .Description = u"This test verifies the NIC IRQ.",
+    .Options = kOptions,
+    .Procedure = IrqTest,
+    .RunTime = 10,
+    .ErrorGroup = kGroup,
+};
 
 EFI_STATUS IrqTest(UINTN* Result, UINTN* ErrorCode) {
-  static constexpr NicTestSpec kSpec = {
-      false,         false, false, CheckInterruptLine, u"IRQ Test successed!\r\n", u"IRQ Test failed!\r\n",
-      kIrqTestFailed};
-  return RunNicTest(kSpec, Result, ErrorCode);
+  return RunTest<NicCheckRun>(Result, ErrorCode, kTest);
 }

@@ -1,16 +1,12 @@
 // macaddresstest: the NIC's permanent MAC address is neither zero, broadcast-like nor listed as
 // invalid in the network INI file.
-#include "base/Cxx.h"
 #include "base/Globals.h"
+#include "base/Owners.h"
 #include "nic/NicAccess.h"
-#include "nic/Pci.h"
 #include "nic/ServiceChildren.h"
-#include "options/OptionStore.h"
 #include "report/Output.h"
-#include "report/Results.h"
-#include "support/FileIo.h"
 #include "tests/CommonOptions.h"
-#include "tests/NicTestFrame.h"
+#include "tests/NicCheckRun.h"
 #include "text/Ini.h"
 #include "text/Regex.h"
 
@@ -23,11 +19,15 @@ namespace {
 constexpr OptionInfo kOptions[] = {
     kRetriesOption,
     kIndexOption,
-    {u"-verifyinvalidmacpattern", u"Verify mac address with regular expression.", OPTION_TYPE_BOOLEAN,
-     u"FALSE", nullptr, nullptr, nullptr, FALSE},
+    {.Name = u"-verifyinvalidmacpattern",
+     .Description = u"Verify mac address with regular expression.",
+     .Type = OPTION_TYPE_BOOLEAN,
+     .Default = u"FALSE"},
     kDeviceIdOption,
-    {u"-NetworkFile", u"Specified network INI file.", OPTION_TYPE_STRING, u"Network.ini", nullptr, nullptr,
-     nullptr, FALSE},
+    {.Name = u"-NetworkFile",
+     .Description = u"Specified network INI file.",
+     .Type = OPTION_TYPE_STRING,
+     .Default = u"Network.ini"},
     kOptionsEnd,
 };
 
@@ -37,37 +37,7 @@ constexpr UINT32 kPatternQuery =
     INI_CASE_INSENSITIVE | INI_TRIM | INI_VALUES_ONLY | INI_NO_COMMENT | INI_SKIP_EMPTY;
 constexpr UINTN kMacTextChars = 32;
 
-struct MacTestOptions {
-  UINT64 Retries;
-  UINT64 Index;
-  UINT16 DeviceId;
-  BOOLEAN VerifyInvalidMacPattern;
-  CHAR16 NetworkFile[256];
-};
-
-EFI_STATUS ReadOptions(MacTestOptions& o) {
-  EFI_STATUS status = ReadNicTestOption(u"-retries", &o.Retries);
-  if (!EFI_ERROR(status))
-    status = ReadNicTestOption(u"-index", &o.Index);
-  if (!EFI_ERROR(status)) {
-    status = GetOptionBoolean(u"-verifyinvalidmacpattern", &o.VerifyInvalidMacPattern, nullptr);
-    if (EFI_ERROR(status))
-      LogPrint(u"Failed to get value of option %s - %r\r\n", u"-verifyinvalidmacpattern", status);
-  }
-  if (!EFI_ERROR(status))
-    status = ReadDeviceIdOption(&o.DeviceId);
-  UINT64 file = 0;
-  if (!EFI_ERROR(status))
-    status = ReadNicTestOption(u"-NetworkFile", &file);
-  if (EFI_ERROR(status))
-    return status;
-  if (file != 0) {
-    SPrint(o.NetworkFile, sizeof(o.NetworkFile), u"%s",
-           reinterpret_cast<const CHAR16*>(static_cast<UINTN>(file)));
-    FileIoResolvePath(o.NetworkFile, sizeof(o.NetworkFile));
-  }
-  return EFI_SUCCESS;
-}
+using IniDocument = wc::Owned<INI_DOCUMENT, IniClose>;
 
 // All zeros, or a first octet pair of FF FF (the broadcast address among them).
 bool BuiltInInvalid(const EFI_MAC_ADDRESS& mac) {
@@ -78,26 +48,69 @@ bool BuiltInInvalid(const EFI_MAC_ADDRESS& mac) {
 
 // The patterns of the INI file's invalid-MAC section against the address; Valid when none matches.
 EFI_STATUS CheckPatterns(const CHAR16* file, const EFI_MAC_ADDRESS& mac, BOOLEAN* valid) {
-  INI_DOCUMENT* doc = nullptr;
-  EFI_STATUS status = IniOpen(file, INI_ENCODING_DETECT, &doc);
+  IniDocument doc;
+  EFI_STATUS status = IniOpen(file, INI_ENCODING_DETECT, doc.Receive());
   if (EFI_ERROR(status)) {
     LogPrint(u"Failed loading INI file.(%r)\r\n", status);
     return status;
   }
-  wc::ScopeGuard close([&] { IniClose(doc); });
   UINTN count = 0;
   CHAR16** patterns = nullptr;
-  status = IniQuery(doc, u"Invalid_MACPattern", u".*", nullptr, kPatternQuery, &count, &patterns);
+  status = IniQuery(doc.Get(), u"Invalid_MACPattern", u".*", nullptr, kPatternQuery, &count, &patterns);
   if (EFI_ERROR(status))
     return status;
   wc::ScopeGuard release([&] { IniFreeStrings(count, patterns); });
   return VerifyMacAddress(patterns, count, &mac, valid);
 }
 
+CheckOutcome CheckMacAddress(NicCheckRun& Run, EFI_HANDLE Nic) {
+  EFI_MAC_ADDRESS current = {}, permanent = {};
+  EFI_STATUS status = ReadMacAddresses(gImageHandle, Nic, &current, &permanent);
+  if (EFI_ERROR(status) && status != EFI_NOT_STARTED) {
+    LogPrint(u"Failed get NIC MAC Address!(%r)\r\n", status);
+    Run.End(Outcome::Untouched(status));
+    return CheckOutcome::Ended;
+  }
+  const UINT8* a = permanent.Addr;
+  TracePrint(u"%x-%x-%x-%x-%x-%x\r\n", a[0], a[1], a[2], a[3], a[4], a[5]);
+  if (BuiltInInvalid(permanent))
+    return CheckOutcome::Failed;
+  BOOLEAN valid = TRUE;
+  if (Run.Options().VerifyInvalidMacPattern) {
+    status = CheckPatterns(Run.Options().NetworkFile, permanent, &valid);
+    if (EFI_ERROR(status)) {
+      Run.End(Outcome::Untouched(status)); // a file that cannot be read decides nothing
+      return CheckOutcome::Ended;
+    }
+  }
+  return valid ? CheckOutcome::Passed : CheckOutcome::Failed;
+}
+
+constexpr NicCheckTest kTest = {
+    .Reads = {NicOption::Retries, NicOption::Index, NicOption::VerifyInvalidMacPattern, NicOption::DeviceId,
+              NicOption::NetworkFile},
+    .Repeats = false,
+    .WaitsForCable = false,
+    .Check = CheckMacAddress,
+    .PassText = u"MAC Address test successed!\r\n",
+    .FailText = u"MAC Address test failed!\r\n",
+    .FailCode = kMacTestFailed,
+};
+
 } // namespace
 
 extern const TestInfo kMacAddressTest = {
-    u"macaddresstest", u"This test verifies the NIC MAC address.", kOptions, MacAddressTest, 10, kGroup};
+    .Name = u"macaddresstest",
+    .Description = u"This test verifies the NIC MAC address.",
+    .Options = kOptions,
+    .Procedure = MacAddressTest,
+    .RunTime = 10,
+    .ErrorGroup = kGroup,
+};
+
+EFI_STATUS MacAddressTest(UINTN* Result, UINTN* ErrorCode) {
+  return RunTest<NicCheckRun>(Result, ErrorCode, kTest);
+}
 
 EFI_STATUS VerifyMacAddress(CHAR16** Patterns, UINTN PatternCount, const EFI_MAC_ADDRESS* Mac,
                             BOOLEAN* Valid) {
@@ -119,42 +132,4 @@ EFI_STATUS VerifyMacAddress(CHAR16** Patterns, UINTN PatternCount, const EFI_MAC
     }
   }
   return EFI_SUCCESS;
-}
-
-EFI_STATUS MacAddressTest(UINTN* Result, UINTN* ErrorCode) {
-  RetryFrame::Open();
-  // The default file name stands until the options give another.
-  static constinit MacTestOptions o = {0, 1, 0, FALSE, u"Network.ini"};
-  wc::ScopeGuard releaseTable([] { FreePciRootBridgeTable(); });
-  if (EFI_ERROR(ReadOptions(o)) || EFI_ERROR(BuildPciRootBridgeTable())) {
-    *Result = TEST_RESULT_FAILED;
-    *ErrorCode = ERROR_CODE_SOFTWARE;
-    return EFI_SUCCESS;
-  }
-  RetryFrame frame(o.Retries, Result, ErrorCode);
-  for (; frame.More(); frame.Next()) {
-    EFI_HANDLE nic = nullptr;
-    EFI_STATUS status = EFI_SUCCESS;
-    if (!StartNicAttempt(frame, o.DeviceId, o.Index, &nic, Result, ErrorCode, &status))
-      return status;
-    EFI_MAC_ADDRESS current = {}, permanent = {};
-    status = ReadMacAddresses(gImageHandle, nic, &current, &permanent);
-    if (EFI_ERROR(status) && status != EFI_NOT_STARTED) {
-      LogPrint(u"Failed get NIC MAC Address!(%r)\r\n", status);
-      return status;
-    }
-    const UINT8* a = permanent.Addr;
-    TracePrint(u"%x-%x-%x-%x-%x-%x\r\n", a[0], a[1], a[2], a[3], a[4], a[5]);
-    if (BuiltInInvalid(permanent))
-      continue;
-    BOOLEAN valid = TRUE;
-    if (o.VerifyInvalidMacPattern) {
-      status = CheckPatterns(o.NetworkFile, permanent, &valid);
-      if (EFI_ERROR(status))
-        return status;
-    }
-    if (valid)
-      frame.Pass();
-  }
-  return frame.Close(u"MAC Address test successed!\r\n", u"MAC Address test failed!\r\n", kMacTestFailed);
 }

@@ -4,7 +4,7 @@
 #include "report/Output.h"
 #include "report/Results.h"
 #include "tests/CommonOptions.h"
-#include "tests/NicTestFrame.h"
+#include "tests/NicCheckRun.h"
 
 EFI_STATUS NicSpeedTest(UINTN* Result, UINTN* ErrorCode);
 
@@ -29,35 +29,42 @@ constexpr NIC_SPEED_ENTRY kNicSpeedTable[] = {
     {0x10EC, 0x8168, 0x80000003}, // Realtek RTL8111/8168
 };
 
-CheckOutcome Ended(UINTN* Result, UINTN* ErrorCode, EFI_STATUS* Status, EFI_STATUS status) {
-  *Result = TEST_RESULT_FAILED;
-  *ErrorCode = ERROR_CODE_SOFTWARE;
-  *Status = status;
+// The check ends the run when it cannot read the NIC's identity: the module's own failure, or a
+// NIC the table does not know (Unsupported).
+CheckOutcome Ended(NicCheckRun& Run, const CHAR16* Message, EFI_STATUS Status) {
+  if (Message != nullptr)
+    LogPrint(Message);
+  Run.End(Outcome::Failed(ERROR_CODE_SOFTWARE, Status));
   return CheckOutcome::Ended;
 }
 
-CheckOutcome CheckRatedSpeed(EFI_HANDLE Nic, const NicTestOptions& o, UINTN* Result, UINTN* ErrorCode,
-                             EFI_STATUS* Status) {
+CheckOutcome CheckRatedSpeed(NicCheckRun& Run, EFI_HANDLE Nic) {
   PciLocation l = {};
-  if (EFI_ERROR(GetNicPciLocation(Nic, &l))) {
-    LogPrint(u"Failed get device PCI location.\r\n");
-    return Ended(Result, ErrorCode, Status, EFI_SUCCESS);
-  }
+  if (EFI_ERROR(GetNicPciLocation(Nic, &l)))
+    return Ended(Run, u"Failed get device PCI location.\r\n", EFI_SUCCESS);
   UINT16 vendor = 0, device = 0;
-  if (EFI_ERROR(PciConfigRead16(l.Segment, l.Bus, l.Device, l.Function, PCI_VENDOR_ID_OFFSET, &vendor))) {
-    LogPrint(u"Failed get device vendor id.\r\n");
-    return Ended(Result, ErrorCode, Status, EFI_SUCCESS);
-  }
-  if (EFI_ERROR(PciConfigRead16(l.Segment, l.Bus, l.Device, l.Function, PCI_DEVICE_ID_OFFSET, &device))) {
-    LogPrint(u"Failed get device device id.\r\n");
-    return Ended(Result, ErrorCode, Status, EFI_SUCCESS);
-  }
+  if (EFI_ERROR(PciConfigRead16(l.Segment, l.Bus, l.Device, l.Function, PCI_VENDOR_ID_OFFSET, &vendor)))
+    return Ended(Run, u"Failed get device vendor id.\r\n", EFI_SUCCESS);
+  if (EFI_ERROR(PciConfigRead16(l.Segment, l.Bus, l.Device, l.Function, PCI_DEVICE_ID_OFFSET, &device)))
+    return Ended(Run, u"Failed get device device id.\r\n", EFI_SUCCESS);
   UINT32 mask = LookupNicSpeedMask(vendor, device);
   if (mask == 0)
-    return Ended(Result, ErrorCode, Status, EFI_UNSUPPORTED); // a NIC the table does not know
-  bool rated = ((mask & 1) != 0 && o.NetworkSpeed <= 10) || ((mask & 2) != 0 && o.NetworkSpeed <= 1000);
+    return Ended(Run, nullptr, EFI_UNSUPPORTED);
+  UINT64 speed = Run.Options().NetworkSpeed;
+  bool rated = ((mask & 1) != 0 && speed <= 10) || ((mask & 2) != 0 && speed <= 1000);
   return rated ? CheckOutcome::Passed : CheckOutcome::Failed;
 }
+
+constexpr NicCheckTest kTest = {
+    .Reads = {NicOption::Retries, NicOption::TestRepeats, NicOption::Index, NicOption::DeviceId,
+              NicOption::NetworkSpeed},
+    .Repeats = true,
+    .WaitsForCable = false,
+    .Check = CheckRatedSpeed,
+    .PassText = u"Speed Test successed!\r\n",
+    .FailText = u"Speed Test failed!\r\n",
+    .FailCode = kSpeedTestFailed,
+};
 
 } // namespace
 
@@ -69,15 +76,14 @@ UINT32 LookupNicSpeedMask(UINT16 VendorId, UINT16 DeviceId) {
 }
 
 extern const TestInfo kNicSpeedTest = {
-    u"NicSpeedTest", u"This test verifies the NIC speed.", kOptions, NicSpeedTest, 10, kGroup};
+    .Name = u"NicSpeedTest",
+    .Description = u"This test verifies the NIC speed.",
+    .Options = kOptions,
+    .Procedure = NicSpeedTest,
+    .RunTime = 10,
+    .ErrorGroup = kGroup,
+};
 
 EFI_STATUS NicSpeedTest(UINTN* Result, UINTN* ErrorCode) {
-  static constexpr NicTestSpec kSpec = {true,
-                                        false,
-                                        false,
-                                        CheckRatedSpeed,
-                                        u"Speed Test successed!\r\n",
-                                        u"Speed Test failed!\r\n",
-                                        kSpeedTestFailed};
-  return RunNicTest(kSpec, Result, ErrorCode);
+  return RunTest<NicCheckRun>(Result, ErrorCode, kTest);
 }

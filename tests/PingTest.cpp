@@ -9,29 +9,44 @@
 #include "ping/Dhcp.h"
 #include "ping/IcmpEcho.h"
 #include "report/Output.h"
-#include "report/Progress.h"
-#include "report/Results.h"
+#include "report/TestRun.h"
 
 EFI_STATUS PingTest(UINTN* Result, UINTN* ErrorCode);
 
 namespace {
 
 constexpr OptionInfo kOptions[] = {
-    {u"-retries", u"Number of allowed retries in case of test failure.", OPTION_TYPE_INTEGER, u"0", u"0",
-     u"5", nullptr, FALSE},
-    {u"-testrepeats", u"The number of times to run the testing portion of the test, default is 1.",
-     OPTION_TYPE_INTEGER, u"1", u"1", u"50", nullptr, FALSE},
-    {u"-index",
-     u"Index of network card to test, default is 1. This option is mutually exclusive from DevicePath "
-     u"option.",
-     OPTION_TYPE_INTEGER, u"1", u"1", u"128", nullptr, FALSE},
-    {u"-devicepath",
-     u"DevicePath of Network controller to be tested. This option is mutually exclusive from Index option.",
-     OPTION_TYPE_STRING, nullptr, nullptr, nullptr, nullptr, FALSE},
-    {u"-dhcpping", u"Check if pinging the DHCP server. Default is true.", OPTION_TYPE_BOOLEAN, u"true",
-     nullptr, nullptr, nullptr, FALSE},
-    {u"-localping", u"Check if pinging the Local interface. Default is false.", OPTION_TYPE_BOOLEAN, u"false",
-     nullptr, nullptr, nullptr, FALSE},
+    {.Name = u"-retries",
+     .Description = u"Number of allowed retries in case of test failure.",
+     .Type = OPTION_TYPE_INTEGER,
+     .Default = u"0",
+     .Low = u"0",
+     .High = u"5"},
+    {.Name = u"-testrepeats",
+     .Description = u"The number of times to run the testing portion of the test, default is 1.",
+     .Type = OPTION_TYPE_INTEGER,
+     .Default = u"1",
+     .Low = u"1",
+     .High = u"50"},
+    {.Name = u"-index",
+     .Description = u"Index of network card to test, default is 1. This option is mutually exclusive from "
+                    u"DevicePath option.",
+     .Type = OPTION_TYPE_INTEGER,
+     .Default = u"1",
+     .Low = u"1",
+     .High = u"128"},
+    {.Name = u"-devicepath",
+     .Description = u"DevicePath of Network controller to be tested. This option is mutually exclusive from "
+                    u"Index option.",
+     .Type = OPTION_TYPE_STRING},
+    {.Name = u"-dhcpping",
+     .Description = u"Check if pinging the DHCP server. Default is true.",
+     .Type = OPTION_TYPE_BOOLEAN,
+     .Default = u"true"},
+    {.Name = u"-localping",
+     .Description = u"Check if pinging the Local interface. Default is false.",
+     .Type = OPTION_TYPE_BOOLEAN,
+     .Default = u"false"},
     {},
 };
 
@@ -44,8 +59,6 @@ constexpr UINTN kNoCable = kGroup + 0x07;
 static_assert(ERROR_CODE_NO_NIC == kGroup + 0x03 && ERROR_CODE_NIC_NOT_FOUND == kGroup + 0x04);
 
 struct PingOptions {
-  UINT64 result;
-  UINT64 errorCode;
   UINT16 retries;
   UINT16 testRepeats;
   UINT16 index;
@@ -56,237 +69,272 @@ struct PingOptions {
   BOOLEAN devicePathGiven;
 };
 
-// State that outlives a run: the last DHCP exchange's addresses and the progress position.
+// The first progress position of every run: each run reports its own progress from the start.
+constexpr ProgressPoint kStart = {1, 30};
+constexpr ProgressPoint kDone = {99, 0};
+
+constexpr const CHAR16* kNoHandles[] = {
+    u"No NIC is found!\r\n",
+    u"EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL not found.\r\n",
+    u"EFI_IP4_SERVICE_BINDING_PROTOCOL not found.\r\n",
+    u"EFI_DCHP4_SERVICE_BINDING_PROTOCOL not found.\r\n",
+    nullptr,
+};
+constexpr const CHAR16* kLookupFailed[] = {
+    u"Failed Locating EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL!(%r)\r\n",
+    u"Failed Locating EFI_IP4_SERVICE_BINDING_PROTOCOL!(%r)\r\n",
+    u"Failed Locating EFI_DCHP4_SERVICE_BINDING_PROTOCOL!(%r)\r\n",
+    nullptr,
+};
+constexpr NicChoiceTexts kChoiceTexts = {
+    .NoHandles = kNoHandles,
+    .LookupFailed = kLookupFailed,
+    .Found = u"EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL: 0x%x\r\n",
+    .NotThere = u"The NIC is not found!\r\n",
+};
+
+// The last DHCP exchange's addresses. They outlive the run: a later attempt or run hands the
+// server address to its first IPv4 configuration (which sends nothing to it).
 constinit EFI_IPv4_ADDRESS gServerAddress = {};
 constinit EFI_IPv4_ADDRESS gClientAddress = {};
-constinit UINTN gPercent = 1;
-constinit UINT16 gSecondsLeft = 30;
-constinit UINTN gInterrupt = 0;
 
-// One progress step; FALSE when the operator interrupted (result and error code are then set).
-bool ProgressStep(PingOptions& o) {
-  UINTN steps = (UINTN(o.retries) + 1) * 3 + 2;
-  gPercent += 100 / steps;
-  UINT16 less = UINT16(30 / steps);
-  gSecondsLeft = gSecondsLeft > less ? UINT16(gSecondsLeft - less) : 0;
-  gInterrupt = 0;
-  ProgressUpdate(gPercent, gSecondsLeft, &gInterrupt);
-  return !TakeInterrupt(gInterrupt, &o.result, &o.errorCode);
+class PingRun : public TestRun {
+public:
+  void Execute();
+
+private:
+  bool ReadOptions();
+  // One progress step of the run's own scale; FALSE when the operator answered.
+  bool Step();
+  // One attempt; its verdict is in attempt_. EFI_NOT_FOUND: the NIC itself is missing.
+  EFI_STATUS RunPingTest();
+  EFI_STATUS Fails(UINTN ErrorCode, EFI_STATUS Status) {
+    attempt_.ErrorCode = ErrorCode;
+    return Status;
+  }
+  EFI_STATUS ConfigureByDhcp(EFI_HANDLE Nic, Dhcp4Child& Dhcp);
+  // The NIC to ping, by -devicepath text or -index position among the handles.
+  EFI_HANDLE ChoosePingTarget();
+
+  PingOptions o_ = {};
+  ProgressPoint position_ = kStart;
+  bool interrupted_ = false;
+  struct {
+    UINTN Result;
+    UINTN ErrorCode;
+  } attempt_ = {TEST_RESULT_FAILED, ERROR_CODE_NONE};
+  wc::HandleBuffer handles_;
+};
+
+// A step adds 100 / steps percent and takes 30 / steps seconds off, with
+// steps = (retries + 1) x 3 + 2.
+bool PingRun::Step() {
+  UINTN steps = (UINTN(o_.retries) + 1) * 3 + 2;
+  position_.Percent += 100 / steps;
+  UINTN less = 30 / steps;
+  position_.Seconds = position_.Seconds > less ? position_.Seconds - less : 0;
+  interrupted_ = !Report(position_);
+  return !interrupted_;
 }
 
-EFI_STATUS ReadPingOptions(PingOptions& o) {
+bool PingRun::ReadOptions() {
   UINT64 value = 0;
   BOOLEAN flag = FALSE;
-  auto fail = [](const CHAR16* name, EFI_STATUS status) {
+  auto fail = [this](const CHAR16* name, EFI_STATUS status) {
     LogPrint(u"Failed to get value of option %s - %r\r\n", name, status);
-    return status;
+    return End(Outcome::Failed(ERROR_CODE_SOFTWARE));
   };
   EFI_STATUS status = GetOptionValue(u"-retries", &value, nullptr);
   if (EFI_ERROR(status))
     return fail(u"-retries", status);
-  o.retries = UINT16(value);
-  TracePrint(u"Retries:%d\r\n", o.retries);
-  status = GetOptionValue(u"-index", &value, &o.indexGiven);
+  o_.retries = UINT16(value);
+  TracePrint(u"Retries:%d\r\n", o_.retries);
+  status = GetOptionValue(u"-index", &value, &o_.indexGiven);
   if (EFI_ERROR(status))
     return fail(u"-index", status);
-  o.index = UINT16(value);
-  TracePrint(u"Index:%d\r\n", o.index);
+  o_.index = UINT16(value);
+  TracePrint(u"Index:%d\r\n", o_.index);
   status = GetOptionValue(u"-testrepeats", &value, nullptr);
   if (EFI_ERROR(status))
     return fail(u"-testrepeats", status);
-  o.testRepeats = UINT16(value);
-  TracePrint(u"TestRepeats:%d\r\n", o.testRepeats);
+  o_.testRepeats = UINT16(value);
+  TracePrint(u"TestRepeats:%d\r\n", o_.testRepeats);
   status = GetOptionBoolean(u"-dhcpping", &flag, nullptr);
   if (EFI_ERROR(status))
     return fail(u"-dhcpping", status);
-  o.dhcpPing = flag;
+  o_.dhcpPing = flag;
   if (!flag) {
     LogPrint(u"NON-DHCP ping is unsupported now.\r\n");
-    return EFI_UNSUPPORTED;
+    return End(Outcome::Failed(kPingKindUnsupported));
   }
   TracePrint(u"DHCPPing:%s\r\n", u"true");
   status = GetOptionBoolean(u"-localping", &flag, nullptr);
   if (EFI_ERROR(status))
     return fail(u"-localping", status);
-  o.localPing = flag;
+  o_.localPing = flag;
   if (flag) {
     LogPrint(u"Local ping is unsupported now.\r\n");
-    return EFI_UNSUPPORTED;
+    return End(Outcome::Failed(kPingKindUnsupported));
   }
   TracePrint(u"LocalPing:%s\r\n", u"false");
-  status = GetOptionValue(u"-devicepath", &value, &o.devicePathGiven);
+  status = GetOptionValue(u"-devicepath", &value, &o_.devicePathGiven);
   if (EFI_ERROR(status))
     return fail(u"-devicepath", status);
-  o.devicePath = reinterpret_cast<const CHAR16*>(static_cast<UINTN>(value));
-  TracePrint(u"DevicePath:%s\r\n", o.devicePath);
-  return EFI_SUCCESS;
+  o_.devicePath = reinterpret_cast<const CHAR16*>(static_cast<UINTN>(value));
+  TracePrint(u"DevicePath:%s\r\n", o_.devicePath);
+  if (o_.indexGiven && o_.devicePathGiven)
+    return End(Outcome::Failed(ERROR_CODE_INVALID_OPTIONS));
+  return true;
 }
 
-EFI_STATUS RunPingTest(PingOptions& o) {
-  TracePrint(u"enter RunPingTest()\r\n");
-  o.result = TEST_RESULT_FAILED;
-  o.errorCode = ERROR_CODE_NONE;
+void PingRun::Execute() {
+  TracePrint(u"enter PingTest()\r\n");
+  if (!Report(position_) || !ReadOptions())
+    return;
+  DecideCurrentPlatform(PingVariant::PingTest);
+  if (!Step())
+    return;
+  for (UINT8 attempt = 0; attempt <= o_.retries; ++attempt) {
+    if (attempt > 0)
+      ConsolePrint(u"Retry......\r\n");
+    if (!Step())
+      return;
+    EFI_STATUS status = RunPingTest();
+    if (interrupted_)
+      return; // cancelled or failed by the operator
+    if (status == EFI_NOT_FOUND) {
+      LogPrint(u"RunPingTest() error!\r\n");
+      End(Outcome::Ended(attempt_.Result, attempt_.ErrorCode));
+      return;
+    }
+    if (attempt_.Result == TEST_RESULT_PASSED)
+      break;
+  }
+  Show(kDone);
+  End(Outcome::Ended(attempt_.Result, attempt_.ErrorCode));
+}
 
-  wc::HandleBuffer handles;
-  EFI_STATUS status = handles.Locate(EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID);
-  if (status == EFI_NOT_FOUND) {
-    LogPrint(u"No NIC is found!\r\n");
-    LogPrint(u"EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL not found.\r\n");
-    LogPrint(u"EFI_IP4_SERVICE_BINDING_PROTOCOL not found.\r\n");
-    LogPrint(u"EFI_DCHP4_SERVICE_BINDING_PROTOCOL not found.\r\n");
-    o.errorCode = ERROR_CODE_NO_NIC;
-    return EFI_NOT_FOUND;
-  }
-  if (EFI_ERROR(status)) {
-    LogPrint(u"Failed Locating EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL!(%r)\r\n", status);
-    LogPrint(u"Failed Locating EFI_IP4_SERVICE_BINDING_PROTOCOL!(%r)\r\n", status);
-    LogPrint(u"Failed Locating EFI_DCHP4_SERVICE_BINDING_PROTOCOL!(%r)\r\n", status);
-    o.errorCode = ERROR_CODE_SOFTWARE;
-    return status;
-  }
-  LogPrint(u"EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL: 0x%x\r\n", handles.Count());
-  EFI_HANDLE nic = handles.At(o.index);
-  if (nic == nullptr) {
-    LogPrint(u"The NIC is not found!\r\n");
-    o.errorCode = ERROR_CODE_NIC_NOT_FOUND;
-    return EFI_NOT_FOUND;
+EFI_STATUS PingRun::RunPingTest() {
+  TracePrint(u"enter RunPingTest()\r\n");
+  attempt_ = {TEST_RESULT_FAILED, ERROR_CODE_NONE};
+
+  // The cable check, the first IPv4 configuration and DHCP run on the NIC at -index.
+  EFI_HANDLE nic = nullptr;
+  EFI_STATUS status = EFI_SUCCESS;
+  switch (ChooseNic(kChoiceTexts, 0, o_.index, handles_, &nic, &status)) {
+  case NicChoice::Chosen:
+    break;
+  case NicChoice::NoNic:
+    return Fails(ERROR_CODE_NO_NIC, EFI_NOT_FOUND);
+  case NicChoice::NotThere:
+    return Fails(ERROR_CODE_NIC_NOT_FOUND, EFI_NOT_FOUND);
+  case NicChoice::LookupFailed:
+    return Fails(ERROR_CODE_SOFTWARE, status);
   }
 
   if (!WaitForCable(nic)) {
     LogPrint(u"Media cable not detected!\r\n");
-    o.errorCode = kNoCable;
-    return EFI_SUCCESS;
+    return Fails(kNoCable, EFI_SUCCESS);
   }
-  if (!ProgressStep(o))
+  if (!Step())
     return EFI_SUCCESS;
 
   status = SetNicByHii();
   if (EFI_ERROR(status) && status != EFI_ALREADY_STARTED) {
     LogPrint(u"Failed SetNicByHii (%r)\r\n", status);
-    o.errorCode = ERROR_CODE_SOFTWARE;
-    return status;
+    return Fails(ERROR_CODE_SOFTWARE, status);
   }
 
   status = ExecutePingProcess(nic, gServerAddress, 0, nullptr, PingVariant::PingTest);
   if (EFI_ERROR(status)) {
     LogPrint(u"ExecutePingProcess (%r)\r\n", status);
-    o.errorCode = kConfigFailed;
-    return status;
+    return Fails(kConfigFailed, status);
   }
 
+  // The DHCPv4 child stays until the attempt ends, ping included.
   Dhcp4Child dhcp;
-  status = dhcp.Open(nic, gImageHandle);
+  status = ConfigureByDhcp(nic, dhcp);
+  if (EFI_ERROR(status) || interrupted_)
+    return status;
+
+  EFI_HANDLE target = ChoosePingTarget();
+  if (target == nullptr) {
+    LogPrint(u"The network card you searched is not found!\r\n");
+    return Fails(ERROR_CODE_NIC_NOT_FOUND, EFI_NOT_FOUND);
+  }
+  status = ExecutePingProcess(target, gServerAddress, o_.testRepeats, nullptr, PingVariant::PingTest);
+  if (status != EFI_SUCCESS) {
+    LogPrint(u"ExecutePingProcess() error (%r)\r\n", status);
+    return Fails(ErrorCodeFor(status, {{EFI_TIMEOUT, kPingTimedOut}, {EFI_NO_MAPPING, kDhcpRefused}}),
+                 status);
+  }
+  attempt_.Result = TEST_RESULT_PASSED;
+  return EFI_SUCCESS;
+}
+
+// DHCP on a DHCPv4 child of the NIC, with the ping test's retries; the server and client addresses
+// it learns are kept.
+EFI_STATUS PingRun::ConfigureByDhcp(EFI_HANDLE Nic, Dhcp4Child& Dhcp) {
+  EFI_STATUS status = Dhcp.Open(Nic, gImageHandle);
   if (EFI_ERROR(status)) {
     LogPrint(u"OpenDhcp4Protocol() error (%r)\r\n", status);
-    o.errorCode = ERROR_CODE_SOFTWARE;
-    return status;
+    return Fails(ERROR_CODE_SOFTWARE, status);
   }
   UINT32 timeouts[1];
   EFI_DHCP4_CONFIG_DATA config = MakeDhcpConfig(timeouts);
   EFI_DHCP4_MODE_DATA mode = {};
   bool interrupted = false;
   status = ConfigureWithPingRetries(
-      dhcp.Get(), &config, &mode,
-      [](void* context) { return ProgressStep(*static_cast<PingOptions*>(context)); }, &o, &interrupted);
+      Dhcp.Get(), &config, &mode, [](void* run) { return static_cast<PingRun*>(run)->Step(); }, this,
+      &interrupted);
   if (interrupted)
     return EFI_SUCCESS;
   if (EFI_ERROR(status)) {
     LogPrint(u"StartConfigureProcess() error (%r)\r\n", status);
-    o.errorCode = ErrorCodeFor(status, {{EFI_TIMEOUT, kConfigFailed}, {EFI_ACCESS_DENIED, kDhcpRefused}});
-    return status;
+    return Fails(ErrorCodeFor(status, {{EFI_TIMEOUT, kConfigFailed}, {EFI_ACCESS_DENIED, kDhcpRefused}}),
+                 status);
   }
-
-  o.errorCode = ERROR_CODE_NONE;
+  attempt_.ErrorCode = ERROR_CODE_NONE;
   gServerAddress = mode.ServerAddress;
   gClientAddress = mode.ClientAddress;
   const UINT8* s = gServerAddress.Addr;
   const UINT8* c = gClientAddress.Addr;
   LogPrint(u"Server Address: %d.%d.%d.%d\r\n", s[0], s[1], s[2], s[3]);
   LogPrint(u"Client Address: %d.%d.%d.%d\r\n", c[0], c[1], c[2], c[3]);
+  return EFI_SUCCESS;
+}
 
-  EFI_HANDLE chosen = nullptr;
+// A handle whose device path cannot be opened is passed over, and its failure stays in the
+// attempt's error code even when a later handle is pinged successfully.
+EFI_HANDLE PingRun::ChoosePingTarget() {
   UINTN seen = 0;
-  for (UINTN i = 0; i < handles.Count() && chosen == nullptr; ++i) {
+  for (UINTN i = 0; i < handles_.Count(); ++i) {
     wc::PoolPtr<CHAR16> text;
-    status = DevicePathTextOf(handles[i], text);
+    EFI_STATUS status = DevicePathTextOf(handles_[i], text);
     if (EFI_ERROR(status)) {
       LogPrint(u"Failed Open Device Path Protocol (%r)\r\n", status);
-      o.errorCode = ERROR_CODE_SOFTWARE;
+      attempt_.ErrorCode = ERROR_CODE_SOFTWARE;
       continue;
     }
     LogPrint(u"the NIC device path:%s\r\n", text.Get());
     ++seen;
-    if (o.devicePathGiven ? (text && StrFind(text.Get(), o.devicePath) != nullptr) : seen == o.index)
-      chosen = handles[i];
+    if (o_.devicePathGiven ? (text && StrFind(text.Get(), o_.devicePath) != nullptr) : seen == o_.index)
+      return handles_[i];
   }
-
-  if (chosen == nullptr) {
-    LogPrint(u"The network card you searched is not found!\r\n");
-    o.errorCode = ERROR_CODE_NIC_NOT_FOUND;
-    return EFI_NOT_FOUND;
-  }
-  status = ExecutePingProcess(chosen, gServerAddress, o.testRepeats, nullptr, PingVariant::PingTest);
-  if (status != EFI_SUCCESS) {
-    LogPrint(u"ExecutePingProcess() error (%r)\r\n", status);
-    o.errorCode = ErrorCodeFor(status, {{EFI_TIMEOUT, kPingTimedOut}, {EFI_NO_MAPPING, kDhcpRefused}});
-    return status;
-  }
-  o.result = TEST_RESULT_PASSED;
-  return EFI_SUCCESS;
+  return nullptr;
 }
 
 } // namespace
 
 extern const TestInfo kPingTest = {
-    u"pingtest", u"This test verifies the ability to transmit/receive data over network.",
-    kOptions,    PingTest,
-    10,          kGroup};
+    .Name = u"pingtest",
+    .Description = u"This test verifies the ability to transmit/receive data over network.",
+    .Options = kOptions,
+    .Procedure = PingTest,
+    .RunTime = 10,
+    .ErrorGroup = kGroup,
+};
 
 EFI_STATUS PingTest(UINTN* Result, UINTN* ErrorCode) {
-  TracePrint(u"enter PingTest()\r\n");
-  // Each run reports its own progress from the start.
-  gPercent = 1;
-  gSecondsLeft = 30;
-  PingOptions o = {};
-  auto finish = [&](UINT64 result, UINT64 error) {
-    *Result = result;
-    *ErrorCode = error;
-    return EFI_SUCCESS;
-  };
-  gInterrupt = 0;
-  ProgressUpdate(gPercent, gSecondsLeft, &gInterrupt);
-  if (TakeInterrupt(gInterrupt, Result, ErrorCode))
-    return EFI_SUCCESS;
-
-  EFI_STATUS status = ReadPingOptions(o);
-  if (status == EFI_UNSUPPORTED)
-    return finish(TEST_RESULT_FAILED, kPingKindUnsupported);
-  if (EFI_ERROR(status))
-    return finish(TEST_RESULT_FAILED, ERROR_CODE_SOFTWARE);
-  if (o.indexGiven && o.devicePathGiven)
-    return finish(TEST_RESULT_FAILED, ERROR_CODE_INVALID_OPTIONS);
-
-  DecideCurrentPlatform(PingVariant::PingTest);
-
-  if (!ProgressStep(o))
-    return finish(o.result, o.errorCode);
-  for (UINT8 attempt = 0; attempt <= o.retries; ++attempt) {
-    if (attempt > 0)
-      ConsolePrint(u"Retry......\r\n");
-    if (!ProgressStep(o))
-      return finish(o.result, o.errorCode);
-    status = RunPingTest(o);
-    if (status == EFI_NOT_FOUND) {
-      LogPrint(u"RunPingTest() error!\r\n");
-      return finish(o.result, o.errorCode);
-    }
-    if (o.result == TEST_RESULT_PASSED) {
-      ProgressUpdate(99, 0, nullptr);
-      return finish(o.result, o.errorCode);
-    }
-    if (gInterrupt != 0)
-      return finish(o.result, o.errorCode); // cancelled or failed by the operator
-  }
-  ProgressUpdate(99, 0, nullptr);
-  return finish(o.result, o.errorCode);
+  return RunTest<PingRun>(Result, ErrorCode);
 }

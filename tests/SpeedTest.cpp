@@ -10,7 +10,7 @@
 #include "report/Output.h"
 #include "support/Clock.h"
 #include "tests/CommonOptions.h"
-#include "tests/NicTestFrame.h"
+#include "tests/NicCheckRun.h"
 #include "tests/SpeedTest.h"
 
 EFI_STATUS SpeedTest(UINTN* Result, UINTN* ErrorCode);
@@ -26,8 +26,12 @@ constexpr OptionInfo kOptions[] = {
     kIndexOption,
     kDeviceIdOption,
     kNetworkSpeedOption,
-    {u"-PacketsCount", u"Count of packets to send.", OPTION_TYPE_INTEGER, u"5000", u"1000", u"99999", nullptr,
-     FALSE},
+    {.Name = u"-PacketsCount",
+     .Description = u"Count of packets to send.",
+     .Type = OPTION_TYPE_INTEGER,
+     .Default = u"5000",
+     .Low = u"1000",
+     .High = u"99999"},
     kOptionsEnd,
 };
 
@@ -37,7 +41,9 @@ constexpr UINTN kSpeedTestFailed = kGroup + 0x01;
 constexpr UINTN kCompletionPolls = 50;     // at most 5 s for the last completions
 constexpr UINTN kCompletionPause = 100000; // 100 ms
 
-// Written by the completion handler while the sender stalls, read after the wait.
+// Written by the completion handler while the sender stalls, read after the wait. Module-wide
+// because the firmware hands a token back to the handler whenever it completes, which may be after
+// the measurement that queued it gave up waiting.
 struct Measurement {
   UINT64 CompletedCount;
   UINT64 FirstCompletionTsc;
@@ -48,7 +54,8 @@ struct Measurement {
 };
 constinit volatile Measurement gMeasurement = {};
 
-// The destination and source of every frame: all zeros.
+// The destination and source of every frame, all zeros; the queued frames point at it until they
+// complete, so it lives as long as the measurement above.
 constinit EFI_MAC_ADDRESS gZeroAddress = {};
 
 // One frame in flight: the token, its transmit data and a private copy of the frame's bytes right
@@ -82,21 +89,38 @@ UINT64 Divide(UINT64 a, UINT64 b) {
   return b == 0 ? 0 : a / b;
 }
 
-CheckOutcome CheckSpeed(EFI_HANDLE Nic, const NicTestOptions& o, UINTN*, UINTN*, EFI_STATUS* Status) {
+CheckOutcome CheckSpeed(NicCheckRun& Run, EFI_HANDLE Nic) {
   UINT64 speed = 0;
-  EFI_STATUS status = MeasureNetworkSpeed(Nic, o.PacketsCount, &speed);
+  EFI_STATUS status = MeasureNetworkSpeed(Nic, Run.Options().PacketsCount, &speed);
   if (EFI_ERROR(status)) {
     LogPrint(u"Failed get network speed! (%r)\r\n", status);
-    *Status = status;
+    Run.End(Outcome::Untouched(status)); // no figure, so no verdict
     return CheckOutcome::Ended;
   }
-  return SpeedClass(speed) < o.NetworkSpeed ? CheckOutcome::Failed : CheckOutcome::Passed;
+  return SpeedClass(speed) < Run.Options().NetworkSpeed ? CheckOutcome::Failed : CheckOutcome::Passed;
 }
+
+constexpr NicCheckTest kTest = {
+    .Reads = {NicOption::Retries, NicOption::TestRepeats, NicOption::Index, NicOption::DeviceId,
+              NicOption::NetworkSpeed, NicOption::PacketsCount},
+    .Repeats = true,
+    .WaitsForCable = true,
+    .Check = CheckSpeed,
+    .PassText = u"Speed Test successed!\r\n",
+    .FailText = u"Speed Test failed!\r\n",
+    .FailCode = kSpeedTestFailed,
+};
 
 } // namespace
 
 extern const TestInfo kSpeedTest = {
-    u"SpeedTest", u"This test verifies the network speed.", kOptions, SpeedTest, 10, kGroup};
+    .Name = u"SpeedTest",
+    .Description = u"This test verifies the network speed.",
+    .Options = kOptions,
+    .Procedure = SpeedTest,
+    .RunTime = 10,
+    .ErrorGroup = kGroup,
+};
 
 SpeedFigures ComputeNetworkSpeed(UINT64 PacketsCount, UINT32 MaxPacketSize, UINT32 MediaHeaderSize,
                                  UINT64 Ticks, UINT64 Frequency) {
@@ -224,12 +248,5 @@ EFI_STATUS MeasureNetworkSpeed(EFI_HANDLE Nic, UINT64 PacketsCount, UINT64* Spee
 }
 
 EFI_STATUS SpeedTest(UINTN* Result, UINTN* ErrorCode) {
-  static constexpr NicTestSpec kSpec = {true,
-                                        true,
-                                        true,
-                                        CheckSpeed,
-                                        u"Speed Test successed!\r\n",
-                                        u"Speed Test failed!\r\n",
-                                        kSpeedTestFailed};
-  return RunNicTest(kSpec, Result, ErrorCode);
+  return RunTest<NicCheckRun>(Result, ErrorCode, kTest);
 }

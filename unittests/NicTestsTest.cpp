@@ -29,7 +29,7 @@
 #include "options/OptionStore.h"
 #include "report/Output.h"
 #include "report/Results.h"
-#include "report/RetryFrame.h"
+#include "report/Attempts.h"
 #include "support/DebugLog.h"
 #include "support/FileIo.h"
 #include "tests/SpeedTest.h"
@@ -110,9 +110,10 @@ TEST(NicAccess, MacNodeAndChoiceByPositionOrDeviceId) {
   EXPECT_TRUE(fw.pool.empty());
 }
 
-// The frame on its own: percentages and seconds of each report, the retry line, the operator's
-// answers and the closing report.
-struct RetryFrameTest : ::testing::Test {
+// The attempts on their own: percentages and seconds of each report, the retry line, the
+// operator's answers and the closing report, as the run's outcome.
+struct AttemptsTest : ::testing::Test {
+  struct Run : TestRun {};
   FakeFirmware fw;
   FakeManager mgr;
   VEX_MANAGER_PROTOCOL* link = &mgr.protocol;
@@ -124,19 +125,20 @@ struct RetryFrameTest : ::testing::Test {
   void TearDown() override { ResetOutputState(); }
 };
 
-TEST_F(RetryFrameTest, AttemptsReportTheirShareAndTheLastReportIsNinetyNine) {
-  RetryFrame::Open();
-  RetryFrame frame(2, &result, &error);
-  UINTN attempts = 0;
-  while (frame.More()) {
-    ASSERT_TRUE(frame.Begin());
-    ++attempts;
-    ASSERT_TRUE(frame.Advance(5));
-    frame.Fail();
-    frame.Next();
+TEST_F(AttemptsTest, AttemptsReportTheirShareAndTheLastReportIsNinetyNine) {
+  Run run;
+  TestRun::Show(Attempts::kOpening);
+  Attempts attempts(run, 2);
+  UINTN count = 0;
+  for (; attempts.More(); attempts.Next()) {
+    ASSERT_TRUE(attempts.Begin());
+    ++count;
+    ASSERT_TRUE(attempts.Advance(5));
+    attempts.Fail();
   }
-  EXPECT_EQ(attempts, 3u);
-  EXPECT_EQ(frame.Close(u"ok\r\n", u"bad\r\n", 0x80160601), EFI_SUCCESS);
+  EXPECT_EQ(count, 3u);
+  attempts.Close(u"ok\r\n", u"bad\r\n", 0x80160601);
+  EXPECT_EQ(run.Deliver(&result, &error), EFI_SUCCESS);
   EXPECT_EQ(result, TEST_RESULT_FAILED);
   EXPECT_EQ(error, 0x80160601u);
   std::vector<std::pair<UINTN, UINTN>> seen;
@@ -152,25 +154,31 @@ TEST_F(RetryFrameTest, AttemptsReportTheirShareAndTheLastReportIsNinetyNine) {
   EXPECT_EQ(log, "Retry 1 time(s)...\r\nRetry 2 time(s)...\r\nbad\r\n");
 }
 
-TEST_F(RetryFrameTest, OperatorAnswersEndTheRun) {
-  RetryFrame failed(0, &result, &error);
+TEST_F(AttemptsTest, OperatorAnswersEndTheRun) {
+  Run failedRun;
+  Attempts failed(failedRun, 0);
   mgr.answers = {0, TEST_RESULT_FAILED};
   ASSERT_TRUE(failed.Begin());
   EXPECT_FALSE(failed.Advance(5));
+  failedRun.Deliver(&result, &error);
   EXPECT_EQ(result, TEST_RESULT_FAILED);
   EXPECT_EQ(error, ERROR_CODE_OPERATOR_ABORT);
 
-  RetryFrame cancelled(0, &result, &error);
+  Run cancelledRun;
+  Attempts cancelled(cancelledRun, 0);
   mgr.answers = {TEST_RESULT_CANCELLED};
   EXPECT_FALSE(cancelled.Begin());
+  cancelledRun.Deliver(&result, &error);
   EXPECT_EQ(result, TEST_RESULT_CANCELLED);
   EXPECT_EQ(error, ERROR_CODE_NONE);
 
-  RetryFrame passed(5, &result, &error);
+  Run passedRun;
+  Attempts passed(passedRun, 5);
   ASSERT_TRUE(passed.Begin());
   passed.Pass();
   EXPECT_FALSE(passed.More());
   passed.Close(u"ok\r\n", u"bad\r\n", 1);
+  passedRun.Deliver(&result, &error);
   EXPECT_EQ(result, TEST_RESULT_PASSED);
   EXPECT_EQ(error, ERROR_CODE_NONE);
 }

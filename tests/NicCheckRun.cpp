@@ -1,0 +1,165 @@
+#include "tests/NicCheckRun.h"
+#include "base/Owners.h"
+#include "base/Print.h"
+#include "nic/NicAccess.h"
+#include "nic/Pci.h"
+#include "options/OptionStore.h"
+#include "report/Output.h"
+#include "support/FileIo.h"
+
+namespace {
+
+constexpr const CHAR16* kNoHandles[] = {u"No MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL is found.\r\n",
+                                        nullptr};
+constexpr const CHAR16* kLookupFailed[] = {u"Failed Locating MNSB Protocol!(%r)\r\n", nullptr};
+constexpr NicChoiceTexts kChoiceTexts = {
+    .NoHandles = kNoHandles,
+    .LookupFailed = kLookupFailed,
+    .Found = nullptr,
+    .NotThere = u"The specified Network Device is not found.\r\n",
+};
+
+const CHAR16* NameOf(NicOption Option) {
+  switch (Option) {
+  case NicOption::Retries:
+    return u"-retries";
+  case NicOption::TestRepeats:
+    return u"-testrepeats";
+  case NicOption::Index:
+    return u"-index";
+  case NicOption::DeviceId:
+    return u"-DeviceID";
+  case NicOption::NetworkSpeed:
+    return u"-NetworkSpeed";
+  case NicOption::PacketsCount:
+    return u"-PacketsCount";
+  case NicOption::VerifyInvalidMacPattern:
+    return u"-verifyinvalidmacpattern";
+  case NicOption::NetworkFile:
+    return u"-NetworkFile";
+  case NicOption::None:
+    break;
+  }
+  return u"";
+}
+
+const CHAR16* AsText(UINT64 Value) {
+  return reinterpret_cast<const CHAR16*>(static_cast<UINTN>(Value));
+}
+
+} // namespace
+
+bool NicCheckRun::ReadOption(NicOption Option) {
+  const CHAR16* name = NameOf(Option);
+  UINT64 value = 0;
+  EFI_STATUS status = Option == NicOption::VerifyInvalidMacPattern
+                          ? GetOptionBoolean(name, &options_.VerifyInvalidMacPattern, nullptr)
+                          : GetOptionValue(name, &value, nullptr);
+  if (EFI_ERROR(status)) {
+    LogPrint(u"Failed to get value of option %s - %r\r\n", name, status);
+    return false;
+  }
+  switch (Option) {
+  case NicOption::Retries:
+    options_.Retries = value;
+    break;
+  case NicOption::TestRepeats:
+    options_.TestRepeats = value;
+    break;
+  case NicOption::Index:
+    options_.Index = value;
+    break;
+  case NicOption::DeviceId: // hexadecimal text, kept to 16 bits; empty or missing is 0
+    options_.DeviceId = AsText(value) != nullptr && AsText(value)[0] != 0
+                            ? UINT16(StrToInteger(AsText(value), nullptr, TRUE))
+                            : 0;
+    break;
+  case NicOption::NetworkSpeed:
+    options_.NetworkSpeed = value;
+    break;
+  case NicOption::PacketsCount:
+    options_.PacketsCount = value;
+    break;
+  case NicOption::NetworkFile:
+    if (AsText(value) != nullptr) {
+      SPrint(options_.NetworkFile, sizeof(options_.NetworkFile), u"%s", AsText(value));
+      FileIoResolvePath(options_.NetworkFile, sizeof(options_.NetworkFile));
+    }
+    break;
+  case NicOption::VerifyInvalidMacPattern:
+  case NicOption::None:
+    break;
+  }
+  return true;
+}
+
+bool NicCheckRun::ReadOptions() {
+  for (const NicOption* o = test_.Reads; *o != NicOption::None; ++o)
+    if (!ReadOption(*o))
+      return false;
+  return true;
+}
+
+bool NicCheckRun::StartAttempt(Attempts& Attempts, EFI_HANDLE* Nic) {
+  if (!Attempts.Begin())
+    return false;
+  wc::HandleBuffer handles;
+  EFI_STATUS status = EFI_SUCCESS;
+  switch (ChooseNic(kChoiceTexts, options_.DeviceId, options_.Index, handles, Nic, &status)) {
+  case NicChoice::Chosen:
+    return true;
+  case NicChoice::NoNic:
+    return End(Outcome::Failed(ERROR_CODE_NO_NIC));
+  case NicChoice::NotThere:
+    return End(Outcome::Failed(ERROR_CODE_NIC_NOT_FOUND));
+  case NicChoice::LookupFailed:
+    break;
+  }
+  return End(Outcome::Untouched(status));
+}
+
+bool NicCheckRun::Check(Attempts& Attempts, EFI_HANDLE Nic) {
+  if (!test_.Repeats) {
+    CheckOutcome outcome = test_.Check(*this, Nic);
+    if (outcome == CheckOutcome::Passed)
+      Attempts.Pass();
+    return outcome != CheckOutcome::Ended;
+  }
+  if (!Attempts.Advance(5))
+    return false;
+  UINTN repeats = options_.TestRepeats > 0 ? UINTN(options_.TestRepeats) : 1;
+  for (UINTN r = 0; r < repeats; ++r) {
+    CheckOutcome outcome = test_.Check(*this, Nic);
+    if (outcome == CheckOutcome::Ended)
+      return false;
+    if (outcome == CheckOutcome::Failed) {
+      Attempts.Fail();
+      return true;
+    }
+    Attempts.Pass();
+    if (!Attempts.Advance((Attempts.Share() - 5) / repeats))
+      return false;
+  }
+  return true;
+}
+
+void NicCheckRun::Execute() {
+  Show(Attempts::kOpening);
+  // The root-bridge table lives for the run: whichever way it ends, nothing of it stays allocated.
+  wc::ScopeGuard releaseTable([] { FreePciRootBridgeTable(); });
+  if (!ReadOptions() || EFI_ERROR(BuildPciRootBridgeTable())) {
+    End(Outcome::Failed(ERROR_CODE_SOFTWARE));
+    return;
+  }
+  Attempts attempts(*this, options_.Retries);
+  for (; attempts.More(); attempts.Next()) {
+    EFI_HANDLE nic = nullptr;
+    do {
+      if (!StartAttempt(attempts, &nic))
+        return;
+    } while (test_.WaitsForCable && !WaitForCable(nic));
+    if (!Check(attempts, nic))
+      return;
+  }
+  attempts.Close(test_.PassText, test_.FailText, test_.FailCode);
+}
