@@ -11,7 +11,8 @@ import unittest
 
 from vmtest import wcvm
 
-RUNNER = [sys.executable, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "wcvm.py")]
+VM_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+RUNNER = ["env", f"PYTHONPATH={VM_DIR}", sys.executable, "-m", "wcvm"]
 UNPLUGGED = ["--nic", "virtio:link=off", "-test=pingtest", "-retries=1"]
 WAITING = "Press a key to continue, ESC to abort."
 
@@ -22,6 +23,26 @@ def timed_lines(proc):
     for line in proc.stdout:
         lines.append((time.time() - start, line.rstrip("\n")))
     return lines
+
+
+class ArgumentsTest(unittest.TestCase):
+    """The runner's command line, without a VM."""
+
+    def test_every_option_with_a_value_takes_it_as_the_next_word_or_after_equals(self):
+        from wcvm.cli import option_names, run_parser, split_arguments
+        parser = run_parser()
+        values = {"--nic": "e1000", "--smbios": "1,family=x", "--var": "A=b", "--file": "a=b",
+                  "--script": "s", "--call": "-version", "--lang": "fra", "--ui": "console", "--timeout": "9"}
+        self.assertEqual(option_names(parser, True), set(values))
+        for option, value in values.items():
+            for words in ([option, value], [f"{option}={value}"]):
+                vm_args, calls = split_arguments(words + ["-test=interactivenetworktest"], parser)
+                self.assertEqual(vm_args, [f"{option}={value}"])
+                self.assertEqual(calls, ["-test=interactivenetworktest"])
+                given = vars(parser.parse_args(vm_args))[option[2:].replace("-", "_")]
+                self.assertIn(value, given if isinstance(given, list) else [str(given)])
+        with self.assertRaisesRegex(ValueError, "comes after the option string"):
+            split_arguments(["-test=pingtest", "--ui", "console"], parser)
 
 
 class RunnerTest(unittest.TestCase):

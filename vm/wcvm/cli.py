@@ -1,0 +1,162 @@
+"""The command line of ./wirecheck run and ./wirecheck image."""
+import argparse
+import re
+import sys
+
+from .config import MANAGER_LINES, RESULT_LINE, HarnessError, Nic, VmConfig, parse_files, parse_var
+from .disk import build_image
+from .live import LivePrinter, run_vm
+
+def image_main(argv):
+    """./wirecheck image FILE [--script FILE] [--file LOCAL=PATH] OPTIONS... (or -- "OPTIONS" ...)."""
+    if not argv or argv[0].startswith("-"):
+        print("usage: ./wirecheck image FILE [--script FILE] [--file LOCAL=PATH] OPTIONS... "
+              "| -- \"OPTIONS 1\" \"OPTIONS 2\" ...", file=sys.stderr)
+        return 2
+    path = argv[0]
+    try:
+        vm_args, calls = split_arguments(argv[1:], run_parser())
+        parser = image_parser()
+        known = option_names(parser)
+        for word in vm_args:
+            if word.startswith("--") and word.split("=")[0] not in known:
+                raise ValueError(f"{word} does not apply to a boot image (only --script, --file and --call do)")
+        args = parser.parse_args(vm_args)
+        calls = [check_paths(c) for c in args.call + calls]
+        if not calls:
+            raise ValueError("no option string (for example: ./wirecheck image stick.img -test=pingtest)")
+        files = parse_files(args.file)
+        script = ""
+        if args.script:
+            with open(args.script) as f:
+                script = f.read()
+        build_image(path, calls, script, files)
+    except (ValueError, OSError, HarnessError) as e:
+        print(f"wirecheck image: {e}", file=sys.stderr)
+        return 2
+    print(f"wrote {path}: {len(calls)} call(s); copy it to a USB stick with "
+          f"'sudo dd if={path} of=/dev/sdX bs=4M conv=fsync' and boot the machine from the stick")
+    return 0
+
+
+def run_parser():
+    """The options of ./wirecheck run: the one list of them, which the splitting below reads too."""
+    parser = argparse.ArgumentParser(
+        prog="wirecheck run",
+        description="Boot OVMF, run Wirecheck through the VexRun manager with one option string (or, after "
+                    "--, one call per quoted string), print the module's output and a RESULT line per call.")
+    parser.add_argument("--nic", action="append", default=[], metavar="MODEL[:OPT,...]",
+                        help="NIC model virtio|e1000|rtl8139 with options link=off, net=none, "
+                             "mac=XX:XX:XX:XX:XX:XX, policy=dhcp|static, bridge, dump=FILE.pcap, "
+                             "ip=A.B.C.D/LEN and gw=A.B.C.D (a static IPv4 configuration), plug=PROMPT (plug the "
+                             "cable in when that prompt shows; with link=off) (repeatable; default one virtio)")
+    parser.add_argument("--smbios", action="append", default=[], metavar="TYPE,FIELD=VALUE")
+    parser.add_argument("--var", action="append", default=[], metavar="NAME[@GUID]=TEXT")
+    parser.add_argument("--file", action="append", default=[], metavar="LOCAL=PATH")
+    parser.add_argument("--script", metavar="FILE", help="answers for prompts, progress and menus")
+    parser.add_argument("--call", action="append", default=[], metavar="OPTIONS",
+                        help="one manager call with this option string (repeatable)")
+    parser.add_argument("--verbose", action="store_true", help="show the manager's own lines and output flags")
+    parser.add_argument("--lang", default="", metavar="LANG",
+                        help="the manager shows prompt texts in this language (eng, fra, deu, esp, ...)")
+    parser.add_argument("--old-layout", action="store_true", help="drive the module's old protocol layout")
+    parser.add_argument("--ui", choices=("both", "console", "none"), default="both",
+                        help="the menu protocols VexRun installs for the module (default both)")
+    parser.add_argument("--timeout", type=int, default=240)
+    return parser
+
+
+def image_parser():
+    parser = argparse.ArgumentParser(prog="wirecheck image")
+    parser.add_argument("--script")
+    parser.add_argument("--file", action="append", default=[])
+    parser.add_argument("--call", action="append", default=[])
+    return parser
+
+
+def option_names(parser, with_value=None):
+    """The parser's long options; with_value True or False keeps those that take a value or not."""
+    names = set()
+    for action in parser._actions:
+        takes_value = action.nargs != 0
+        if with_value is None or takes_value == with_value:
+            names.update(o for o in action.option_strings if o.startswith("--") and o != "--help")
+    return names
+
+
+def split_arguments(argv, parser):
+    """VM options, then the calls: the words of one option string, or after "--" one call a word."""
+    with_value = option_names(parser, True)
+    vm_args, rest = [], list(argv)
+    while rest and rest[0].startswith("--") and rest[0] != "--":
+        word = rest.pop(0)
+        # Joined to its value, so that a value beginning with "-" (an option string) stays a value.
+        vm_args.append(f"{word}={rest.pop(0)}" if word in with_value and rest else word)
+    if rest and rest[0] == "--":
+        calls = rest[1:]
+    else:
+        calls = [" ".join(rest)] if rest else []
+    late = [w for w in rest if w.split("=")[0] in option_names(parser)]
+    if late:
+        raise ValueError(f"{late[0]} comes after the option string: VM options come first "
+                         f"(./wirecheck run [VM options] OPTIONS...)")
+    return vm_args, calls
+
+
+def check_paths(call):
+    """A VM path whose backslash the user's shell ate writes nowhere: say so; accept / for \\."""
+    fixed = []
+    for word in call.split(" "):
+        name, eq, value = word.partition("=")
+        m = re.match(r"^(fs\d+:)(.*)$", value, re.I)
+        if eq and m:
+            path = m.group(2).replace("/", "\\")
+            if path and not path.startswith("\\"):
+                raise ValueError(f"{word}: the path has no backslash after {m.group(1)} (did the shell eat it? "
+                                 f"quote the option string or write {m.group(1)}/{path})")
+            word = f"{name}={m.group(1)}{path}"
+        fixed.append(word)
+    return " ".join(fixed)
+
+
+def main(argv):
+    parser = run_parser()
+    try:
+        vm_args, calls = split_arguments(argv, parser)
+        args = parser.parse_args(vm_args)
+        calls = [check_paths(c) for c in args.call + calls]
+        if not calls:
+            raise ValueError("no option string (for example: ./wirecheck run -test=pingtest)")
+        cfg = VmConfig(calls=calls, verbose=args.verbose, old_layout=args.old_layout,
+                       timeout=args.timeout, language=args.lang, ui=args.ui)
+        cfg.nics = [Nic.parse(n) for n in args.nic] or None
+        cfg.smbios = args.smbios
+        cfg.variables = [parse_var(v) for v in args.var]
+        cfg.files = parse_files(args.file)
+        if args.script:
+            with open(args.script) as f:
+                cfg.script = f.read()
+    except (ValueError, OSError) as e:
+        print(f"wirecheck run: {e}", file=sys.stderr)
+        return 2
+    printer = LivePrinter(args.verbose)
+    cfg.on_line = printer
+    cfg.keyboard = not cfg.script and sys.stdin.isatty()
+    try:
+        run = run_vm(cfg)
+    except HarnessError as e:
+        print(f"wirecheck run: {e}", file=sys.stderr)
+        return 2
+    except KeyboardInterrupt:
+        print("wirecheck run: interrupted", file=sys.stderr)
+        return 2
+    if len(run.results) != len(calls):
+        print(f"wirecheck run: the manager printed {len(run.results)} RESULT line(s) for {len(calls)} call(s)",
+              file=sys.stderr)
+        return 2
+    if not printer.results:
+        # The serial console showed nothing of the manager's: print what it wrote to its file.
+        for line in run.output.splitlines():
+            if RESULT_LINE.match(line) or args.verbose or not line.startswith(MANAGER_LINES):
+                print(line)
+    return 0 if all(r[0] == "Passed" for r in run.results) else 1

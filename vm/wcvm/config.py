@@ -1,0 +1,150 @@
+"""The runner's configuration: where things are, the NIC models and their options, one VM run's
+settings and what a run gives back."""
+import os
+import re
+from dataclasses import dataclass, field
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+
+
+EFI_DIR = os.path.join(ROOT, "build", "efi")
+
+
+# Where the files of the last run land; each VM test file has its own, so that they can run at once.
+LAST_DIR = os.environ.get("WIRECHECK_VM_LAST") or os.path.join(ROOT, "build", "vm", "last")
+
+
+OVMF_CODE = "/usr/share/OVMF/OVMF_CODE_4M.fd"
+
+
+OVMF_VARS = "/usr/share/OVMF/OVMF_VARS_4M.fd"
+
+
+# Vendor GUID under which --var NAME sets a variable when no GUID is given (the module's own).
+DEFAULT_VAR_GUID = "59D1C24F-50F1-401A-B101-F33E0DAED443"
+
+
+NIC_MODELS = {"virtio": "virtio-net-pci", "e1000": "e1000", "rtl8139": "rtl8139"}
+
+
+ESCAPE = re.compile(r"\x1b\[[0-9;=?]*[A-Za-z]")
+
+
+RESULT_LINE = re.compile(r"^RESULT result=(\w+) error=0x([0-9A-Fa-f]+) status=(.*)$")
+
+
+MANAGER_LINES = ("CALL ", "RUNTIME ", "LOAD ", "PROTOCOLS ", "MODULE ", "UNLOAD ", "VEXRUN ", "HANDLES ", "MESSAGE ")
+
+
+class HarnessError(Exception):
+    """The VM or the harness failed; the module's result is unknown."""
+
+
+@dataclass
+class Nic:
+    model: str = "virtio"
+    link: bool = True
+    network: bool = True
+    mac: str = ""
+    policy: str = "dhcp"
+    bridge: bool = False  # behind a PCIe root port rather than on the root bridge's bus
+    dump: str = ""  # a pcap file that receives every frame of the NIC's network (both directions)
+    ip: str = ""  # a static IPv4 configuration set in the firmware before the manager starts: "A.B.C.D/len"
+    gateway: str = ""  # its default gateway
+    plug: int = 0  # plug the cable in (raise the link) when the manager shows this prompt number
+
+    @staticmethod
+    def parse(text):
+        model, _, opts = text.partition(":")
+        if model not in NIC_MODELS:
+            raise ValueError(f"unknown NIC model '{model}' (one of {', '.join(NIC_MODELS)})")
+        nic = Nic(model=model)
+        for opt in filter(None, opts.split(",")):
+            key, _, value = opt.partition("=")
+            if key == "link" and value in ("on", "off"):
+                nic.link = value == "on"
+            elif key == "net" and value in ("none", "user"):
+                nic.network = value == "user"
+            elif key == "mac" and re.fullmatch(r"([0-9A-Fa-f]{2}:){5}[0-9A-Fa-f]{2}", value):
+                nic.mac = value.lower()
+            elif key == "policy" and value in ("dhcp", "static"):
+                nic.policy = value
+            elif key == "bridge" and not value:
+                nic.bridge = True
+            elif key == "dump" and value:
+                nic.dump = os.path.abspath(value)
+            elif key == "ip" and re.fullmatch(r"(\d{1,3}\.){3}\d{1,3}/\d{1,2}", value):
+                nic.ip = value
+                nic.policy = "static"
+            elif key == "gw" and re.fullmatch(r"(\d{1,3}\.){3}\d{1,3}", value):
+                nic.gateway = value
+            elif key == "plug" and value.isdigit():
+                nic.plug = int(value)
+            else:
+                raise ValueError(f"bad NIC option '{opt}' (link=off, net=none, mac=XX:..:XX, policy=dhcp|static, "
+                                 f"bridge, dump=FILE.pcap, ip=A.B.C.D/LEN, gw=A.B.C.D, plug=PROMPT)")
+        if nic.gateway and not nic.ip:
+            raise ValueError("gw= needs ip=A.B.C.D/LEN")
+        return nic
+
+
+@dataclass
+class VmConfig:
+    calls: list = field(default_factory=list)  # option strings, one manager call each
+    nics: list = None  # None: one virtio NIC; [] : no NIC at all
+    smbios: list = field(default_factory=list)
+    variables: list = field(default_factory=list)  # (name, guid, text)
+    files: list = field(default_factory=list)  # (local path, image path)
+    script: str = ""  # answers for prompts, progress and menus
+    verbose: bool = False  # manager shows the output flags of every line
+    old_layout: bool = False
+    reload: bool = False  # a fresh module image for every call
+    check_handles: bool = False  # the manager compares the handle database around each call
+    language: str = ""  # the manager shows prompt texts in this language of the message file
+    messages: list = field(default_factory=list)  # message numbers the manager prints before the calls
+    timeout: int = 240
+    shell_before: list = field(default_factory=list)  # extra shell lines before the manager
+    cwd: str = ""  # the shell's current directory on fs0: when the manager runs (made if missing)
+    shell_after: list = field(default_factory=list)  # shell lines after the manager, before power-off
+    image: str = ""  # boot this disk image (made by build_image) instead of the shell and startup.nsh
+    on_line: object = None  # called with each clean serial line as it arrives
+    keyboard: bool = False  # keys typed at this terminal reach the VM
+    ui: str = "both"  # the menu protocols the manager installs: both, console or none
+
+
+@dataclass
+class VmRun:
+    serial: str
+    output: str  # what the manager showed on its console
+    log: str  # everything the manager received, console or not
+    results: list  # (result, error code, status) per call
+    files_dir: str
+    elapsed: float
+    line_times: list = field(default_factory=list)  # (seconds since start, serial line) as they arrived
+
+    def lines(self, prefix):
+        return [l for l in self.output.splitlines() if l.startswith(prefix)]
+
+
+def parse_var(text):
+    name, _, value = text.partition("=")
+    name, _, guid = name.partition("@")
+    if not name or not re.fullmatch(r"[A-Za-z0-9_]+", name):
+        raise ValueError(f"bad variable name in '{text}'")
+    guid = guid or DEFAULT_VAR_GUID
+    if not re.fullmatch(r"[0-9A-Fa-f]{8}-([0-9A-Fa-f]{4}-){3}[0-9A-Fa-f]{12}", guid):
+        raise ValueError(f"bad GUID in '{text}'")
+    if '"' in value or "\n" in value:
+        raise ValueError("a variable's text cannot hold a double quote or a line break")
+    return name, guid, value
+
+
+def parse_files(specs):
+    """--file LOCAL=PATH arguments as (local file, path on the disk)."""
+    files = []
+    for spec in specs:
+        local, sep, target = spec.partition("=")
+        if not sep or not os.path.isfile(local):
+            raise ValueError(f"--file wants LOCAL=PATH with an existing local file, got '{spec}'")
+        files.append((local, target))
+    return files

@@ -1,0 +1,228 @@
+"""One VM run as it happens: the serial console read live, questions answered from a script or the
+keyboard, links raised when a prompt asks for the cable, and the results read back."""
+import os
+import re
+import select
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import termios
+import time
+import tty
+
+from .config import ESCAPE, LAST_DIR, MANAGER_LINES, OVMF_VARS, RESULT_LINE, HarnessError, Nic, VmRun
+from .disk import build_disk, fat_partition
+from .monitor import Monitor
+from .qemu import check_tools, qemu_command
+
+# What the manager prints when it waits for a key that only a person can press.
+WAITING_LINES = ("Press a key to continue, ESC to abort.", "Choose an item with its number, ESC to cancel.")
+
+
+def _question(serial):
+    """Names the question the manager waits on: the last prompt (number and text) or menu."""
+    prompt = None
+    for line in serial.splitlines():
+        m = re.match(r"PROMPT message=(\d+)", line)
+        if m:
+            prompt = f"prompt {m.group(1)}"
+        m = re.match(r"PROMPT text=(.*)", line)
+        if m and prompt:
+            prompt = f'{prompt.split(" (")[0]} ("{m.group(1).strip()}")'
+        if line.startswith("MENU "):
+            prompt = "a menu"
+    return prompt or "a question"
+
+
+class _Keyboard:
+    """The user's terminal in character mode while the VM runs; restored on every way out."""
+
+    def __init__(self):
+        self.fd = sys.stdin.fileno()
+        self.saved = termios.tcgetattr(self.fd)
+        tty.setcbreak(self.fd)  # Ctrl-C still interrupts
+        self.old_handler = signal.signal(signal.SIGTERM, self._terminate)
+
+    def _terminate(self, *_):
+        self.restore()
+        sys.exit(2)
+
+    def read(self):
+        data = os.read(self.fd, 64)
+        # Enter is a carriage return on a serial console.
+        return data.replace(b"\n", b"\r")
+
+    def restore(self):
+        if self.saved is not None:
+            termios.tcsetattr(self.fd, termios.TCSADRAIN, self.saved)
+            self.saved = None
+            signal.signal(signal.SIGTERM, self.old_handler)
+
+
+def clean_serial(raw):
+    text = raw.decode("utf-8", "replace")
+    return ESCAPE.sub("", text).replace("\r", "")
+
+
+def run_vm(cfg):
+    """Boots the VM once, runs every call of cfg, and returns what came back."""
+    check_tools()
+    if cfg.nics is None:
+        cfg.nics = [Nic()]
+    start = time.time()
+    work = tempfile.mkdtemp(prefix="wirecheck-vm-")
+    try:
+        disk = cfg.image or build_disk(cfg, work)
+        vars_copy = os.path.join(work, "vars.fd")
+        shutil.copy(OVMF_VARS, vars_copy)
+        qmp_path = os.path.join(work, "qmp.sock") if any(not n.link or n.plug for n in cfg.nics) else ""
+        proc = subprocess.Popen(qemu_command(cfg, disk, vars_copy, qmp_path), stdin=subprocess.PIPE,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        deadline = start + cfg.timeout
+        raw = bytearray()
+        arrivals = []  # (seconds since start, length of the raw output so far)
+        skipped = False
+        timed_out = False
+        unanswerable = None
+        pending = b""
+        keyboard = _Keyboard() if cfg.keyboard else None
+        qmp = None
+        try:
+            if qmp_path:
+                qmp = Monitor(qmp_path, cfg.nics, deadline)
+            while proc.poll() is None:
+                if time.time() > deadline:
+                    timed_out = True
+                    break
+                sources = [proc.stdout] + ([sys.stdin] if keyboard and skipped else [])
+                ready, _, _ = select.select(sources, [], [], 0.2)
+                if sys.stdin in ready:
+                    keys = keyboard.read()
+                    if keys:
+                        proc.stdin.write(keys)
+                        proc.stdin.flush()
+                if proc.stdout in ready:
+                    chunk = os.read(proc.stdout.fileno(), 65536)
+                    if not chunk:
+                        # The serial side closed: QEMU is on its way out after "reset -s".
+                        try:
+                            proc.wait(timeout=max(1, min(15, deadline - time.time())))
+                        except subprocess.TimeoutExpired:
+                            timed_out = True
+                        break
+                    raw += chunk
+                    arrivals.append((time.time() - start, len(raw)))
+                    # The shell counts down before startup.nsh; any key but ESC skips the wait. A
+                    # manager booted from an image waits for a key before it powers off.
+                    if not skipped and (b"seconds to skip" in raw or b"VEXRUN DONE" in raw):
+                        proc.stdin.write(b" ")
+                        proc.stdin.flush()
+                        skipped = True
+                    pending += chunk
+                    *complete, pending = pending.split(b"\n")
+                    for line in complete:
+                        text = clean_serial(line).strip()
+                        if qmp:
+                            qmp.on_line(text)
+                        if cfg.on_line:
+                            cfg.on_line(text)
+                        if not cfg.keyboard and not cfg.script and text in WAITING_LINES:
+                            unanswerable = _question(clean_serial(bytes(raw)))
+                    if unanswerable:
+                        break
+        finally:
+            if qmp:
+                qmp.close()
+            if keyboard:
+                keyboard.restore()
+            if proc.poll() is None:
+                proc.kill()
+            rest, err = proc.communicate()
+            raw += rest or b""
+        serial = clean_serial(bytes(raw))
+
+        if os.path.isdir(LAST_DIR):
+            shutil.rmtree(LAST_DIR)
+        os.makedirs(LAST_DIR)
+        with open(os.path.join(LAST_DIR, "serial.log"), "w") as f:
+            f.write(serial)
+        subprocess.run(["mcopy", "-s", "-n", "-i", fat_partition(disk), "::/", LAST_DIR + "/"], capture_output=True)
+
+        if unanswerable:
+            raise HarnessError(f"{unanswerable} is waiting for an answer and there is no terminal to give one; "
+                               f"answer it with --script FILE (a line 'prompt ok' or 'prompt abort', "
+                               f"'menu N' or 'menu cancel') or run from a terminal")
+        if timed_out:
+            raise HarnessError(f"the VM did not finish within {cfg.timeout} s (serial log in {LAST_DIR})")
+        if proc.returncode != 0:
+            raise HarnessError(f"QEMU failed ({proc.returncode}): {err.decode(errors='replace').strip()}")
+        if cfg.image:
+            # The manager and its files sit in the boot directory of the image.
+            boot_dir = os.path.join(LAST_DIR, "EFI", "BOOT")
+            for name in os.listdir(boot_dir) if os.path.isdir(boot_dir) else []:
+                shutil.copy(os.path.join(boot_dir, name), LAST_DIR)
+        output = _read_text(os.path.join(LAST_DIR, "VexRun.out"))
+        log = _read_text(os.path.join(LAST_DIR, "VexRun.log"))
+        if output is None:
+            # The manager did not get to write its files: take its console from the serial log.
+            m = re.search(r"VEXRUN BEGIN\n(.*?)(VEXRUN END[^\n]*\n|\Z)", serial, re.S)
+            output = (m.group(0) if m else "")
+        results = []
+        for line in output.splitlines():
+            m = RESULT_LINE.match(line)
+            if m:
+                results.append((m.group(1), int(m.group(2), 16), m.group(3).strip()))
+        if "VEXRUN END" not in output:
+            raise HarnessError(f"the manager did not finish (serial log in {LAST_DIR})")
+        return VmRun(serial=serial, output=output, log=log or "", results=results, files_dir=LAST_DIR,
+                     elapsed=time.time() - start, line_times=_line_times(bytes(raw), arrivals))
+    finally:
+        shutil.rmtree(work, ignore_errors=True)
+
+
+def _line_times(raw, arrivals):
+    """Each complete serial line with the time its last byte arrived."""
+    timed, begin, index = [], 0, 0
+    for end in range(len(raw)):
+        if raw[end] != 0x0A:
+            continue
+        while index < len(arrivals) and arrivals[index][1] <= end:
+            index += 1
+        when = arrivals[min(index, len(arrivals) - 1)][0] if arrivals else 0.0
+        timed.append((when, clean_serial(raw[begin:end + 1]).strip()))
+        begin = end + 1
+    return timed
+
+
+def _read_text(path):
+    if not os.path.exists(path):
+        return None
+    with open(path, "rb") as f:
+        return f.read().decode("utf-8", "replace").replace("\r", "")
+
+
+class LivePrinter:
+    """Prints the manager's console as it arrives: the module's lines, progress and prompts, and
+    one RESULT line per call."""
+
+    def __init__(self, verbose):
+        self.verbose = verbose
+        self.inside = False
+        self.results = []
+
+    def __call__(self, line):
+        if line.startswith("VEXRUN BEGIN"):
+            self.inside = True
+            return
+        if not self.inside:
+            return
+        if line.startswith("VEXRUN END"):
+            self.inside = False
+            return
+        if RESULT_LINE.match(line):
+            self.results.append(line)
+        elif not self.verbose and line.startswith(MANAGER_LINES):
+            return
+        print(line, flush=True)
