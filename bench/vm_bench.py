@@ -8,9 +8,10 @@
 - interactivenetworktest's gateway path against the shell: in one boot with a static configuration
   whose gateway answers, the wall time of the shell's "ping -n 3" to the gateway, of the test (menu-
   less, one NIC: cable check, gateway ping, three pings), and their ratio.
-- SpeedTest's clock against the wire: one burst of 99,999 frames on a virtio NIC whose network is
-  captured; the module's first-to-last completion interval, the interval of the same frames in the
-  capture's time stamps, and their ratio (target within 10 %).
+- SpeedTest's bursts on a virtio NIC whose network is captured: how many of three 99,999-frame
+  bursts the firmware refused frames of (ending Aborted), and, on the bursts that completed, the
+  module's first-to-last completion interval against the same frames' interval in the capture's
+  time stamps (the worst ratio; target within 10 %).
 - SpeedTest's spread: 20 calls in one boot; the lowest and highest figure and the spread between
   them in percent of the lowest (target within 20 %).
 """
@@ -66,33 +67,48 @@ print(f"BENCH interactive_gateway_path_wall {result - call:.2f} s")
 print(f"BENCH shell_ping_3_wall {ping_end - ping_start:.2f} s")
 print(f"BENCH interactive_to_shell_ratio {(result - call) / (ping_end - ping_start):.2f} x")
 
-# A burst the NIC refused frames of ends Aborted (QEMU drains its queues in its own time): up to three
-# calls in one boot. The capture is cut into the calls' bursts by the frame counts the module logs,
-# and the first whole burst is compared with its frames' time stamps.
+# The firmware's managed network refuses a frame when the NIC's transmit ring stays full, and the
+# burst then ends Aborted: how often that happens to a burst of 99,999 frames is a figure of its
+# own. The clock is measured against the capture on the bursts that complete: five of 10,000 frames
+# after the long ones, in the same boot. The capture is cut into the calls' bursts by the frame
+# counts the module logs.
+LONG, SHORT = 3, 5
 with tempfile.TemporaryDirectory() as work:
     dump = os.path.join(work, "burst.pcap")
-    run = wcvm.run_vm(wcvm.VmConfig(calls=["-test=SpeedTest -NetworkSpeed=1 -PacketsCount=99999"] * 3,
-                                    nics=[wcvm.Nic(dump=dump)], timeout=1200))
+    run = wcvm.run_vm(wcvm.VmConfig(calls=["-test=SpeedTest -NetworkSpeed=1 -PacketsCount=99999"] * LONG +
+                                    ["-test=SpeedTest -NetworkSpeed=1 -PacketsCount=10000"] * SHORT,
+                                    nics=[wcvm.Nic(dump=dump)], timeout=1800))
     frames = [f for f in wcvm.read_pcap(dump) if f[2][:14] == bytes(14)]
-measured = re.finditer(r"Frames: (\d+) of \d+ bytes, first to last completion (\d+) us, (\d+) frames/s|"
-                       r"(\d+) of \d+ frames completed, \d+ failed", run.log)
-at, whole, refused = 0, None, 0
-for m in measured:
-    sent = int(m.group(1) or m.group(4))
-    if m.group(1) and whole is None:
-        whole = (m, frames[at:at + sent])
-    refused += 0 if m.group(1) else 1
+bursts = []  # (frames asked for, completed whole, module interval in us, frames/s, the burst's frames)
+at = 0
+for m in re.finditer(r"Frames: (\d+) of \d+ bytes, first to last completion (\d+) us, (\d+) frames/s|"
+                     r"(\d+) of (\d+) frames completed, \d+ failed", run.log):
+    if m.group(1):
+        sent = int(m.group(1))
+        bursts.append((sent, True, int(m.group(2)), int(m.group(3)), frames[at:at + sent]))
+    else:
+        sent = int(m.group(4))
+        bursts.append((int(m.group(5)), False, 0, 0, []))
     at += sent
-if whole is None or len(whole[1]) != 99999 or at != len(frames):
-    raise SystemExit(f"vm_bench: no burst of 99,999 frames was measured and captured whole ({len(frames)} captured)")
-m, burst = whole
-module_us = int(m.group(2))
-wire_us = (burst[-1][0] - burst[0][0]) * 1e6
-print(f"BENCH speedtest_refused_bursts {refused} of 3")
-print(f"BENCH speedtest_module_interval {module_us / 1000:.1f} ms")
-print(f"BENCH speedtest_capture_interval {wire_us / 1000:.1f} ms")
-print(f"BENCH speedtest_interval_ratio {module_us / wire_us:.3f} x")
-print(f"BENCH speedtest_frames_per_second {m.group(3)} frames/s")
+long_bursts = [b for b in bursts if b[0] == 99999]
+print(f"BENCH speedtest_99999_refused {sum(not b[1] for b in long_bursts)} of {len(long_bursts)} bursts")
+ratios = []
+if at == len(frames):
+    for asked, whole, module_us, per_second, burst in bursts:
+        if whole and len(burst) == asked:
+            wire_us = (burst[-1][0] - burst[0][0]) * 1e6
+            ratios.append((module_us / wire_us, module_us, wire_us, per_second))
+else:
+    print(f"vm_bench: the capture holds {len(frames)} frames, the module logged {at}", file=sys.stderr)
+print(f"BENCH speedtest_bursts_compared {len(ratios)} of {len(bursts)}")
+if ratios:
+    worst = max(ratios, key=lambda r: abs(r[0] - 1))
+    print(f"BENCH speedtest_interval_ratio_worst {worst[0]:.3f} x")
+    print(f"BENCH speedtest_module_interval {worst[1] / 1000:.1f} ms")
+    print(f"BENCH speedtest_capture_interval {worst[2] / 1000:.1f} ms")
+    print(f"BENCH speedtest_frames_per_second {worst[3]} frames/s")
+else:
+    print("BENCH speedtest_interval_ratio_worst n/a (no burst completed)")
 
 run = wcvm.run_vm(wcvm.VmConfig(calls=["-test=SpeedTest -NetworkSpeed=1"] * 20, timeout=900))
 speeds = [int(v) for v in re.findall(r"speed is (\d+) Mbit/s", run.log)]
