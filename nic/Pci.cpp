@@ -136,12 +136,25 @@ bool StartsWithPath(const EFI_DEVICE_PATH_PROTOCOL* path, const EFI_DEVICE_PATH_
   return offset == prefixBytes;
 }
 
-bool ContainsNoCase(const CHAR16* text, const CHAR16* word) {
-  UINTN n = StrLen(word);
-  for (const CHAR16* p = text; *p != 0; ++p)
-    if (StrniCmp(p, word, n) == 0)
-      return true;
-  return false;
+// A NIC the PCI tests can locate: somewhere on its path a PCI node (a PCI function, or a PCI or
+// PCI Express root bridge) and no USB node (a USB NIC sits behind a PCI host controller, but its
+// PCI function is the controller's, not the NIC's).
+bool OnPciNotUsb(const EFI_DEVICE_PATH_PROTOCOL* path) {
+  bool pci = false;
+  for (const EFI_DEVICE_PATH_PROTOCOL* node = path; !IsDevicePathEnd(node); node = NextDevicePathNode(node)) {
+    if (node->Type == MESSAGING_DEVICE_PATH &&
+        (node->SubType == MSG_USB_DP || node->SubType == MSG_USB_CLASS_DP ||
+         node->SubType == MSG_USB_WWID_DP))
+      return false;
+    if (node->Type == HARDWARE_DEVICE_PATH && node->SubType == HW_PCI_DP)
+      pci = true;
+    if (node->Type == ACPI_DEVICE_PATH && node->SubType == ACPI_DP && DevicePathNodeLength(node) >= 8) {
+      UINT32 hid = 0;
+      CopyMem(&hid, reinterpret_cast<const UINT8*>(node) + 4, sizeof(hid));
+      pci = pci || hid == EisaPnpId(0x0A03) || hid == EisaPnpId(0x0A08);
+    }
+  }
+  return pci;
 }
 
 } // namespace
@@ -235,7 +248,7 @@ EFI_STATUS GetNicPciLocation(EFI_HANDLE Nic, PciLocation* Location) {
     return EFI_NOT_FOUND;
   }
   LogPrint(u"Handle Device Path: %s\r\n", text.Get());
-  if (ContainsNoCase(text.Get(), u"USB") || !ContainsNoCase(text.Get(), u"PCI")) {
+  if (DevicePathSize(path) == 0 || !OnPciNotUsb(path)) {
     LogPrint(u"Device is unsupported\r\n");
     return EFI_UNSUPPORTED;
   }

@@ -368,6 +368,20 @@ TEST(Pci, RootBridgeRangesAndConfigurationReads) {
   gImageHandle = kImage;
   EXPECT_EQ(GetNicPciLocation(nic.handle, &where), EFI_SUCCESS);
   EXPECT_EQ(where.Device, 3u);
+
+  // Behind a USB port, or on no PCI node at all, a NIC has no PCI function of its own: its path's
+  // node types say so (the text of either path says nothing the PCI tests could trust).
+  std::vector<UINT8> usbPath(nic.pciPath.begin(), nic.pciPath.end() - 4);
+  usbPath.insert(usbPath.end(), {MESSAGING_DEVICE_PATH, MSG_USB_CLASS_DP, 11, 0, 0, 0, 0, 0, 2, 6, 0});
+  usbPath.insert(usbPath.end(), nic.devicePath.end() - 4 - 37, nic.devicePath.end());
+  std::vector<UINT8> macOnly(nic.devicePath.end() - 4 - 37, nic.devicePath.end());
+  for (std::vector<UINT8>* path : {&usbPath, &macOnly}) {
+    for (auto& p : fw.protocols)
+      if (p.handle == nic.handle &&
+          std::memcmp(&p.guid, &EFI_DEVICE_PATH_PROTOCOL_GUID, sizeof(EFI_GUID)) == 0)
+        p.iface = path->data();
+    EXPECT_EQ(GetNicPciLocation(nic.handle, &where), EFI_UNSUPPORTED);
+  }
   FreePciRootBridgeTable();
   gImageHandle = nullptr;
   EXPECT_TRUE(fw.pool.empty());
