@@ -27,6 +27,16 @@ UINT64 PciMaxSegment();
 // Gives the table back (for tests that check that nothing stays allocated).
 void FreePciRootBridgeTable();
 
+// The table for one run: built by Build(), given back whichever way the run ends.
+class PciRootBridgeTableOwner {
+public:
+  PciRootBridgeTableOwner() = default;
+  PciRootBridgeTableOwner(const PciRootBridgeTableOwner&) = delete;
+  PciRootBridgeTableOwner& operator=(const PciRootBridgeTableOwner&) = delete;
+  ~PciRootBridgeTableOwner() { FreePciRootBridgeTable(); }
+  EFI_STATUS Build() { return BuildPciRootBridgeTable(); }
+};
+
 EFI_STATUS PciConfigRead16(UINTN Segment, UINTN Bus, UINTN Device, UINTN Function, UINTN Register,
                            UINT16* Value);
 EFI_STATUS PciConfigRead8(UINTN Segment, UINTN Bus, UINTN Device, UINTN Function, UINTN Register,

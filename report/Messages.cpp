@@ -45,15 +45,15 @@ EFI_STATUS LookupInFile(const CHAR8* language, UINTN id, const CHAR16* file, CHA
   CHAR16 path[kPathChars];
   StrCopy(path, sizeof(path), file);
   FileIoResolveModulePath(path, sizeof(path));
-  XmlNode* doc = nullptr;
-  EFI_STATUS status = XmlLoadFile(path, &doc, TRUE);
+  XmlDocumentOwner doc;
+  EFI_STATUS status = XmlLoadFile(path, doc.Receive(), TRUE);
   if (EFI_ERROR(status))
     return status;
   CHAR16 name[kLanguageNameChars];
   AsciiToUnicode(name, sizeof(name), language);
   status = EFI_NOT_FOUND;
   XmlNode* element =
-      XmlFindElement(doc, 0, XML_PRE_ORDER, nullptr, name, FALSE, nullptr, FALSE, nullptr, FALSE);
+      XmlFindElement(doc.Get(), 0, XML_PRE_ORDER, nullptr, name, FALSE, nullptr, FALSE, nullptr, FALSE);
   for (XmlNode* n = element != nullptr ? element->FirstChild : nullptr; n != nullptr; n = n->NextSibling) {
     if (IsMessage(n, id)) {
       *text = StrDuplicate(n->FirstChild->Name);
@@ -61,7 +61,6 @@ EFI_STATUS LookupInFile(const CHAR8* language, UINTN id, const CHAR16* file, CHA
       break;
     }
   }
-  XmlFreeDocument(doc);
   return status;
 }
 

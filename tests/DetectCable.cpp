@@ -84,11 +84,6 @@ void FreeMacInfo(void* Element, ORDERED_LIST_NODE*) {
   FreePool(Element);
 }
 
-EFI_STATUS DestroyList(ORDERED_LIST* List) {
-  return OrderedListDestroy(List);
-}
-using MacInfoList = wc::Owned<ORDERED_LIST, DestroyList>;
-
 class DetectCableRun : public TestRun {
 public:
   void Execute() {
@@ -115,7 +110,7 @@ private:
 
   DetectCableCmdOption options_ = {};
   wc::HandleBuffer handles_;
-  MacInfoList macs_;
+  OrderedListOwner macs_; // MacInfoList: the permanent addresses counted so far
 };
 
 bool DetectCableRun::ReadOptions() {

@@ -63,10 +63,6 @@ constexpr UINTN kCableChecks = 5;
 constexpr UINTN kDhcpTries = 5;
 constexpr UINTN kSecond = 1000000;
 
-EFI_STATUS DestroyList(ORDERED_LIST* List) {
-  return OrderedListDestroy(List);
-}
-
 class InteractiveRun : public TestRun {
 public:
   ~InteractiveRun() {
@@ -115,7 +111,7 @@ private:
   CHAR8 language_[6] = {};
   UINT64 retries_ = 0;
   NicMenuProtocols menus_ = {};
-  wc::Owned<ORDERED_LIST, DestroyList> nics_;
+  OrderedListOwner nics_;
   NicInfo* selected_ = nullptr;
   UINTN failurePrompt_ = kPromptNotConfigured;
   UINTN lastTick_ = 0;    // the address wait's last tick reported

@@ -37,8 +37,6 @@ constexpr UINT32 kPatternQuery =
     INI_CASE_INSENSITIVE | INI_TRIM | INI_VALUES_ONLY | INI_NO_COMMENT | INI_SKIP_EMPTY;
 constexpr UINTN kMacTextChars = 32;
 
-using IniDocument = wc::Owned<INI_DOCUMENT, IniClose>;
-
 // All zeros, or a first octet pair of FF FF (the broadcast address among them).
 bool BuiltInInvalid(const EFI_MAC_ADDRESS& mac) {
   const UINT8* a = mac.Addr;
@@ -48,7 +46,7 @@ bool BuiltInInvalid(const EFI_MAC_ADDRESS& mac) {
 
 // The patterns of the INI file's invalid-MAC section against the address; Valid when none matches.
 EFI_STATUS CheckPatterns(const CHAR16* file, const EFI_MAC_ADDRESS& mac, BOOLEAN* valid) {
-  IniDocument doc;
+  IniDocumentOwner doc;
   EFI_STATUS status = IniOpen(file, INI_ENCODING_DETECT, doc.Receive());
   if (EFI_ERROR(status)) {
     LogPrint(u"Failed loading INI file.(%r)\r\n", status);

@@ -146,8 +146,8 @@ bool NicCheckRun::Check(Attempts& Attempts, EFI_HANDLE Nic) {
 void NicCheckRun::Execute() {
   Show(Attempts::kOpening);
   // The root-bridge table lives for the run: whichever way it ends, nothing of it stays allocated.
-  wc::ScopeGuard releaseTable([] { FreePciRootBridgeTable(); });
-  if (!ReadOptions() || EFI_ERROR(BuildPciRootBridgeTable())) {
+  PciRootBridgeTableOwner table;
+  if (!ReadOptions() || EFI_ERROR(table.Build())) {
     End(Outcome::Failed(ERROR_CODE_SOFTWARE));
     return;
   }

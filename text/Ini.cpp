@@ -228,18 +228,16 @@ EFI_STATUS IniLoad(const UINT8* Data, UINTN Size, UINTN Encoding, INI_DOCUMENT**
   if (Encoding == INI_ENCODING_DETECT)
     Encoding = mark ? INI_ENCODING_UCS2 : INI_ENCODING_8BIT;
 
-  auto* doc = static_cast<INI_DOCUMENT*>(AllocateZeroPool(sizeof(INI_DOCUMENT)));
-  if (doc == nullptr)
+  IniDocumentOwner doc(static_cast<INI_DOCUMENT*>(AllocateZeroPool(sizeof(INI_DOCUMENT))));
+  if (!doc)
     return EFI_OUT_OF_RESOURCES;
   doc->Encoding = Encoding;
   // With room for the CR LF that an unterminated last line receives.
   UINTN chars = 0;
   doc->Text = DecodeText(Data, Size, Encoding == INI_ENCODING_UCS2 ? TextEncoding::Ucs2 : TextEncoding::Bytes,
                          TextEncoding::Bytes, &chars, 2);
-  if (doc->Text == nullptr) {
-    IniClose(doc);
+  if (doc->Text == nullptr)
     return EFI_OUT_OF_RESOURCES;
-  }
   // The text ends at its first NUL, and always ends in CR LF.
   UINTN length = StrnLen(doc->Text, chars);
   if (length < 2 || doc->Text[length - 2] != u'\r' || doc->Text[length - 1] != u'\n') {
@@ -248,12 +246,10 @@ EFI_STATUS IniLoad(const UINT8* Data, UINTN Size, UINTN Encoding, INI_DOCUMENT**
   }
   doc->Text[length] = 0;
   doc->TextSize = length * sizeof(CHAR16);
-  EFI_STATUS status = Parse(doc);
-  if (EFI_ERROR(status)) {
-    IniClose(doc);
+  EFI_STATUS status = Parse(doc.Get());
+  if (EFI_ERROR(status))
     return status;
-  }
-  *Document = doc;
+  *Document = doc.Release();
   return EFI_SUCCESS;
 }
 

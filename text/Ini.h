@@ -1,6 +1,7 @@
 // INI files: a whole file loaded as a list of lines, and queries whose section, key and value
 // criteria are regular expressions. The reader never writes files.
 #pragma once
+#include "base/Owners.h"
 #include "uefi/Base.h"
 
 constexpr UINTN kIniPathChars = 512;
@@ -47,3 +48,6 @@ EFI_STATUS IniQuery(INI_DOCUMENT* Document, const CHAR16* SectionPattern, const 
                     const CHAR16* ValuePattern, UINT32 Flags, UINTN* Count, CHAR16*** Strings);
 void IniFreeStrings(UINTN Count, CHAR16** Strings);
 void IniClose(INI_DOCUMENT* Document);
+
+// A document closed whichever way its owner's scope ends.
+using IniDocumentOwner = wc::Owned<INI_DOCUMENT, IniClose>;

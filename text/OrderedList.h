@@ -1,5 +1,6 @@
 // A doubly linked list of element pointers in insertion order, with compare and free callbacks.
 #pragma once
+#include "base/Owners.h"
 #include "uefi/Base.h"
 
 struct ORDERED_LIST_NODE {
@@ -25,3 +26,6 @@ EFI_STATUS OrderedListAppend(ORDERED_LIST* List, void* Element, ORDERED_LIST_NOD
 EFI_STATUS OrderedListInsertFront(ORDERED_LIST* List, void* Element, ORDERED_LIST_NODE** Node);
 EFI_STATUS OrderedListFind(ORDERED_LIST* List, const void* Key, ORDERED_LIST_NODE** Node);
 EFI_STATUS OrderedListDestroy(ORDERED_LIST* List);
+
+// A list destroyed, elements and all, whichever way its owner's scope ends.
+using OrderedListOwner = wc::Owned<ORDERED_LIST, OrderedListDestroy>;

@@ -337,16 +337,12 @@ class Matcher {
 public:
   Matcher(const CHAR16* string, BOOLEAN caseSensitive)
       : s_(string), n_(StrLen(string)), caseSensitive_(caseSensitive) {}
-  ~Matcher() {
-    if (list_ != nullptr)
-      OrderedListDestroy(list_);
-  }
   Matcher(const Matcher&) = delete;
   Matcher& operator=(const Matcher&) = delete;
 
   // Compiles the pattern and allocates the work arrays.
   EFI_STATUS Prepare(const CHAR16* pattern) {
-    EFI_STATUS status = RegularExpressionCompile(pattern, &list_);
+    EFI_STATUS status = RegularExpressionCompile(pattern, list_.Receive());
     if (EFI_ERROR(status))
       return status;
     atomCount_ = list_->Count;
@@ -441,7 +437,7 @@ private:
     next_.Reset(t);
   }
 
-  ORDERED_LIST* list_ = nullptr;
+  OrderedListOwner list_;
   const CHAR16* s_;
   UINTN n_;
   BOOLEAN caseSensitive_;
@@ -456,32 +452,27 @@ EFI_STATUS RegularExpressionCompile(const CHAR16* Pattern, ORDERED_LIST** Compil
   if (Pattern == nullptr || Compiled == nullptr)
     return EFI_INVALID_PARAMETER;
   *Compiled = nullptr;
-  ORDERED_LIST* list = nullptr;
-  EFI_STATUS status = OrderedListCreate(&list, nullptr, FreeAtom);
+  OrderedListOwner list;
+  EFI_STATUS status = OrderedListCreate(list.Receive(), nullptr, FreeAtom);
   if (EFI_ERROR(status))
     return status;
   for (const CHAR16* p = Pattern; *p != 0;) {
-    if (list->Last != nullptr && static_cast<REGEX_ATOM*>(list->Last->Element)->AnchorEnd) {
-      OrderedListDestroy(list);
+    if (list->Last != nullptr && static_cast<REGEX_ATOM*>(list->Last->Element)->AnchorEnd)
       return EFI_INVALID_PARAMETER; // nothing may follow "$"
-    }
     auto* atom = static_cast<REGEX_ATOM*>(AllocateZeroPool(sizeof(REGEX_ATOM)));
-    if (atom == nullptr) {
-      OrderedListDestroy(list);
+    if (atom == nullptr)
       return EFI_OUT_OF_RESOURCES;
-    }
     status = ParseAtom(p, atom);
     if (!EFI_ERROR(status) && atom->AnchorStart && list->Count > 0)
       status = EFI_INVALID_PARAMETER; // "^" only in front of the first atom
     if (!EFI_ERROR(status))
-      status = OrderedListAppend(list, atom, nullptr);
+      status = OrderedListAppend(list.Get(), atom, nullptr);
     if (EFI_ERROR(status)) {
       FreeAtom(atom, nullptr);
-      OrderedListDestroy(list);
       return status;
     }
   }
-  *Compiled = list;
+  *Compiled = list.Release();
   return EFI_SUCCESS;
 }
 

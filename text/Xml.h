@@ -2,6 +2,7 @@
 // text that is the sole content of an element; the five predefined entities. The tag structure is
 // checked in a pass of its own, which can also repair unbalanced tags.
 #pragma once
+#include "base/Owners.h"
 #include "uefi/Base.h"
 
 enum XmlNodeType : UINT32 { XML_DECLARATION = 0, XML_ELEMENT = 1, XML_COMMENT = 2, XML_TEXT = 3 };
@@ -41,3 +42,6 @@ XmlNode* XmlNextNode(XmlNode* Node, UINTN Direction, XmlNode* Scope);
 EFI_STATUS FileData2XmlDocString(const UINT8* Data, UINTN Size, CHAR16** String);
 EFI_STATUS ValidateXmlDocString(const CHAR16* Document, BOOLEAN Repair, CHAR16** Validated);
 EFI_STATUS _XmlLoadString(const CHAR16* Document, XmlNode** Result, BOOLEAN Repair);
+
+// A document freed whichever way its owner's scope ends.
+using XmlDocumentOwner = wc::Owned<XmlNode, XmlFreeDocument>;
