@@ -1,6 +1,9 @@
 #include "base/Print.h"
 #include "base/Cxx.h"
 
+// The text name of a status ("Success", "Not Found", ...), or null when the value has none.
+static const CHAR16* StatusName(EFI_STATUS Status);
+
 using wc::Min;
 
 namespace {
@@ -180,7 +183,7 @@ UINT64 NumberOf(const PrintArg& arg) {
 
 } // namespace
 
-const CHAR16* StatusName(EFI_STATUS Status) {
+static const CHAR16* StatusName(EFI_STATUS Status) {
   for (const auto& entry : kStatusNames)
     if (entry.status == Status)
       return entry.name;

@@ -47,6 +47,3 @@ template <class... A> UINTN SPrint(CHAR16* Buffer, UINTN BufferSize, const CHAR1
   const PrintArg list[sizeof...(A) + 1] = {PrintArg(args)...};
   return FormatV(Buffer, BufferSize, Format, list, sizeof...(A));
 }
-
-// The text name of a status ("Success", "Not Found", ...), or null when the value has none.
-const CHAR16* StatusName(EFI_STATUS Status);

@@ -2,6 +2,8 @@
 #include "base/Memory.h"
 #include "uefi/protocol/UnicodeCollation.h"
 
+static void StrUprAscii(CHAR16* s);
+
 namespace {
 constinit EFI_UNICODE_COLLATION_PROTOCOL* gCollation = nullptr;
 }
@@ -82,7 +84,7 @@ void StrLwrAscii(CHAR16* s) {
     *s = CharToLower(*s);
 }
 
-void StrUprAscii(CHAR16* s) {
+static void StrUprAscii(CHAR16* s) {
   for (; s != nullptr && *s != 0; ++s)
     *s = CharToUpper(*s);
 }
@@ -142,18 +144,6 @@ UINTN AsciiStrLen(const CHAR8* s) {
     while (s[n] != 0)
       ++n;
   return n;
-}
-
-INTN AsciiStrCmp(const CHAR8* a, const CHAR8* b) {
-  if (a == nullptr)
-    a = "";
-  if (b == nullptr)
-    b = "";
-  while (*a != 0 && *a == *b) {
-    ++a;
-    ++b;
-  }
-  return INTN(UINT8(*a)) - INTN(UINT8(*b));
 }
 
 BOOLEAN AsciiToUnicode(CHAR16* Destination, UINTN DestinationSize, const CHAR8* Source) {

@@ -24,7 +24,6 @@ constexpr CHAR16 CharToUpper(CHAR16 c) {
   return (c >= u'a' && c <= u'z') ? CHAR16(c - u'a' + u'A') : c;
 }
 void StrLwrAscii(CHAR16* s);
-void StrUprAscii(CHAR16* s);
 
 // Whole-string case conversion: through the firmware's Unicode collation protocol once file
 // access has found it, otherwise A-Z / a-z only.
@@ -43,6 +42,5 @@ const CHAR16* StrFind(const CHAR16* Haystack, const CHAR16* Needle);
 const CHAR16* StrFindChar(const CHAR16* s, CHAR16 c);
 
 UINTN AsciiStrLen(const CHAR8* s);
-INTN AsciiStrCmp(const CHAR8* a, const CHAR8* b);
 BOOLEAN AsciiToUnicode(CHAR16* Destination, UINTN DestinationSize, const CHAR8* Source);
 BOOLEAN UnicodeToAscii(CHAR8* Destination, UINTN DestinationSize, const CHAR16* Source);

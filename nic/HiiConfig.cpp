@@ -8,6 +8,11 @@
 #include "report/Output.h"
 #include "uefi/protocol/ManagedNetwork.h"
 
+static CHAR16* ConstructConfigHeader(const EFI_GUID* Guid, const CHAR16* Name, EFI_HANDLE DriverHandle);
+static EFI_STATUS FindConfigAccessHandle(EFI_HANDLE ServiceHandle, EFI_HANDLE* DriverHandle);
+static EFI_STATUS IsOpenedByChild(EFI_HANDLE ControllerHandle, EFI_HANDLE ChildHandle,
+                                  const EFI_GUID* Protocol);
+
 namespace {
 
 constexpr const CHAR16* kVariableName = u"EfiNicIp4ConfigVariable";
@@ -52,7 +57,8 @@ void LowerCaseValues(CHAR16* text) {
 
 } // namespace
 
-EFI_STATUS IsOpenedByChild(EFI_HANDLE ControllerHandle, EFI_HANDLE ChildHandle, const EFI_GUID* Protocol) {
+static EFI_STATUS IsOpenedByChild(EFI_HANDLE ControllerHandle, EFI_HANDLE ChildHandle,
+                                  const EFI_GUID* Protocol) {
   wc::PoolPtr<EFI_OPEN_PROTOCOL_INFORMATION_ENTRY> entries;
   UINTN count = 0;
   EFI_STATUS status = gBS->OpenProtocolInformation(ControllerHandle, Protocol, entries.Receive(), &count);
@@ -67,7 +73,7 @@ EFI_STATUS IsOpenedByChild(EFI_HANDLE ControllerHandle, EFI_HANDLE ChildHandle, 
   return EFI_UNSUPPORTED;
 }
 
-EFI_STATUS FindConfigAccessHandle(EFI_HANDLE ServiceHandle, EFI_HANDLE* DriverHandle) {
+static EFI_STATUS FindConfigAccessHandle(EFI_HANDLE ServiceHandle, EFI_HANDLE* DriverHandle) {
   return FindHiiChildHandle(ServiceHandle, EFI_NIC_IP4_CONFIG_VARIABLE_GUID, DriverHandle);
 }
 
@@ -108,7 +114,7 @@ EFI_STATUS FindHiiChildHandle(EFI_HANDLE ServiceHandle, const EFI_GUID& Vendor, 
   return status;
 }
 
-CHAR16* ConstructConfigHeader(const EFI_GUID* Guid, const CHAR16* Name, EFI_HANDLE DriverHandle) {
+static CHAR16* ConstructConfigHeader(const EFI_GUID* Guid, const CHAR16* Name, EFI_HANDLE DriverHandle) {
   EFI_DEVICE_PATH_PROTOCOL* path = nullptr;
   EFI_STATUS status =
       gBS->HandleProtocol(DriverHandle, &EFI_DEVICE_PATH_PROTOCOL_GUID, reinterpret_cast<void**>(&path));

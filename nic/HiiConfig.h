@@ -8,11 +8,8 @@ constexpr EFI_GUID EFI_NIC_IP4_CONFIG_VARIABLE_GUID = {
 constexpr UINTN kNicIp4ConfigBlockSize = 1608;
 
 EFI_STATUS SetNicByHii();
-EFI_STATUS FindConfigAccessHandle(EFI_HANDLE ServiceHandle, EFI_HANDLE* DriverHandle);
 // The HII configuration-access child of a NIC's managed-network service handle: a handle for which
 // the service binding was opened as child controller and whose device path holds, after its first
 // node, a hardware vendor node with the Vendor identifier.
 EFI_STATUS FindHiiChildHandle(EFI_HANDLE ServiceHandle, const EFI_GUID& Vendor, EFI_HANDLE* DriverHandle);
-EFI_STATUS IsOpenedByChild(EFI_HANDLE ControllerHandle, EFI_HANDLE ChildHandle, const EFI_GUID* Protocol);
-CHAR16* ConstructConfigHeader(const EFI_GUID* Guid, const CHAR16* Name, EFI_HANDLE DriverHandle);
 UINTN AppendOffsetWidth(CHAR16* Buffer, UINTN BufferSize, UINTN Offset, UINTN Width);

@@ -15,6 +15,9 @@
 #include "uefi/protocol/Ip4.h"
 #include "uefi/protocol/SimpleNetwork.h"
 
+// The first node whose record has these 32 MAC bytes; *Node null when none (not an error).
+static EFI_STATUS FindNicByMac(ORDERED_LIST* List, const EFI_MAC_ADDRESS* Mac, ORDERED_LIST_NODE** Node);
+
 namespace {
 
 constexpr const CHAR16* kMessageFile = u"Wirecheck.msg.xml";
@@ -244,7 +247,7 @@ EFI_STATUS BuildNicInventory(const CHAR8* Language, ORDERED_LIST* List, UINT64* 
   return status;
 }
 
-EFI_STATUS FindNicByMac(ORDERED_LIST* List, const EFI_MAC_ADDRESS* Mac, ORDERED_LIST_NODE** Node) {
+static EFI_STATUS FindNicByMac(ORDERED_LIST* List, const EFI_MAC_ADDRESS* Mac, ORDERED_LIST_NODE** Node) {
   if (Node == nullptr || List == nullptr || Mac == nullptr)
     return EFI_INVALID_PARAMETER;
   *Node = nullptr;

@@ -24,9 +24,6 @@ void FreeNicInfo(void* Element, ORDERED_LIST_NODE* Node);
 // the same MAC address. A pass that finds no handle at all gives EFI_NOT_FOUND.
 EFI_STATUS BuildNicInventory(const CHAR8* Language, ORDERED_LIST* List, UINT64* Count);
 
-// The first node whose record has these 32 MAC bytes; *Node null when none (not an error).
-EFI_STATUS FindNicByMac(ORDERED_LIST* List, const EFI_MAC_ADDRESS* Mac, ORDERED_LIST_NODE** Node);
-
 // The name the NIC's driver gives the controller, found through the handle database's relations:
 // the NIC's parents, their drivers, and the children each driver made. Null when none answers.
 EFI_STATUS GetControllerName(EFI_HANDLE NicHandle, const CHAR8* Language, CHAR16** Name);

@@ -14,59 +14,9 @@ EFI_SERVICE_BINDING_PROTOCOL* OpenBinding(EFI_HANDLE service, EFI_HANDLE agent, 
   return EFI_ERROR(*status) ? nullptr : static_cast<EFI_SERVICE_BINDING_PROTOCOL*>(iface);
 }
 
-// The shared body of the IPv4 and DHCPv4 child openers.
-// A failure gives the binding's open back, so that the caller has nothing to clean up.
-template <class P>
-EFI_STATUS OpenChild(EFI_HANDLE service, EFI_HANDLE agent, const EFI_GUID& bindingGuid,
-                     const EFI_GUID& protocolGuid, const CHAR16* bindingMessage,
-                     const CHAR16* protocolMessage, EFI_HANDLE* child, P** protocol,
-                     EFI_SERVICE_BINDING_PROTOCOL** used) {
-  if (child == nullptr || protocol == nullptr)
-    return EFI_INVALID_PARAMETER;
-  EFI_STATUS status;
-  EFI_SERVICE_BINDING_PROTOCOL* binding = OpenBinding(service, agent, &bindingGuid, nullptr, &status);
-  if (binding == nullptr) {
-    LogPrint(bindingMessage);
-    return status;
-  }
-  *child = nullptr;
-  status = binding->CreateChild(binding, child);
-  if (EFI_ERROR(status)) {
-    LogPrint(u"Failed to creat Ip4 child handle!\r\n");
-    *child = nullptr;
-    gBS->CloseProtocol(service, &bindingGuid, agent, nullptr);
-    return status;
-  }
-  void* iface = nullptr;
-  status = gBS->OpenProtocol(*child, &protocolGuid, &iface, agent, *child, EFI_OPEN_PROTOCOL_GET_PROTOCOL);
-  if (EFI_ERROR(status)) {
-    LogPrint(protocolMessage);
-    binding->DestroyChild(binding, *child);
-    *child = nullptr;
-    gBS->CloseProtocol(service, &bindingGuid, agent, nullptr);
-    return status;
-  }
-  *protocol = static_cast<P*>(iface);
-  if (used != nullptr)
-    *used = binding;
-  return EFI_SUCCESS;
-}
-
-// When the binding cannot be opened again, the child is destroyed through the binding it was
-// created from (Known), when the caller kept it; otherwise it stays.
-void CloseChild(EFI_HANDLE service, EFI_HANDLE agent, EFI_HANDLE child, const EFI_GUID& bindingGuid,
-                const EFI_GUID& protocolGuid, const CHAR16* bindingMessage,
-                EFI_SERVICE_BINDING_PROTOCOL* known) {
-  gBS->CloseProtocol(child, &protocolGuid, agent, child);
-  EFI_STATUS status;
-  EFI_SERVICE_BINDING_PROTOCOL* binding = OpenBinding(service, agent, &bindingGuid, nullptr, &status);
-  if (binding == nullptr) {
-    LogPrint(bindingMessage);
-    binding = known;
-  }
-  if (binding != nullptr)
-    binding->DestroyChild(binding, child);
-  gBS->CloseProtocol(service, &bindingGuid, agent, nullptr);
+template <class... A> void Say(const CHAR16* Text, const A&... Args) {
+  if (Text != nullptr)
+    LogPrint(Text, Args...);
 }
 
 // Reads the simple-network mode through a managed-network child. The three messages name the
@@ -94,86 +44,63 @@ EFI_STATUS ReadSnpMode(EFI_HANDLE nic, EFI_HANDLE agent, wc::PoolPtr<EFI_SIMPLE_
 
 } // namespace
 
-EFI_STATUS CreateServiceChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, const EFI_GUID* ServiceBinding,
-                              EFI_HANDLE* ChildHandle, EFI_SERVICE_BINDING_PROTOCOL** Binding) {
-  if (ServiceBinding == nullptr || ChildHandle == nullptr)
-    return EFI_INVALID_PARAMETER;
+EFI_STATUS ServiceChildOwner::Open(EFI_HANDLE Service, EFI_HANDLE Agent) {
+  Close();
+  service_ = Service;
+  agent_ = Agent;
   EFI_STATUS status;
-  EFI_SERVICE_BINDING_PROTOCOL* binding =
-      OpenBinding(ServiceHandle, Agent, ServiceBinding, ServiceHandle, &status);
+  EFI_SERVICE_BINDING_PROTOCOL* binding = OpenBinding(Service, Agent, kind_.Binding, Controller(), &status);
   if (binding == nullptr) {
-    LogPrint(u"Failed CreateServiceChild ManagedNetworkProtocol!(%r)\r\n", status);
+    Say(kind_.BindingFailed, status);
     return status;
   }
-  status = binding->CreateChild(binding, ChildHandle);
-  // The firmware records even a get-protocol open; close it so that nothing of the call stays.
-  gBS->CloseProtocol(ServiceHandle, ServiceBinding, Agent, ServiceHandle);
-  if (!EFI_ERROR(status) && Binding != nullptr)
-    *Binding = binding;
-  return status;
-}
-
-EFI_STATUS DestroyServiceChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, const EFI_GUID* ServiceBinding,
-                               EFI_HANDLE ChildHandle, EFI_SERVICE_BINDING_PROTOCOL* Binding) {
-  if (ServiceBinding == nullptr)
-    return EFI_INVALID_PARAMETER;
-  EFI_STATUS status;
-  EFI_SERVICE_BINDING_PROTOCOL* binding =
-      OpenBinding(ServiceHandle, Agent, ServiceBinding, ServiceHandle, &status);
-  if (binding == nullptr) {
-    if (Binding == nullptr)
+  EFI_HANDLE child = nullptr;
+  status = binding->CreateChild(binding, &child);
+  if (EFI_ERROR(status))
+    Say(kind_.CreateFailed);
+  // The firmware records even a get-protocol open: a short use gives it back at once.
+  if (EFI_ERROR(status) || !kind_.Held)
+    gBS->CloseProtocol(Service, kind_.Binding, Agent, Controller());
+  if (EFI_ERROR(status))
+    return status;
+  child_ = child;
+  binding_ = binding;
+  void* iface = nullptr;
+  if (!kind_.Held) {
+    status = gBS->HandleProtocol(child, kind_.Protocol, &iface);
+  } else {
+    status = gBS->OpenProtocol(child, kind_.Protocol, &iface, Agent, child, EFI_OPEN_PROTOCOL_GET_PROTOCOL);
+    if (EFI_ERROR(status)) {
+      // The caller has nothing to clean up: the child and the binding's open go at once.
+      Say(kind_.ProtocolFailed);
+      binding->DestroyChild(binding, child);
+      gBS->CloseProtocol(Service, kind_.Binding, Agent, nullptr);
+      child_ = nullptr;
       return status;
-    return Binding->DestroyChild(Binding, ChildHandle);
+    }
   }
-  status = binding->DestroyChild(binding, ChildHandle);
-  gBS->CloseProtocol(ServiceHandle, ServiceBinding, Agent, ServiceHandle);
+  protocol_ = EFI_ERROR(status) ? nullptr : iface;
   return status;
 }
 
-EFI_STATUS OpenMnpChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE* ChildHandle,
-                        EFI_MANAGED_NETWORK_PROTOCOL** Mnp, EFI_SERVICE_BINDING_PROTOCOL** Binding) {
-  if (ChildHandle == nullptr || Mnp == nullptr)
-    return EFI_INVALID_PARAMETER;
-  *ChildHandle = nullptr;
-  EFI_STATUS status = CreateServiceChild(
-      ServiceHandle, Agent, &EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID, ChildHandle, Binding);
-  if (EFI_ERROR(status)) {
-    *ChildHandle = nullptr;
-    return status;
+void ServiceChildOwner::Close() {
+  if (child_ == nullptr)
+    return;
+  EFI_HANDLE child = wc::Exchange<EFI_HANDLE>(child_, nullptr);
+  protocol_ = nullptr;
+  if (kind_.Held)
+    gBS->CloseProtocol(child, kind_.Protocol, agent_, child);
+  EFI_STATUS status;
+  EFI_SERVICE_BINDING_PROTOCOL* binding = OpenBinding(service_, agent_, kind_.Binding, Controller(), &status);
+  bool reopened = binding != nullptr;
+  if (!reopened) {
+    Say(kind_.RebindFailed);
+    binding = binding_; // the binding the child came from
   }
-  return gBS->HandleProtocol(*ChildHandle, &EFI_MANAGED_NETWORK_PROTOCOL_GUID, reinterpret_cast<void**>(Mnp));
-}
-
-void CloseMnpChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE ChildHandle,
-                   EFI_SERVICE_BINDING_PROTOCOL* Binding) {
-  DestroyServiceChild(ServiceHandle, Agent, &EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID, ChildHandle,
-                      Binding);
-}
-
-EFI_STATUS OpenIp4Child(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE* ChildHandle,
-                        EFI_IP4_PROTOCOL** Ip4, EFI_SERVICE_BINDING_PROTOCOL** Binding) {
-  return OpenChild(ServiceHandle, Agent, EFI_IP4_SERVICE_BINDING_PROTOCOL_GUID, EFI_IP4_PROTOCOL_GUID,
-                   u"Failed to Open EFI_IP4_SERVICE_BINDING_PROTOCOL!\r\n",
-                   u"Failed to open Ip4 Protocol!\r\n", ChildHandle, Ip4, Binding);
-}
-
-EFI_STATUS OpenDhcp4Child(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE* ChildHandle,
-                          EFI_DHCP4_PROTOCOL** Dhcp4, EFI_SERVICE_BINDING_PROTOCOL** Binding) {
-  return OpenChild(ServiceHandle, Agent, EFI_DHCP4_SERVICE_BINDING_PROTOCOL_GUID, EFI_DHCP4_PROTOCOL_GUID,
-                   u"Failed to Open EFI_DHCP4_SERVICE_BINDING_PROTOCOL!\r\n",
-                   u"Failed to open Dhcp4 Protocol!\r\n", ChildHandle, Dhcp4, Binding);
-}
-
-void CloseIp4Child(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE ChildHandle,
-                   EFI_SERVICE_BINDING_PROTOCOL* Binding) {
-  CloseChild(ServiceHandle, Agent, ChildHandle, EFI_IP4_SERVICE_BINDING_PROTOCOL_GUID, EFI_IP4_PROTOCOL_GUID,
-             u"Failed to Open Efi Ip4 Service Binding Protocol!\r\n", Binding);
-}
-
-void CloseDhcp4Child(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE ChildHandle,
-                     EFI_SERVICE_BINDING_PROTOCOL* Binding) {
-  CloseChild(ServiceHandle, Agent, ChildHandle, EFI_DHCP4_SERVICE_BINDING_PROTOCOL_GUID,
-             EFI_DHCP4_PROTOCOL_GUID, u"Failed to Open Efi Dhcp4 Service Binding Protocol!\r\n", Binding);
+  if (binding != nullptr)
+    binding->DestroyChild(binding, child);
+  if (reopened || kind_.Held)
+    gBS->CloseProtocol(service_, kind_.Binding, agent_, Controller());
 }
 
 EFI_STATUS ReadNicAddress(EFI_HANDLE NicHandle, NicAddr* Address) {

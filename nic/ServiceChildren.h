@@ -15,95 +15,109 @@ struct NicAddr {
 #pragma pack(pop)
 static_assert(sizeof(NicAddr) == 35);
 
-// The children of the service bindings. Create and the openers can hand back the binding interface
-// they used (Binding); given to Destroy and the closers, it destroys the child even when the binding
-// cannot be opened again, so that an owner never leaves a child behind.
-EFI_STATUS CreateServiceChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, const EFI_GUID* ServiceBinding,
-                              EFI_HANDLE* ChildHandle, EFI_SERVICE_BINDING_PROTOCOL** Binding = nullptr);
-EFI_STATUS DestroyServiceChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, const EFI_GUID* ServiceBinding,
-                               EFI_HANDLE ChildHandle, EFI_SERVICE_BINDING_PROTOCOL* Binding = nullptr);
-EFI_STATUS OpenIp4Child(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE* ChildHandle,
-                        EFI_IP4_PROTOCOL** Ip4, EFI_SERVICE_BINDING_PROTOCOL** Binding = nullptr);
-EFI_STATUS OpenDhcp4Child(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE* ChildHandle,
-                          EFI_DHCP4_PROTOCOL** Dhcp4, EFI_SERVICE_BINDING_PROTOCOL** Binding = nullptr);
-void CloseIp4Child(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE ChildHandle,
-                   EFI_SERVICE_BINDING_PROTOCOL* Binding = nullptr);
-void CloseDhcp4Child(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE ChildHandle,
-                     EFI_SERVICE_BINDING_PROTOCOL* Binding = nullptr);
+// How the module holds a child of one network service. Two ways, one per use:
+// - Held: the IPv4 and DHCPv4 children of the ping and DHCP steps. The binding stays open (get-
+//   protocol, no controller) for the child's life, and the protocol is opened on the child with the
+//   child as controller, so that the firmware shows the module as the child's user until it closes.
+// - Short: the managed-network children of the readers and the speed test. The binding is opened
+//   with the service handle as controller only around CreateChild and DestroyChild, and the
+//   child's protocol is looked up with HandleProtocol; when only that lookup fails, the owner still
+//   holds the child and destroys it.
+struct ServiceKind {
+  const EFI_GUID* Binding;
+  const EFI_GUID* Protocol;
+  bool Held;
+  const CHAR16* BindingFailed;  // %r; the binding could not be opened to create the child
+  const CHAR16* CreateFailed;   // the binding refused to create the child; may be null
+  const CHAR16* ProtocolFailed; // the child's protocol could not be opened; may be null
+  const CHAR16* RebindFailed;   // the binding could not be opened again to destroy it; may be null
+};
 
+template <class Protocol> struct ServiceKindOf;
+template <> struct ServiceKindOf<EFI_MANAGED_NETWORK_PROTOCOL> {
+  static constexpr ServiceKind kKind = {
+      .Binding = &EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID,
+      .Protocol = &EFI_MANAGED_NETWORK_PROTOCOL_GUID,
+      .Held = false,
+      .BindingFailed = u"Failed CreateServiceChild ManagedNetworkProtocol!(%r)\r\n",
+      .CreateFailed = nullptr,
+      .ProtocolFailed = nullptr,
+      .RebindFailed = nullptr,
+  };
+};
+template <> struct ServiceKindOf<EFI_IP4_PROTOCOL> {
+  static constexpr ServiceKind kKind = {
+      .Binding = &EFI_IP4_SERVICE_BINDING_PROTOCOL_GUID,
+      .Protocol = &EFI_IP4_PROTOCOL_GUID,
+      .Held = true,
+      .BindingFailed = u"Failed to Open EFI_IP4_SERVICE_BINDING_PROTOCOL!\r\n",
+      .CreateFailed = u"Failed to creat Ip4 child handle!\r\n",
+      .ProtocolFailed = u"Failed to open Ip4 Protocol!\r\n",
+      .RebindFailed = u"Failed to Open Efi Ip4 Service Binding Protocol!\r\n",
+  };
+};
+template <> struct ServiceKindOf<EFI_DHCP4_PROTOCOL> {
+  static constexpr ServiceKind kKind = {
+      .Binding = &EFI_DHCP4_SERVICE_BINDING_PROTOCOL_GUID,
+      .Protocol = &EFI_DHCP4_PROTOCOL_GUID,
+      .Held = true,
+      .BindingFailed = u"Failed to Open EFI_DHCP4_SERVICE_BINDING_PROTOCOL!\r\n",
+      .CreateFailed = u"Failed to creat Ip4 child handle!\r\n", // the words the IPv4 child uses
+      .ProtocolFailed = u"Failed to open Dhcp4 Protocol!\r\n",
+      .RebindFailed = u"Failed to Open Efi Dhcp4 Service Binding Protocol!\r\n",
+  };
+};
+
+// A child of a network service with its protocol, closed and destroyed when the owner goes out of
+// scope: the one way the module holds a service-binding child. It keeps the binding the child came
+// from, so that a child whose binding cannot be opened again is still destroyed.
+class ServiceChildOwner {
+public:
+  explicit ServiceChildOwner(const ServiceKind& Kind) : kind_(Kind) {}
+  ServiceChildOwner(const ServiceChildOwner&) = delete;
+  ServiceChildOwner& operator=(const ServiceChildOwner&) = delete;
+  ~ServiceChildOwner() { Close(); }
+
+  // On failure Handle() tells whether the child itself was made (only its protocol is missing).
+  EFI_STATUS Open(EFI_HANDLE Service, EFI_HANDLE Agent);
+  void Close();
+  EFI_HANDLE Handle() const { return child_; }
+
+protected:
+  void* Interface() const { return protocol_; }
+
+private:
+  EFI_HANDLE Controller() const { return kind_.Held ? nullptr : service_; }
+
+  const ServiceKind& kind_;
+  EFI_HANDLE service_ = nullptr;
+  EFI_HANDLE agent_ = nullptr;
+  EFI_HANDLE child_ = nullptr;
+  void* protocol_ = nullptr;
+  EFI_SERVICE_BINDING_PROTOCOL* binding_ = nullptr; // the binding the child came from
+};
+
+template <class Protocol> class ServiceChild : public ServiceChildOwner {
+public:
+  ServiceChild() : ServiceChildOwner(ServiceKindOf<Protocol>::kKind) {}
+  Protocol* operator->() const { return Get(); }
+  Protocol* Get() const { return static_cast<Protocol*>(Interface()); }
+  explicit operator bool() const { return Get() != nullptr; }
+};
+
+using MnpChild = ServiceChild<EFI_MANAGED_NETWORK_PROTOCOL>;
+using Ip4Child = ServiceChild<EFI_IP4_PROTOCOL>;
+using Dhcp4Child = ServiceChild<EFI_DHCP4_PROTOCOL>;
+
+// The readers: what a NIC's simple-network mode says, through a short-lived managed-network child.
 EFI_STATUS ReadNicAddress(EFI_HANDLE NicHandle, NicAddr* Address);
 EFI_STATUS ReadMacAddresses(EFI_HANDLE Agent, EFI_HANDLE NicHandle, EFI_MAC_ADDRESS* Current,
                             EFI_MAC_ADDRESS* Permanent);
 EFI_STATUS ReadMediaState(EFI_HANDLE Agent, EFI_HANDLE NicHandle, BOOLEAN* MediaSupported,
                           BOOLEAN* MediaPresent);
 
+// The DHCPv4 event callback that the DHCP configurations install: it traces the exchange and lets
+// the driver go on unchanged.
 EFI_STATUS EFIAPI Dhcp4EventCallback(EFI_DHCP4_PROTOCOL* This, void* Context, EFI_DHCP4_STATE CurrentState,
                                      EFI_DHCP4_EVENT Dhcp4Event, EFI_DHCP4_PACKET* Packet,
                                      EFI_DHCP4_PACKET** NewPacket);
-
-// Opens and closes the managed-network child that the readers and the speed test use: the child is
-// created through the service binding and its protocol got with HandleProtocol. When only the
-// second step fails the child handle is still set, so that its owner destroys it.
-EFI_STATUS OpenMnpChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE* ChildHandle,
-                        EFI_MANAGED_NETWORK_PROTOCOL** Mnp, EFI_SERVICE_BINDING_PROTOCOL** Binding = nullptr);
-void CloseMnpChild(EFI_HANDLE ServiceHandle, EFI_HANDLE Agent, EFI_HANDLE ChildHandle,
-                   EFI_SERVICE_BINDING_PROTOCOL* Binding = nullptr);
-
-template <class Protocol> struct ChildOps;
-template <> struct ChildOps<EFI_MANAGED_NETWORK_PROTOCOL> {
-  static constexpr auto Open = OpenMnpChild;
-  static constexpr auto Close = CloseMnpChild;
-};
-template <> struct ChildOps<EFI_IP4_PROTOCOL> {
-  static constexpr auto Open = OpenIp4Child;
-  static constexpr auto Close = CloseIp4Child;
-};
-template <> struct ChildOps<EFI_DHCP4_PROTOCOL> {
-  static constexpr auto Open = OpenDhcp4Child;
-  static constexpr auto Close = CloseDhcp4Child;
-};
-
-// A child of a network service binding with its protocol, closed and destroyed when the owner goes
-// out of scope: the one way the module holds a service-binding child.
-template <class Protocol> class ServiceChild {
-public:
-  ServiceChild() = default;
-  ServiceChild(const ServiceChild&) = delete;
-  ServiceChild& operator=(const ServiceChild&) = delete;
-  ~ServiceChild() { Close(); }
-
-  // On failure Handle() tells whether the child itself was made (only its protocol is missing).
-  EFI_STATUS Open(EFI_HANDLE service, EFI_HANDLE agent) {
-    Close();
-    EFI_HANDLE child = nullptr;
-    Protocol* protocol = nullptr;
-    binding_ = nullptr;
-    EFI_STATUS status = ChildOps<Protocol>::Open(service, agent, &child, &protocol, &binding_);
-    service_ = service;
-    agent_ = agent;
-    child_ = child;
-    protocol_ = EFI_ERROR(status) ? nullptr : protocol;
-    return status;
-  }
-  void Close() {
-    if (child_ != nullptr)
-      ChildOps<Protocol>::Close(service_, agent_, child_, binding_);
-    child_ = nullptr;
-    protocol_ = nullptr;
-  }
-  Protocol* operator->() const { return protocol_; }
-  Protocol* Get() const { return protocol_; }
-  EFI_HANDLE Handle() const { return child_; }
-  explicit operator bool() const { return protocol_ != nullptr; }
-
-private:
-  EFI_HANDLE service_ = nullptr;
-  EFI_HANDLE agent_ = nullptr;
-  EFI_HANDLE child_ = nullptr;
-  Protocol* protocol_ = nullptr;
-  EFI_SERVICE_BINDING_PROTOCOL* binding_ = nullptr; // the binding the child came from
-};
-
-using MnpChild = ServiceChild<EFI_MANAGED_NETWORK_PROTOCOL>;
-using Ip4Child = ServiceChild<EFI_IP4_PROTOCOL>;
-using Dhcp4Child = ServiceChild<EFI_DHCP4_PROTOCOL>;

@@ -3,6 +3,11 @@
 #include "base/String.h"
 #include "report/Output.h"
 
+static ParsedOption* FindParsedOption(const CHAR16* Name, UINTN Index);
+static BOOLEAN IsValueInList(const CHAR16* const* List, const CHAR16* Value);
+// Option names compare without regard to case; a name longer than 127 characters matches nothing.
+static BOOLEAN OptionNamesEqual(const CHAR16* A, const CHAR16* B);
+
 namespace {
 ParsedOption gStore[kParsedOptionCapacity];
 UINTN gStoreCount = 0;
@@ -87,7 +92,7 @@ BOOLEAN ValidateEntry(const OptionInfo& option, ParsedOption& entry) {
 }
 } // namespace
 
-BOOLEAN OptionNamesEqual(const CHAR16* A, const CHAR16* B) {
+static BOOLEAN OptionNamesEqual(const CHAR16* A, const CHAR16* B) {
   CHAR16 a[kOptionNameChars];
   CHAR16 b[kOptionNameChars];
   if (!LowerCopy(a, A) || !LowerCopy(b, B))
@@ -113,7 +118,7 @@ UINTN ParsedOptionCount() {
   return gStoreCount;
 }
 
-ParsedOption* FindParsedOption(const CHAR16* Name, UINTN Index) {
+static ParsedOption* FindParsedOption(const CHAR16* Name, UINTN Index) {
   for (UINTN i = 0; i < gStoreCount; ++i) {
     if (OptionNamesEqual(gStore[i].Name, Name)) {
       if (Index == 0)
@@ -138,7 +143,7 @@ const OptionInfo* FindOptionInfo(const OptionInfo* Table, const CHAR16* Name) {
   return nullptr;
 }
 
-BOOLEAN IsValueInList(const CHAR16* const* List, const CHAR16* Value) {
+static BOOLEAN IsValueInList(const CHAR16* const* List, const CHAR16* Value) {
   for (const CHAR16* const* p = List; p != nullptr && *p != nullptr; ++p)
     if (OptionNamesEqual(*p, Value))
       return TRUE;

@@ -17,15 +17,11 @@ constexpr UINTN kOptionNameChars = 128;
 ParsedOption* AddParsedOption(const CHAR16* Name, const CHAR16* Value, BOOLEAN IsSet);
 void ClearParsedOptions();
 UINTN ParsedOptionCount();
-ParsedOption* FindParsedOption(const CHAR16* Name, UINTN Index);
 const TestInfo* FindTestInfo(const TestInfo* const* Table, const CHAR16* Name);
 const OptionInfo* FindOptionInfo(const OptionInfo* Table, const CHAR16* Name);
-BOOLEAN IsValueInList(const CHAR16* const* List, const CHAR16* Value);
 BOOLEAN ValidateTestOptions(const ModuleInfo* Module, const CHAR16* TestName);
 void DumpTestOptions();
 EFI_STATUS ParseBoolean(const CHAR16* Text, BOOLEAN* Value);
-// Option names compare without regard to case; a name longer than 127 characters matches nothing.
-BOOLEAN OptionNamesEqual(const CHAR16* A, const CHAR16* B);
 
 EFI_STATUS GetOptionValueAt(const CHAR16* Name, UINTN Index, UINT64* Value, BOOLEAN* IsSet);
 EFI_STATUS GetOptionBooleanAt(const CHAR16* Name, UINTN Index, BOOLEAN* Value, BOOLEAN* IsSet);

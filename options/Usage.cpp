@@ -5,6 +5,11 @@
 #include "support/FileIo.h"
 #include "uefi/protocol/SimpleFileSystem.h"
 
+// Names: a null-ended list of global option names.
+static void PrintGeneralUsage(const ModuleInfo* Module, const CHAR16* const* Names);
+// Writes to the open file, or to the console when File is null.
+static void WriteCatalog(const ModuleInfo* Module, EFI_FILE_PROTOCOL* File);
+
 namespace {
 
 constexpr UINTN kSyntaxBytes = 1024;
@@ -109,7 +114,7 @@ CHAR16* FormatOptionHelp(const OptionInfo* Option, UINTN BufferSize, CHAR16* Buf
   return Buffer;
 }
 
-void PrintGeneralUsage(const ModuleInfo* Module, const CHAR16* const* Names) {
+static void PrintGeneralUsage(const ModuleInfo* Module, const CHAR16* const* Names) {
   CHAR16 syntax[kSyntaxBytes / sizeof(CHAR16)];
   CHAR16 help[kSyntaxBytes / sizeof(CHAR16)] = {};
   SPrint(syntax, sizeof(syntax), u"Usage: %s <test>", Module->Name);
@@ -161,7 +166,7 @@ void PrintVersion(const ModuleInfo* Module) {
   ConsolePrintAttr(EFI_WHITE, u"%s Version %s\r\n", Module->Name, Module->Version);
 }
 
-void WriteCatalog(const ModuleInfo* Module, EFI_FILE_PROTOCOL* File) {
+static void WriteCatalog(const ModuleInfo* Module, EFI_FILE_PROTOCOL* File) {
   CatalogPiece(File, u"<DIAGNOSTIC Name=\"%s\" FileName=\"%s\" Version=\"%s\">\r\n", Module->Name,
                Module->FileName, Module->Version);
   for (const TestInfo* const* t = Module->Tests; t != nullptr && *t != nullptr; ++t) {

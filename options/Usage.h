@@ -6,13 +6,9 @@ struct EFI_FILE_PROTOCOL;
 
 void PrintUsage(const ModuleInfo* Module, const CHAR16* TestName);
 BOOLEAN PrintTestUsage(const ModuleInfo* Module, const CHAR16* TestName);
-// Names: a null-ended list of global option names.
-void PrintGeneralUsage(const ModuleInfo* Module, const CHAR16* const* Names);
 CHAR16* FormatTestSyntax(const TestInfo* Test, UINTN BufferSize, CHAR16* Buffer);
 CHAR16* FormatOptionSyntax(const OptionInfo* Option, UINTN BufferSize, CHAR16* Buffer);
 CHAR16* FormatOptionHelp(const OptionInfo* Option, UINTN BufferSize, CHAR16* Buffer);
 void PrintVersion(const ModuleInfo* Module);
 // TRUE when the catalog went to the console.
 BOOLEAN PrintCatalog(const ModuleInfo* Module, const CHAR16* Path);
-// Writes to the open file, or to the console when File is null.
-void WriteCatalog(const ModuleInfo* Module, EFI_FILE_PROTOCOL* File);

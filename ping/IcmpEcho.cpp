@@ -9,6 +9,9 @@
 #include "support/Clock.h"
 #include "support/Platform.h"
 
+// The current-platform flag of each variant (1 until its test sets it).
+static void SetCurrentPlatform(PingVariant Variant, BOOLEAN Current);
+
 namespace {
 
 constexpr UINT64 kOneSecond = 10000000;    // timer units of 100 ns
@@ -70,11 +73,8 @@ bool IsConfigured(EFI_IP4_PROTOCOL* ip4, EFI_STATUS* status = nullptr) {
 
 } // namespace
 
-void SetCurrentPlatform(PingVariant Variant, BOOLEAN Current) {
+static void SetCurrentPlatform(PingVariant Variant, BOOLEAN Current) {
   StateOf(Variant).currentPlatform = Current;
-}
-BOOLEAN IsCurrentPlatform(PingVariant Variant) {
-  return StateOf(Variant).currentPlatform;
 }
 UINT32 EchoReplyCount(PingVariant Variant) {
   return StateOf(Variant).replies;

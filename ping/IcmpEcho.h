@@ -19,9 +19,6 @@ struct PingProgress {
 EFI_STATUS ExecutePingProcess(EFI_HANDLE Ip4ServiceBindingHandle, const EFI_IPv4_ADDRESS& DestinationAddress,
                               UINT32 Count, const PingProgress* Progress, PingVariant Variant);
 
-// The current-platform flag of each variant (1 until its test sets it).
-void SetCurrentPlatform(PingVariant Variant, BOOLEAN Current);
-BOOLEAN IsCurrentPlatform(PingVariant Variant);
 // Sets a variant's flag from the firmware: UEFI 2.30 or later, or 2.10 or later on platform family
 // 1; an older platform is logged.
 void DecideCurrentPlatform(PingVariant Variant);
