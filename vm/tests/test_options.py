@@ -3,13 +3,11 @@ import unittest
 
 from vmtest import boot, call_blocks, expected, runtime_text
 
+# One string refused at each step of the parse; the unit tests go through the validation rules one by one.
 REFUSED = {
     "-test=nosuch": "Unknown test: nosuch",
     "-test=pingtest -bogus": "Unknown option: -bogus for subtest pingtest",
     "-test=pingtest -retries=6": "Option -retries argument should be below maximum value of 5",
-    "-test=pingtest -index=1x": "Integer argument required for -index option ('1x' was given)",
-    "-test=pingtest -dhcpping=maybe": "Boolean argument required for -dhcpping option ('maybe' was given)",
-    "-test=pingtest -localping": "Missing argument for -localping option",
     "test=pingtest": None,  # refused without a message
 }
 ANSWERED = {

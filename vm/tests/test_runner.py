@@ -9,10 +9,12 @@ import tempfile
 import time
 import unittest
 
-from vmtest import wcvm
+from vmtest import VERSION, wcvm
 
+# The runner as ./wirecheck starts it: the wcvm package in vm/, run as a module.
 VM_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-RUNNER = ["env", f"PYTHONPATH={VM_DIR}", sys.executable, "-m", "wcvm"]
+os.environ["PYTHONPATH"] = os.pathsep.join(filter(None, [VM_DIR, os.environ.get("PYTHONPATH")]))
+RUNNER = [sys.executable, "-m", "wcvm"]
 UNPLUGGED = ["--nic", "virtio:link=off", "-test=pingtest", "-retries=1"]
 WAITING = "Press a key to continue, ESC to abort."
 
@@ -93,7 +95,7 @@ class RunnerTest(unittest.TestCase):
         self.assertEqual(proc.returncode, 0)
         results = [(t, line) for t, line in lines if line.startswith("RESULT ")]
         self.assertEqual([line for _, line in results], ["RESULT result=Passed error=0x0 status=Success"] * 2)
-        self.assertIn("Wirecheck Version 1.01 built Jan  3 2024 16:39:14", [line for _, line in lines])
+        self.assertIn(f"Wirecheck Version {VERSION}", [line for _, line in lines])
         # Progress shows while the test runs: the first report seconds before the test's result.
         progress = [t for t, line in lines if line.startswith("PROGRESS ")]
         self.assertGreater(results[0][0] - progress[0], 1.0)

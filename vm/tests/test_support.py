@@ -1,6 +1,5 @@
 """File access, the debug log and platform identity in OVMF."""
 import os
-import re
 import unittest
 
 from vmtest import boot, call_blocks, expected

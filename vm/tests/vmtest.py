@@ -38,3 +38,7 @@ def expected(name):
                         "unittests", "expected", name)
     with open(path) as f:
         return f.read()
+
+
+# The module's version text ("1.01 built ..."), from the one expected file that shows it.
+VERSION = expected("version.txt").splitlines()[0].removeprefix("Wirecheck Version ")
