@@ -8,30 +8,26 @@
 
 namespace wc {
 
-// Boot-services pool memory.
-template <class T> class PoolPtr {
+// Anything one function releases: pool memory, an INI or XML document, an ordered list.
+template <class T, auto Free> class Owned {
 public:
-  PoolPtr() = default;
-  explicit PoolPtr(T* p) : p_(p) {}
-  PoolPtr(PoolPtr&& o) noexcept : p_(Exchange<T*>(o.p_, nullptr)) {}
-  PoolPtr& operator=(PoolPtr&& o) noexcept {
+  Owned() = default;
+  explicit Owned(T* p) : p_(p) {}
+  Owned(Owned&& o) noexcept : p_(Exchange<T*>(o.p_, nullptr)) {}
+  Owned& operator=(Owned&& o) noexcept {
     if (this != &o)
       Reset(o.Release());
     return *this;
   }
-  PoolPtr(const PoolPtr&) = delete;
-  PoolPtr& operator=(const PoolPtr&) = delete;
-  ~PoolPtr() { Reset(); }
-
-  static PoolPtr Allocate(UINTN bytes) { return PoolPtr(static_cast<T*>(AllocatePool(bytes))); }
-  static PoolPtr AllocateZero(UINTN bytes) { return PoolPtr(static_cast<T*>(AllocateZeroPool(bytes))); }
+  Owned(const Owned&) = delete;
+  Owned& operator=(const Owned&) = delete;
+  ~Owned() { Reset(); }
 
   T* Get() const { return p_; }
   T* operator->() const { return p_; }
   T& operator*() const { return *p_; }
-  T& operator[](UINTN i) const { return p_[i]; }
   explicit operator bool() const { return p_ != nullptr; }
-  // For out-parameters of firmware calls that hand back pool memory.
+  // For the out-parameter of the function that makes one.
   T** Receive() {
     Reset();
     return &p_;
@@ -39,12 +35,24 @@ public:
   T* Release() { return Exchange<T*>(p_, nullptr); }
   void Reset(T* p = nullptr) {
     if (p_ != nullptr && p_ != p)
-      FreePool(const_cast<void*>(static_cast<const void*>(p_)));
+      Free(p_);
     p_ = p;
   }
 
 private:
   T* p_ = nullptr;
+};
+
+// Boot-services pool memory.
+template <class T> void FreePoolOf(T* p) {
+  FreePool(const_cast<void*>(static_cast<const void*>(p)));
+}
+template <class T> class PoolPtr : public Owned<T, FreePoolOf<T>> {
+public:
+  using Owned<T, FreePoolOf<T>>::Owned;
+  static PoolPtr Allocate(UINTN bytes) { return PoolPtr(static_cast<T*>(AllocatePool(bytes))); }
+  static PoolPtr AllocateZero(UINTN bytes) { return PoolPtr(static_cast<T*>(AllocateZeroPool(bytes))); }
+  T& operator[](UINTN i) const { return this->Get()[i]; }
 };
 
 // An event created with CreateEvent and closed by its creator.
@@ -152,36 +160,6 @@ public:
 private:
   PoolPtr<EFI_HANDLE> handles_;
   UINTN count_ = 0;
-};
-
-// Anything of the module's own that one function releases: an INI or XML document, an ordered
-// list, a NIC record's interface information.
-template <class T, auto Free> class Owned {
-public:
-  Owned() = default;
-  explicit Owned(T* p) : p_(p) {}
-  Owned(Owned&& o) noexcept : p_(Exchange<T*>(o.p_, nullptr)) {}
-  Owned(const Owned&) = delete;
-  Owned& operator=(const Owned&) = delete;
-  ~Owned() { Reset(); }
-
-  T* Get() const { return p_; }
-  T* operator->() const { return p_; }
-  explicit operator bool() const { return p_ != nullptr; }
-  // For the out-parameter of the function that makes one.
-  T** Receive() {
-    Reset();
-    return &p_;
-  }
-  T* Release() { return Exchange<T*>(p_, nullptr); }
-  void Reset(T* p = nullptr) {
-    if (p_ != nullptr && p_ != p)
-      Free(p_);
-    p_ = p;
-  }
-
-private:
-  T* p_ = nullptr;
 };
 
 // An open file or directory of a simple file system; closed on release.

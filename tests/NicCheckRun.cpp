@@ -1,4 +1,5 @@
 #include "tests/NicCheckRun.h"
+#include "base/Cxx.h"
 #include "base/Owners.h"
 #include "base/Print.h"
 #include "nic/NicAccess.h"
@@ -19,29 +20,19 @@ constexpr NicChoiceTexts kChoiceTexts = {
     .NotThere = u"The specified Network Device is not found.\r\n",
 };
 
-const CHAR16* NameOf(NicOption Option) {
-  switch (Option) {
-  case NicOption::Retries:
-    return u"-retries";
-  case NicOption::TestRepeats:
-    return u"-testrepeats";
-  case NicOption::Index:
-    return u"-index";
-  case NicOption::DeviceId:
-    return u"-DeviceID";
-  case NicOption::NetworkSpeed:
-    return u"-NetworkSpeed";
-  case NicOption::PacketsCount:
-    return u"-PacketsCount";
-  case NicOption::VerifyInvalidMacPattern:
-    return u"-verifyinvalidmacpattern";
-  case NicOption::NetworkFile:
-    return u"-NetworkFile";
-  case NicOption::None:
-    break;
-  }
-  return u"";
-}
+// Each option's name, in the order of NicOption.
+constexpr const CHAR16* kOptionNames[] = {
+    u"",
+    u"-retries",
+    u"-testrepeats",
+    u"-index",
+    u"-DeviceID",
+    u"-NetworkSpeed",
+    u"-PacketsCount",
+    u"-verifyinvalidmacpattern",
+    u"-NetworkFile",
+};
+static_assert(wc::ArrayCount(kOptionNames) == UINTN(NicOption::NetworkFile) + 1);
 
 const CHAR16* AsText(UINT64 Value) {
   return reinterpret_cast<const CHAR16*>(static_cast<UINTN>(Value));
@@ -50,7 +41,7 @@ const CHAR16* AsText(UINT64 Value) {
 } // namespace
 
 bool NicCheckRun::ReadOption(NicOption Option) {
-  const CHAR16* name = NameOf(Option);
+  const CHAR16* name = kOptionNames[UINTN(Option)];
   UINT64 value = 0;
   EFI_STATUS status = Option == NicOption::VerifyInvalidMacPattern
                           ? GetOptionBoolean(name, &options_.VerifyInvalidMacPattern, nullptr)
