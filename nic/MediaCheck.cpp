@@ -5,28 +5,23 @@
 
 namespace {
 
-template <class... A> void Say(const CHAR16* Text, const A&... Args) {
-  if (Text != nullptr)
-    LogPrint(Text, Args...);
-}
-
 // An idle NIC: started, initialized, read, and stopped again.
 EFI_STATUS ReadIdle(EFI_SIMPLE_NETWORK_PROTOCOL* snp, const MediaCheckRules& rules, MediaState* state) {
-  Say(rules.Starting);
+  LogPrintGiven(rules.Starting);
   EFI_STATUS status = snp->Start(snp);
   if (EFI_ERROR(status)) {
-    Say(rules.StartFailed, status);
+    LogPrintGiven(rules.StartFailed, status);
     return status;
   }
   status = snp->Initialize(snp, 0, 0);
   if (EFI_ERROR(status)) {
-    Say(rules.InitializeFailed, status);
+    LogPrintGiven(rules.InitializeFailed, status);
     if (rules.StopAfterFailedInitialize)
       snp->Stop(snp);
     return status;
   }
   state->Present = snp->Mode->MediaPresent;
-  Say(rules.Present, UINTN(state->Present));
+  LogPrintGiven(rules.Present, UINTN(state->Present));
   snp->Shutdown(snp);
   snp->Stop(snp);
   return EFI_SUCCESS;
@@ -34,16 +29,16 @@ EFI_STATUS ReadIdle(EFI_SIMPLE_NETWORK_PROTOCOL* snp, const MediaCheckRules& rul
 
 // A NIC somebody runs: its driver refreshes the media state when asked for its status.
 EFI_STATUS ReadRunning(EFI_SIMPLE_NETWORK_PROTOCOL* snp, const MediaCheckRules& rules, MediaState* state) {
-  Say(rules.Running, UINTN(snp->Mode->State));
+  LogPrintGiven(rules.Running, UINTN(snp->Mode->State));
   UINT32 interrupts = 0;
   EFI_STATUS status = snp->GetStatus(snp, &interrupts, nullptr);
-  Say(rules.StatusRead, status);
+  LogPrintGiven(rules.StatusRead, status);
   if (EFI_ERROR(status)) {
-    Say(rules.StatusFailed, status);
+    LogPrintGiven(rules.StatusFailed, status);
     return status;
   }
   state->Present = snp->Mode->MediaPresent;
-  Say(rules.Present, UINTN(state->Present));
+  LogPrintGiven(rules.Present, UINTN(state->Present));
   return EFI_SUCCESS;
 }
 
@@ -54,14 +49,14 @@ EFI_STATUS CheckMedia(EFI_HANDLE Nic, const MediaCheckRules& Rules, MediaState* 
   EFI_STATUS status = snp.Open(Nic, EFI_SIMPLE_NETWORK_PROTOCOL_GUID, gImageHandle, nullptr,
                                EFI_OPEN_PROTOCOL_BY_HANDLE_PROTOCOL);
   if (EFI_ERROR(status)) {
-    Say(Rules.OpenFailed, status);
+    LogPrintGiven(Rules.OpenFailed, status);
     return status;
   }
   EFI_SIMPLE_NETWORK_PROTOCOL* p = snp.Get();
   if (p == nullptr || p->Mode == nullptr)
     return EFI_DEVICE_ERROR; // a driver without mode data cannot say anything about the cable
   if (!p->Mode->MediaPresentSupported) {
-    Say(Rules.NotSupported);
+    LogPrintGiven(Rules.NotSupported);
     return EFI_UNSUPPORTED;
   }
   MediaState read = {false, p->Mode->PermanentAddress};

@@ -14,11 +14,6 @@ EFI_SERVICE_BINDING_PROTOCOL* OpenBinding(EFI_HANDLE service, EFI_HANDLE agent, 
   return EFI_ERROR(*status) ? nullptr : static_cast<EFI_SERVICE_BINDING_PROTOCOL*>(iface);
 }
 
-template <class... A> void Say(const CHAR16* Text, const A&... Args) {
-  if (Text != nullptr)
-    LogPrint(Text, Args...);
-}
-
 // Reads the simple-network mode through a managed-network child. The three messages name the
 // failing step; each reader words them in its own way.
 EFI_STATUS ReadSnpMode(EFI_HANDLE nic, EFI_HANDLE agent, wc::PoolPtr<EFI_SIMPLE_NETWORK_MODE>& mode,
@@ -51,13 +46,13 @@ EFI_STATUS ServiceChildOwner::Open(EFI_HANDLE Service, EFI_HANDLE Agent) {
   EFI_STATUS status;
   EFI_SERVICE_BINDING_PROTOCOL* binding = OpenBinding(Service, Agent, kind_.Binding, Controller(), &status);
   if (binding == nullptr) {
-    Say(kind_.BindingFailed, status);
+    LogPrintGiven(kind_.BindingFailed, status);
     return status;
   }
   EFI_HANDLE child = nullptr;
   status = binding->CreateChild(binding, &child);
   if (EFI_ERROR(status))
-    Say(kind_.CreateFailed);
+    LogPrintGiven(kind_.CreateFailed);
   // The firmware records even a get-protocol open: a short use gives it back at once.
   if (EFI_ERROR(status) || !kind_.Held)
     gBS->CloseProtocol(Service, kind_.Binding, Agent, Controller());
@@ -72,7 +67,7 @@ EFI_STATUS ServiceChildOwner::Open(EFI_HANDLE Service, EFI_HANDLE Agent) {
     status = gBS->OpenProtocol(child, kind_.Protocol, &iface, Agent, child, EFI_OPEN_PROTOCOL_GET_PROTOCOL);
     if (EFI_ERROR(status)) {
       // The caller has nothing to clean up: the child and the binding's open go at once.
-      Say(kind_.ProtocolFailed);
+      LogPrintGiven(kind_.ProtocolFailed);
       binding->DestroyChild(binding, child);
       gBS->CloseProtocol(Service, kind_.Binding, Agent, nullptr);
       child_ = nullptr;
@@ -94,7 +89,7 @@ void ServiceChildOwner::Close() {
   EFI_SERVICE_BINDING_PROTOCOL* binding = OpenBinding(service_, agent_, kind_.Binding, Controller(), &status);
   bool reopened = binding != nullptr;
   if (!reopened) {
-    Say(kind_.RebindFailed);
+    LogPrintGiven(kind_.RebindFailed);
     binding = binding_; // the binding the child came from
   }
   if (binding != nullptr)

@@ -37,6 +37,11 @@ template <class... A> void LogPrint(const CHAR16* Format, const A&... args) {
   const PrintArg list[sizeof...(A) + 1] = {PrintArg(args)...};
   LogPrintV(Format, list, sizeof...(A));
 }
+// LogPrint for a message a caller's table may leave out (null: nothing to say at this step).
+template <class... A> void LogPrintGiven(const CHAR16* Format, const A&... args) {
+  if (Format != nullptr)
+    LogPrint(Format, args...);
+}
 template <class... A> void ConsolePrint(const CHAR16* Format, const A&... args) {
   const PrintArg list[sizeof...(A) + 1] = {PrintArg(args)...};
   ConsolePrintV(Format, list, sizeof...(A));
