@@ -21,8 +21,6 @@ constexpr UINTN kRecordFixedBytes = 72;
 constexpr UINTN kRequestExtraBytes = 6632;
 constexpr UINTN kOffsetWidthBytes = 512;
 
-constinit EFI_HII_CONFIG_ROUTING_PROTOCOL* gHiiRouting = nullptr;
-
 // The record that precedes the route table in the stored configuration.
 #pragma pack(push, 1)
 struct NicIp4ConfigRecord {
@@ -153,8 +151,9 @@ UINTN AppendOffsetWidth(CHAR16* Buffer, UINTN BufferSize, UINTN Offset, UINTN Wi
 }
 
 EFI_STATUS SetNicByHii() {
-  EFI_STATUS status = gBS->LocateProtocol(&EFI_HII_CONFIG_ROUTING_PROTOCOL_GUID, nullptr,
-                                          reinterpret_cast<void**>(&gHiiRouting));
+  EFI_HII_CONFIG_ROUTING_PROTOCOL* routing = nullptr;
+  EFI_STATUS status =
+      gBS->LocateProtocol(&EFI_HII_CONFIG_ROUTING_PROTOCOL_GUID, nullptr, reinterpret_cast<void**>(&routing));
   if (EFI_ERROR(status)) {
     LogPrint(u"Failed Locating HiiConfigRoutingProtocol!(%r)\r\n", status);
     return status;
@@ -204,13 +203,13 @@ EFI_STATUS SetNicByHii() {
 
     wc::PoolPtr<CHAR16> response;
     EFI_STRING progress = nullptr;
-    status = gHiiRouting->BlockToConfig(gHiiRouting, request.Get(), block.Get(), kNicIp4ConfigBlockSize,
-                                        response.Receive(), &progress);
+    status = routing->BlockToConfig(routing, request.Get(), block.Get(), kNicIp4ConfigBlockSize,
+                                    response.Receive(), &progress);
     if (EFI_ERROR(status)) {
       LogPrint(u"Failed BlockToConfig !(%r)\r\n", status);
       return status;
     }
-    status = gHiiRouting->RouteConfig(gHiiRouting, response.Get(), &progress);
+    status = routing->RouteConfig(routing, response.Get(), &progress);
     if (status == EFI_NOT_FOUND) {
       // Firmware with only the newer IPv4 configuration driver keeps no such variable: no driver
       // owns this configuration, so there is nothing to rewrite for this NIC.

@@ -15,6 +15,8 @@ constexpr UINT8 kTypeMemory = 0, kTypeIo = 1, kTypeBus = 2;
 constexpr UINT64 kNoSegment = ~UINT64(0);
 constexpr UINTN kMaxDescriptorBytes = 64 * 1024; // a walk never runs further than this
 
+// The root bridges of the running test: PciRootBridgeTableOwner builds the table when a run begins
+// and gives it back when the run ends; the configuration reads look bus numbers up in it.
 constinit PCI_ROOT_BRIDGE_ENTRY* gTable = nullptr;
 constinit UINTN gCount = 0;
 constinit UINT64 gMaxSegment = kNoSegment;

@@ -16,6 +16,7 @@ constexpr UINTN kProductOffset = 5;
 constexpr UINTN kSystemIdChars = 10;
 constexpr UINTN kFamilyChars = 40;
 
+// The firmware's SMBIOS structure table, found once at start-up and read in place.
 constinit const UINT8* gTable = nullptr;
 constinit UINT16 gTableLength = 0;
 
