@@ -1,10 +1,19 @@
 // NicSpeedTest: the NIC's PCI vendor and device ID are rated, by the table of known NICs, for the
-// expected speed.
+// expected speed. A fleet adds its own NICs to the table in the network INI file beside the module:
+//
+//   [NIC_Speed]
+//   8086:100E=0x80000003
+//
+// vendor and device ID, then the mask with the built-in rows' meaning, all hexadecimal. A row of the
+// file comes before a built-in row for the same NIC.
+#include "base/Number.h"
 #include "nic/Pci.h"
 #include "report/Output.h"
 #include "report/Results.h"
+#include "support/FileIo.h"
 #include "tests/CommonOptions.h"
 #include "tests/NicCheckRun.h"
+#include "text/Ini.h"
 
 EFI_STATUS NicSpeedTest(UINTN* Result, UINTN* ErrorCode);
 
@@ -14,7 +23,8 @@ struct NIC_SPEED_ENTRY {
   UINT32 SpeedMask; // bit 0: rated for 10 Mbit/s; bit 1: for 100 and 1000 Mbit/s
 };
 
-// The rated speeds of the known NICs, 0 when the NIC is not in the table.
+// The rated speeds of the known NICs, the network INI file's rows first; 0 when the NIC is not in
+// the table.
 UINT32 LookupNicSpeedMask(UINT16 VendorId, UINT16 DeviceId);
 
 namespace {
@@ -28,6 +38,81 @@ constexpr UINTN kSpeedTestFailed = kGroup + 0x01;
 constexpr NIC_SPEED_ENTRY kNicSpeedTable[] = {
     {0x10EC, 0x8168, 0x80000003}, // Realtek RTL8111/8168
 };
+
+constexpr const CHAR16* kNetworkFile = u"Network.ini";
+constexpr const CHAR16* kSpeedSection = u"NIC_Speed";
+constexpr UINT32 kRowQuery = INI_CASE_INSENSITIVE | INI_TRIM | INI_NO_COMMENT | INI_SKIP_EMPTY;
+
+bool IsHexDigit(CHAR16 c) {
+  return (c >= u'0' && c <= u'9') || (c >= u'a' && c <= u'f') || (c >= u'A' && c <= u'F');
+}
+
+const CHAR16* SkipBlanks(const CHAR16* p) {
+  while (*p == u' ' || *p == u'\t')
+    ++p;
+  return p;
+}
+
+// One hexadecimal field of a row, at most Max, followed (after blanks) by Next.
+bool ReadField(const CHAR16*& p, UINT64 max, CHAR16 next, UINT64* value) {
+  p = SkipBlanks(p);
+  if (!IsHexDigit(*p))
+    return false;
+  const CHAR16* end = nullptr;
+  *value = StrToInteger(p, &end, TRUE);
+  if (end == p || *value > max)
+    return false;
+  p = SkipBlanks(end);
+  if (*p != next)
+    return false;
+  if (next != 0)
+    ++p;
+  return true;
+}
+
+// "VVVV:DDDD=MASK", all hexadecimal (the mask may begin with 0x).
+bool ParseSpeedRow(const CHAR16* line, NIC_SPEED_ENTRY* row) {
+  UINT64 vendor = 0, device = 0, mask = 0;
+  const CHAR16* p = line;
+  if (!ReadField(p, 0xFFFF, u':', &vendor) || !ReadField(p, 0xFFFF, u'=', &device) ||
+      !ReadField(p, 0xFFFFFFFF, 0, &mask))
+    return false;
+  *row = {UINT16(vendor), UINT16(device), UINT32(mask)};
+  return true;
+}
+
+// The mask the network INI file gives the NIC, 0 when it gives none. A malformed row is reported
+// and skipped; a missing file or section adds nothing.
+UINT32 FileSpeedMask(UINT16 VendorId, UINT16 DeviceId) {
+  CHAR16 path[kFileIoPathChars];
+  SPrint(path, sizeof(path), u"%s", kNetworkFile);
+  FileIoResolveModulePath(path, sizeof(path));
+  IniDocumentOwner doc;
+  EFI_STATUS status = IniOpen(path, INI_ENCODING_DETECT, doc.Receive());
+  if (EFI_ERROR(status)) {
+    TracePrint(u"No rated speeds from %s (%r)\r\n", path, status);
+    return 0;
+  }
+  UINTN count = 0;
+  CHAR16** rows = nullptr;
+  if (EFI_ERROR(IniQuery(doc.Get(), kSpeedSection, u".*", nullptr, kRowQuery, &count, &rows)))
+    return 0;
+  UINT32 mask = 0;
+  for (UINTN i = 0; i < count; ++i) {
+    NIC_SPEED_ENTRY row = {};
+    if (!ParseSpeedRow(rows[i], &row)) {
+      LogPrint(u"%s [%s]: skipping \"%s\", not VVVV:DDDD=MASK\r\n", kNetworkFile, kSpeedSection, rows[i]);
+      continue;
+    }
+    if (mask == 0 && row.VendorId == VendorId && row.DeviceId == DeviceId) {
+      LogPrint(u"%s [%s]: %04x:%04x rated 0x%x\r\n", kNetworkFile, kSpeedSection, VendorId, DeviceId,
+               row.SpeedMask);
+      mask = row.SpeedMask;
+    }
+  }
+  IniFreeStrings(count, rows);
+  return mask;
+}
 
 // The check ends the run when it cannot read the NIC's identity: the module's own failure, or a
 // NIC the table does not know (Unsupported).
@@ -69,6 +154,8 @@ constexpr NicCheckTest kTest = {
 } // namespace
 
 UINT32 LookupNicSpeedMask(UINT16 VendorId, UINT16 DeviceId) {
+  if (UINT32 mask = FileSpeedMask(VendorId, DeviceId); mask != 0)
+    return mask;
   for (const NIC_SPEED_ENTRY& e : kNicSpeedTable)
     if (e.VendorId == VendorId && e.DeviceId == DeviceId)
       return e.SpeedMask;

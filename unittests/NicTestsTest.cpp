@@ -265,6 +265,25 @@ TEST(PingTestOnFakes, PassesAndReleasesEverything) {
   EXPECT_EQ(w.mgr.progress.back().percent, 99u);
 }
 
+// The cable came after the firmware's DHCP gave up: the NIC keeps the DHCP policy and no address
+// until the policy is set again, which the test does before it waits for the address.
+TEST(PingTestOnFakes, AFirmwareDhcpThatGaveUpIsStartedAgain) {
+  NicWorld w;
+  ASSERT_TRUE(w.Start());
+  w.nic.mappedAt = ~0ull;
+  w.nic.dhcpGaveUp = true;
+  auto o = w.Execute(u"-test=pingtest");
+  EXPECT_EQ(o.result, TEST_RESULT_PASSED) << w.Said();
+  EXPECT_EQ(w.nic.policySets, 1u);
+  EXPECT_NE(w.Said().find("the firmware's DHCP is started again (Success)"), std::string::npos);
+  // With an address, or on a static policy, nothing is set.
+  o = w.Execute(u"-test=pingtest");
+  EXPECT_EQ(o.result, TEST_RESULT_PASSED);
+  w.nic.policy = Ip4Config2PolicyStatic;
+  o = w.Execute(u"-test=pingtest");
+  EXPECT_EQ(w.nic.policySets, 1u);
+}
+
 TEST(PingTestOnFakes, NoCableNoServerAndNoNic) {
   {
     NicWorld w;
@@ -415,6 +434,27 @@ TEST(PciTestsOnFakes, IrqAndRatedSpeed) {
     o = w.Execute(u"-test=NicSpeedTest -NetworkSpeed=1001 -retries=2");
     EXPECT_EQ(o.error, 0x80160601u);
     EXPECT_EQ(o.status, EFI_SUCCESS);
+  }
+  {
+    // The fleet's rows in the network INI file beside the module: a malformed row is reported and
+    // skipped, a row for this NIC rates it, a file row wins over a built-in one for the same NIC.
+    NicWorld w;
+    ASSERT_TRUE(w.Start());
+    w.volume.AddFile(u"\\Network.ini", "[Invalid_MACPattern]\r\nA=ff:.*\r\n[NIC_Speed]\r\n1af4:1000 = 0x2\r\n"
+                                       "8086-100E=3\r\n1af4:10000=2\r\n-1:1=2\r\n10ec:8168=0x1\r\n");
+    auto o = w.Execute(u"-test=NicSpeedTest -NetworkSpeed=1000");
+    EXPECT_EQ(o.result, TEST_RESULT_PASSED) << w.Said();
+    for (const char* bad : {"\"8086-100E=3\"", "\"1af4:10000=2\"", "\"-1:1=2\""})
+      EXPECT_NE(w.Said().find(std::string("Network.ini [NIC_Speed]: skipping ") + bad), std::string::npos)
+          << bad;
+    o = w.Execute(u"-test=NicSpeedTest -NetworkSpeed=1001");
+    EXPECT_EQ(o.error, 0x80160601u);
+    w.nic.config[0] = 0xEC;
+    w.nic.config[1] = 0x10;
+    w.nic.config[2] = 0x68;
+    w.nic.config[3] = 0x81;
+    o = w.Execute(u"-test=NicSpeedTest -NetworkSpeed=100"); // the file rates this 8168 for 10 alone
+    EXPECT_EQ(o.error, 0x80160601u);
   }
 }
 
@@ -567,9 +607,10 @@ TEST(SpeedTestOnFakes, FramesThatFailOrAreRefusedLeaveNothingBehind) {
   auto o = w.Execute(u"-test=SpeedTest -PacketsCount=1000");
   EXPECT_EQ(o.status, EFI_ABORTED);
   EXPECT_EQ(o.result, TEST_RESULT_IN_PROGRESS); // the status says why; the result is untouched
-  EXPECT_NE(w.Said().find("999 of 1000 frames completed, 1 failed (the first, frame 10: Device Error)\r\n"
-                          "Failed send packets!\r\nFailed get network speed! (Aborted)\r\n"),
-            std::string::npos);
+  EXPECT_NE(
+      w.Said().find("999 of 1000 frames completed, 1 failed (the first, frame 10: No Media), 0 refusals "
+                    "sent again\r\nFailed send packets!\r\nFailed get network speed! (Aborted)\r\n"),
+      std::string::npos);
   EXPECT_EQ(w.fw.pool.size(), pool);
   EXPECT_EQ(w.fw.events.size(), events);
 
@@ -587,6 +628,38 @@ TEST(SpeedTestOnFakes, FramesThatFailOrAreRefusedLeaveNothingBehind) {
   EXPECT_EQ(w.fw.pool.size(), pool);
   EXPECT_EQ(w.fw.events.size(), events);
   EXPECT_EQ(w.nic.LiveChildren(), 0u);
+}
+
+// The firmware refuses frames while the NIC's transmit ring is full: each refused frame is sent again
+// once the ring had time to drain, and the figure covers the whole burst.
+TEST(SpeedTestOnFakes, FramesRefusedWhileTheRingIsFullAreSentAgain) {
+  NicWorld w;
+  ASSERT_TRUE(w.Start());
+  size_t pool = w.fw.pool.size(), events = w.fw.events.size();
+  w.nic.txRingSlots = 300;
+  auto o = w.Execute(u"-test=SpeedTest -PacketsCount=1000 -NetworkSpeed=1");
+  EXPECT_EQ(o.result, TEST_RESULT_PASSED) << w.Said();
+  EXPECT_EQ(w.nic.framesCompleted, 1000u);
+  EXPECT_EQ(w.nic.framesRingFull, 3u);
+  EXPECT_NE(w.Said().find("Frames: 1000 of 1514 bytes"), std::string::npos);
+  EXPECT_NE(w.Said().find("3 refusals while the transmit ring was full, each frame sent again\r\n"),
+            std::string::npos);
+  EXPECT_EQ(w.fw.pool.size(), pool);
+  EXPECT_EQ(w.fw.events.size(), events);
+
+  // A ring that never drains: every frame past it is refused until its refusals run out, and the
+  // burst ends as one whose frames failed.
+  w.nic.framesCompleted = 0;
+  w.nic.txRingSlots = 1;
+  w.nic.txRingUsed = 1;
+  w.fw.FailUse(0);
+  w.nic.txRingDrains = false;
+  o = w.Execute(u"-test=SpeedTest -PacketsCount=1000 -NetworkSpeed=1");
+  EXPECT_EQ(o.status, EFI_ABORTED);
+  EXPECT_NE(w.Said().find("0 of 1000 frames completed, 1000 failed (the first, frame 1: Device Error)"),
+            std::string::npos);
+  EXPECT_EQ(w.fw.pool.size(), pool);
+  EXPECT_EQ(w.fw.events.size(), events);
 }
 
 TEST(SpeedTestOnFakes, WithoutCableItPromptsEachCycleUntilTheOperatorAnswers) {
@@ -879,6 +952,8 @@ const std::vector<SweepScenario>& Scenarios() {
       {"macaddresstest", u"-test=macaddresstest -verifyinvalidmacpattern=true",
        [](NicWorld& w) { w.volume.AddFile(u"\\Network.ini", "[Invalid_MACPattern]\r\nA=ff:.*\r\n"); }},
       {"SpeedTest", u"-test=SpeedTest -PacketsCount=1000", nullptr, 4},
+      {"SpeedTest/ring full", u"-test=SpeedTest -PacketsCount=1000 -NetworkSpeed=1",
+       [](NicWorld& w) { w.nic.txRingSlots = 300; }, 4},
       // The DHCP path with a policy switch the driver applies later (a silent gateway would add a
       // two-second wait's worth of polls, the same calls over and over).
       {"interactivenetworktest", u"-test=interactivenetworktest",
@@ -904,6 +979,10 @@ const std::vector<SweepScenario>& Scenarios() {
        [](NicWorld& w) {
          const UINT8 rtl8168[] = {0xEC, 0x10, 0x68, 0x81};
          std::memcpy(w.nic.config, rtl8168, sizeof(rtl8168));
+       }},
+      {"NicSpeedTest/rated in Network.ini", u"-test=NicSpeedTest",
+       [](NicWorld& w) {
+         w.volume.AddFile(u"\\Network.ini", "[NIC_Speed]\r\nbad\r\n1af4:1000=0x80000003\r\n");
        }},
   };
   return scenarios;

@@ -64,21 +64,33 @@ class PciTestsInOvmf(unittest.TestCase):
 
 
 class BridgeAndTwinNics(unittest.TestCase):
-    """Two e1000s (PCI device ID 100E), the first behind a PCIe root port."""
+    """Two e1000s (PCI device ID 100E), the first behind a PCIe root port; the network INI file
+    rates the e1000 and holds a malformed row."""
 
     @classmethod
     def setUpClass(cls):
         from wcvm import Nic
-        cls.vm = boot(["-test=IRQTest", "-test=IRQTest -index=2", "-test=NicSpeedTest",
-                       "-test=macaddresstest -DeviceID=100e -index=2 -debug", "-test=macaddresstest -DeviceID=1234",
-                       "-test=macaddresstest -verifyinvalidmacpattern=true -NetworkFile=none.ini"],
-                      nics=[Nic(model="e1000", bridge=True), Nic(model="e1000")])
+        with tempfile.TemporaryDirectory() as work:
+            ini = os.path.join(work, "Network.ini")
+            with open(ini, "w", newline="") as f:
+                f.write("[NIC_Speed]\r\n8086:100e=0x80000003\r\n8086=3\r\n")
+            cls.vm = boot(["-test=IRQTest", "-test=IRQTest -index=2", "-test=NicSpeedTest",
+                           "-test=macaddresstest -DeviceID=100e -index=2 -debug",
+                           "-test=macaddresstest -DeviceID=1234",
+                           "-test=macaddresstest -verifyinvalidmacpattern=true -NetworkFile=none.ini",
+                           "-test=NicSpeedTest -NetworkSpeed=1001"],
+                          nics=[Nic(model="e1000", bridge=True), Nic(model="e1000")], files=[(ini, "Network.ini")])
 
     def test_a_nic_behind_a_bridge_is_located_at_its_own_function(self):
         self.assertEqual([r[:2] for r in self.vm.results[:2]], [("Passed", 0)] * 2)
         self.assertIn("PCI Network Handle location at [00:01:00:00]", self.vm.log)  # bus 1, below the port
         self.assertIn("PCI Network Handle location at [00:00:03:00]", self.vm.log)
-        self.assertEqual(self.vm.results[2], ("Failed", 0x800000FF, "Unsupported"))
+
+    def test_nic_speed_of_a_nic_the_ini_file_rates(self):
+        self.assertEqual(self.vm.results[2], ("Passed", 0, "Success"))
+        self.assertIn("Network.ini [NIC_Speed]: 8086:100E rated 0x80000003", self.vm.log)
+        self.assertIn('Network.ini [NIC_Speed]: skipping "8086=3", not VVVV:DDDD=MASK', self.vm.log)
+        self.assertEqual(self.vm.results[6], ("Failed", 0x80160601, "Success"))
 
     def test_mac_test_chooses_by_device_id_and_index(self):
         self.assertEqual(self.vm.results[3][:2], ("Passed", 0))
