@@ -142,13 +142,20 @@ EFI_STATUS EFIAPI MnpTransmit(EFI_MANAGED_NETWORK_PROTOCOL* self,
     ++n.framesRefused;
     return EFI_DEVICE_ERROR;
   }
+  if (n.txRingSlots != 0 && n.txRingUsed >= n.txRingSlots) {
+    ++n.framesRingFull;
+    token->Status = EFI_DEVICE_ERROR;
+    F().bs.SignalEvent(token->Event);
+    return EFI_SUCCESS;
+  }
+  ++n.txRingUsed;
   ++n.framesSent;
   if (n.stuckFrames.count(number) != 0) {
     n.txQueue.push_back(token);
     return EFI_SUCCESS;
   }
   n.fw.Advance(n.frameTime);
-  token->Status = n.failedFrames.count(number) != 0 ? EFI_DEVICE_ERROR : EFI_SUCCESS;
+  token->Status = n.failedFrames.count(number) != 0 ? EFI_NO_MEDIA : EFI_SUCCESS;
   if (token->Status == EFI_SUCCESS)
     ++n.framesCompleted;
   F().bs.SignalEvent(token->Event);
@@ -168,9 +175,11 @@ EFI_STATUS EFIAPI MnpCancel(EFI_MANAGED_NETWORK_PROTOCOL* self, EFI_MANAGED_NETW
   }
   return EFI_SUCCESS;
 }
-EFI_STATUS EFIAPI MnpPoll(EFI_MANAGED_NETWORK_PROTOCOL*) {
+EFI_STATUS EFIAPI MnpPoll(EFI_MANAGED_NETWORK_PROTOCOL* self) {
   if (F().Fail())
     return EFI_DEVICE_ERROR;
+  if (NicOf(self).txRingDrains)
+    NicOf(self).txRingUsed = 0;
   return EFI_SUCCESS;
 }
 
@@ -377,6 +386,10 @@ EFI_STATUS EFIAPI Config2SetData(EFI_IP4_CONFIG2_PROTOCOL* self, EFI_IP4_CONFIG2
   if (type != Ip4Config2DataTypePolicy || size != sizeof(n.policy) || data == nullptr)
     return EFI_UNSUPPORTED;
   std::memcpy(&n.policy, data, sizeof(n.policy));
+  if (n.dhcpGaveUp && n.policy == Ip4Config2PolicyDhcp) {
+    n.dhcpGaveUp = false;
+    n.mappedAt = n.fw.now + 30000000;
+  }
   for (auto& [t, event] : n.notifies)
     if (t == type)
       F().bs.SignalEvent(event);

@@ -58,12 +58,20 @@ struct FakeNic {
   UINT64 replyDelay = 20000;     // 2 ms
   UINTN config2NotReady = 0;     // GetData answers EFI_NOT_READY this many times
   bool setDataNotReady = false;  // SetData takes the policy but answers EFI_NOT_READY (applied later)
-  UINT8 config[256] = {};        // PCI configuration space
-  UINT64 frameTime = 120;        // a transmitted frame's time on the wire (12 us: 1514 bytes at 1 Gbit/s)
+  // The firmware's DHCP gave up (the cable was out when it started): no address until the DHCP
+  // policy is set again, then one after three seconds.
+  bool dhcpGaveUp = false;
+  UINT8 config[256] = {}; // PCI configuration space
+  UINT64 frameTime = 120; // a transmitted frame's time on the wire (12 us: 1514 bytes at 1 Gbit/s)
   // Frames numbered from 1 by framesSent + framesRefused (reset them to count from a later point).
-  std::set<UINTN> failedFrames;  // transmitted frames that complete with an error
+  std::set<UINTN> failedFrames;  // transmitted frames that complete with an error (the cable is pulled)
   std::set<UINTN> refusedFrames; // frames whose Transmit call is refused
   std::set<UINTN> stuckFrames;   // frames that never complete until cancelled
+  // A transmit ring of this many frames (0: endless). As the firmware's managed network does, a frame
+  // that finds it full completes with EFI_DEVICE_ERROR; the ring drains when the module polls.
+  UINTN txRingSlots = 0;
+  UINTN txRingUsed = 0;
+  bool txRingDrains = true; // false: a NIC that never sends what its ring holds
 
   // What the module did.
   std::vector<std::pair<UINT64, UINT16>> pingsSent; // (time, sequence)
@@ -71,6 +79,7 @@ struct FakeNic {
   UINTN dhcpConfigures = 0, dhcpStarts = 0, dhcpStops = 0;
   UINTN policySets = 0; // SetData calls for the policy
   UINTN framesSent = 0, framesRefused = 0;
+  UINTN framesRingFull = 0;  // frames that found the transmit ring full
   UINTN framesCompleted = 0; // with success
   UINTN LiveChildren() const;
 
