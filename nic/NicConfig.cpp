@@ -3,6 +3,7 @@
 #include "base/Memory.h"
 #include "base/Owners.h"
 #include "nic/HiiConfig.h"
+#include "nic/ServiceChildren.h"
 #include "report/Output.h"
 #include "support/DebugLog.h"
 
@@ -223,6 +224,39 @@ EFI_STATUS SetNicConfig() {
     DebugLogPrint(u"SetNicConfig(): Freeing pEfiIp4Config2PolicyBuffer Outer Loop.\r\n");
   }
   return status;
+}
+
+bool RestartStalledDhcp(EFI_HANDLE Nic) {
+  Config2 config;
+  if (EFI_ERROR(OpenConfig(Nic, config)))
+    return false;
+  UINT32 policy = Ip4Config2PolicyStatic;
+  UINTN size = sizeof(policy);
+  if (EFI_ERROR(config->GetData(config.Get(), Ip4Config2DataTypePolicy, &size, &policy)) ||
+      policy != Ip4Config2PolicyDhcp)
+    return false;
+  static constexpr ReadTexts kInfo = {u"RestartStalledDhcp(): resizing the interface information\r\n",
+                                      u"RestartStalledDhcp(): no memory for the interface information\r\n",
+                                      nullptr, nullptr,
+                                      u"RestartStalledDhcp(): (%r) reading the interface information\r\n"};
+  wc::PoolPtr<UINT8> buffer;
+  UINTN read = 0;
+  if (EFI_ERROR(ReadResizing(config.Get(), Ip4Config2DataTypeInterfaceInfo, buffer, kInfo,
+                             EFI_OUT_OF_RESOURCES, &read)) ||
+      !buffer || read < sizeof(EFI_IP4_CONFIG2_INTERFACE_INFO))
+    return false;
+  const UINT8* a = reinterpret_cast<const EFI_IP4_CONFIG2_INTERFACE_INFO*>(buffer.Get())->StationAddress.Addr;
+  if ((a[0] | a[1] | a[2] | a[3]) != 0)
+    return false;
+  BOOLEAN supported = FALSE, present = FALSE;
+  if (EFI_ERROR(ReadMediaState(gImageHandle, Nic, &supported, &present)) || (supported && !present))
+    return false;
+  UINT32 dhcp = Ip4Config2PolicyDhcp;
+  EFI_STATUS status = config->SetData(config.Get(), Ip4Config2DataTypePolicy, sizeof(dhcp), &dhcp);
+  LogPrint(u"The NIC has its cable and the DHCP policy but no address: the firmware's DHCP is started again "
+           u"(%r)\r\n",
+           status);
+  return !EFI_ERROR(status) || status == EFI_NOT_READY;
 }
 
 EFI_IPv4_ADDRESS DefaultGateway(const EFI_IP4_CONFIG2_INTERFACE_INFO* Info) {

@@ -10,6 +10,13 @@ EFI_STATUS GetNicConfig(NicInfo* Nic);
 // Switches every NIC whose policy is not DHCP to DHCP, waiting out a driver that applies it later.
 EFI_STATUS SetNicConfig();
 
+// The firmware's own DHCP gives up on a NIC whose cable was out when it started, and does not start
+// again when the cable comes: the NIC keeps the DHCP policy and no address. When the NIC on this
+// handle is in that state with its cable in, sets the DHCP policy once more, which starts the
+// firmware's DHCP again (it does so for an interface whose DHCP has not succeeded), and logs it.
+// TRUE when it did.
+bool RestartStalledDhcp(EFI_HANDLE Nic);
+
 // The gateway of the default route (subnet and mask 0.0.0.0) in the interface information;
 // 0.0.0.0 when there is none.
 EFI_IPv4_ADDRESS DefaultGateway(const EFI_IP4_CONFIG2_INTERFACE_INFO* Info);

@@ -248,6 +248,9 @@ bool InteractiveRun::ConfigureByDhcp(EFI_IPv4_ADDRESS* Remote) {
     return End(Outcome::Ended(status == EFI_OUT_OF_RESOURCES ? TEST_RESULT_FAILED : TEST_RESULT_WARNING,
                               ERROR_CODE_SOFTWARE));
   }
+  // A cable plugged in at the prompt finds the firmware's DHCP given up; it is started again.
+  RestartStalledDhcp(selected_->Ip4Config2ProtocolHandle != nullptr ? selected_->Ip4Config2ProtocolHandle
+                                                                    : selected_->NicHandle);
   // The NIC's own address first: it shows that the stack is configured at all.
   lastTick_ = 0;
   answered_ = false;

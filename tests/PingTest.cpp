@@ -4,6 +4,7 @@
 #include "base/String.h"
 #include "nic/HiiConfig.h"
 #include "nic/NicAccess.h"
+#include "nic/NicConfig.h"
 #include "nic/ServiceChildren.h"
 #include "options/OptionStore.h"
 #include "ping/Dhcp.h"
@@ -245,6 +246,8 @@ EFI_STATUS PingRun::RunPingTest() {
     return Fails(ERROR_CODE_SOFTWARE, status);
   }
 
+  // A cable plugged in after the firmware's DHCP gave up would leave the address wait empty-handed.
+  RestartStalledDhcp(nic);
   status = ExecutePingProcess(nic, gServerAddress, 0, nullptr, PingVariant::PingTest);
   if (EFI_ERROR(status)) {
     LogPrint(u"ExecutePingProcess (%r)\r\n", status);
