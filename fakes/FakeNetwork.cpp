@@ -144,6 +144,8 @@ EFI_STATUS EFIAPI MnpTransmit(EFI_MANAGED_NETWORK_PROTOCOL* self,
   }
   if (n.txRingSlots != 0 && n.txRingUsed >= n.txRingSlots) {
     ++n.framesRingFull;
+    if (n.txRingFullIsOutOfBuffers)
+      return EFI_OUT_OF_RESOURCES;
     token->Status = EFI_DEVICE_ERROR;
     F().bs.SignalEvent(token->Event);
     return EFI_SUCCESS;

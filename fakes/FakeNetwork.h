@@ -71,7 +71,8 @@ struct FakeNic {
   // that finds it full completes with EFI_DEVICE_ERROR; the ring drains when the module polls.
   UINTN txRingSlots = 0;
   UINTN txRingUsed = 0;
-  bool txRingDrains = true; // false: a NIC that never sends what its ring holds
+  bool txRingDrains = true;              // false: a NIC that never sends what its ring holds
+  bool txRingFullIsOutOfBuffers = false; // a full ring makes Transmit fail with EFI_OUT_OF_RESOURCES
 
   // What the module did.
   std::vector<std::pair<UINT64, UINT16>> pingsSent; // (time, sequence)

@@ -40,8 +40,9 @@ constexpr UINTN kSpeedTestFailed = kGroup + 0x01;
 
 constexpr UINTN kCompletionPolls = 50;     // at most 5 s for the last completions
 constexpr UINTN kCompletionPause = 100000; // 100 ms
-// A frame the firmware refuses while the NIC's transmit ring is full is sent again once the ring
-// had time to drain; after this many refusals in a row it counts as failed.
+// A frame the firmware pushes back on (its transmit ring, or the managed network's transmit buffers,
+// are full) is sent again once the NIC had time to send what it holds; after this many refusals in
+// a row it counts as failed.
 constexpr UINTN kMaxRefusals = 10000;
 constexpr UINTN kDrainPause = 100; // µs
 
@@ -186,16 +187,20 @@ EFI_STATUS TransmitFrame(EFI_MANAGED_NETWORK_PROTOCOL* Mnp, EFI_MAC_ADDRESS* Des
     gMeasurement.Sending = true;
     status = Mnp->Transmit(Mnp, &t->Token);
     gMeasurement.Sending = false;
-    if (EFI_ERROR(status)) {
+    // Pushed back: the token completed as refused, or the managed network has no transmit buffer
+    // left for it (it keeps the frames the NIC has not sent yet).
+    bool refused = !EFI_ERROR(status) && gMeasurement.Refused == t.Get();
+    bool noBuffer = status == EFI_OUT_OF_RESOURCES && refusals + 1 < kMaxRefusals;
+    if (EFI_ERROR(status) && !noBuffer) {
       LogPrint(u"Failed Transmit packet! (%r)\r\n", status);
       gBS->CloseEvent(t->Token.Event);
       return status;
     }
-    if (gMeasurement.Refused != t.Get())
+    if (!refused && !noBuffer)
       break;
-    // Refused while the ring was full: let the NIC send what it holds, then try again.
+    // Let the NIC send what it holds, then try again.
     gMeasurement.RefusedCount = gMeasurement.RefusedCount + 1;
-    if (refusals + 1 == kMaxRefusals) {
+    if (refused && refusals + 1 == kMaxRefusals) {
       CountFailure(EFI_DEVICE_ERROR);
       gBS->CloseEvent(t->Token.Event);
       return EFI_SUCCESS; // the burst goes on; the wait finds this frame missing

@@ -647,6 +647,16 @@ TEST(SpeedTestOnFakes, FramesRefusedWhileTheRingIsFullAreSentAgain) {
   EXPECT_EQ(w.fw.pool.size(), pool);
   EXPECT_EQ(w.fw.events.size(), events);
 
+  // The managed network out of transmit buffers refuses the Transmit call itself: the same.
+  w.nic.framesCompleted = 0;
+  w.nic.txRingFullIsOutOfBuffers = true;
+  w.mgr.lines.clear();
+  o = w.Execute(u"-test=SpeedTest -PacketsCount=1000 -NetworkSpeed=1");
+  EXPECT_EQ(o.result, TEST_RESULT_PASSED) << w.Said();
+  EXPECT_EQ(w.nic.framesCompleted, 1000u);
+  EXPECT_NE(w.Said().find("3 refusals while the transmit ring was full"), std::string::npos);
+  w.nic.txRingFullIsOutOfBuffers = false;
+
   // A ring that never drains: every frame past it is refused until its refusals run out, and the
   // burst ends as one whose frames failed.
   w.nic.framesCompleted = 0;
