@@ -41,9 +41,11 @@ constexpr UINTN kSpeedTestFailed = kGroup + 0x01;
 constexpr UINTN kCompletionPolls = 50;     // at most 5 s for the last completions
 constexpr UINTN kCompletionPause = 100000; // 100 ms
 // A frame the firmware pushes back on (its transmit ring, or the managed network's transmit buffers,
-// are full) is sent again once the NIC had time to send what it holds; after this many refusals in
-// a row it counts as failed.
-constexpr UINTN kMaxRefusals = 10000;
+// are full) is sent again once the NIC had time to send what it holds. A measurement spends at most
+// ten seconds from its first refusal, and this many pauses, waiting for drains; past that a refused
+// frame counts as failed.
+constexpr UINT64 kDrainSeconds = 10;
+constexpr UINTN kDrainPauses = 100000;
 constexpr UINTN kDrainPause = 100; // µs
 
 // Written by the completion handler while the sender stalls, read after the wait. Module-wide
@@ -58,6 +60,9 @@ struct Measurement {
   EFI_STATUS FirstFailure; // and the error of the first of them
   UINT64 FirstFailedFrame; // its number in the burst, from 1
   UINT64 RefusedCount;     // refusals of frames sent again once the ring drained
+  UINT64 DrainPauses;      // pauses spent letting the ring drain
+  UINT64 DrainDeadline;    // time-stamp counter at which draining stops (0: no refusal yet)
+  UINT64 TicksPerSecond;   // the counter's frequency (0: unknown, the pauses alone bound it)
   bool Sending;            // a Transmit call of this measurement is under way
   TransmitToken* Refused;  // the frame that call had refused
 };
@@ -81,6 +86,18 @@ void CountFailure(EFI_STATUS Status) {
     gMeasurement.FirstFailedFrame = gMeasurement.CompletedCount + 1;
   }
   gMeasurement.FailedCount = gMeasurement.FailedCount + 1;
+}
+
+// Whether the measurement may still wait for a drain; the first refusal starts the clock.
+bool DrainTimeLeft() {
+  if (gMeasurement.DrainPauses >= kDrainPauses)
+    return false;
+  if (gMeasurement.TicksPerSecond == 0)
+    return true;
+  UINT64 now = ReadTimeStampCounter();
+  if (gMeasurement.DrainDeadline == 0)
+    gMeasurement.DrainDeadline = now + kDrainSeconds * gMeasurement.TicksPerSecond;
+  return now < gMeasurement.DrainDeadline;
 }
 
 void EFIAPI TransmitComplete(EFI_EVENT, void* Context) {
@@ -182,7 +199,7 @@ EFI_STATUS TransmitFrame(EFI_MANAGED_NETWORK_PROTOCOL* Mnp, EFI_MAC_ADDRESS* Des
   tx.FragmentTable[0].FragmentBuffer = t->Bytes();
   CopyMem(t->Bytes(), Frame, FrameLength);
   t->Token.Packet.TxData = &tx;
-  for (UINTN refusals = 0;; ++refusals) {
+  for (;;) {
     gMeasurement.Refused = nullptr;
     gMeasurement.Sending = true;
     status = Mnp->Transmit(Mnp, &t->Token);
@@ -190,23 +207,25 @@ EFI_STATUS TransmitFrame(EFI_MANAGED_NETWORK_PROTOCOL* Mnp, EFI_MAC_ADDRESS* Des
     // Pushed back: the token completed as refused, or the managed network has no transmit buffer
     // left for it (it keeps the frames the NIC has not sent yet).
     bool refused = !EFI_ERROR(status) && gMeasurement.Refused == t.Get();
-    bool noBuffer = status == EFI_OUT_OF_RESOURCES && refusals + 1 < kMaxRefusals;
-    if (EFI_ERROR(status) && !noBuffer) {
+    bool pushedBack = refused || status == EFI_OUT_OF_RESOURCES;
+    if (!pushedBack && !EFI_ERROR(status))
+      break;
+    bool drainsLeft = pushedBack && DrainTimeLeft();
+    if (!refused && !drainsLeft) {
       LogPrint(u"Failed Transmit packet! (%r)\r\n", status);
       gBS->CloseEvent(t->Token.Event);
       return status;
     }
-    if (!refused && !noBuffer)
-      break;
-    // Let the NIC send what it holds, then try again.
     gMeasurement.RefusedCount = gMeasurement.RefusedCount + 1;
-    if (refused && refusals + 1 == kMaxRefusals) {
+    if (!drainsLeft) {
       CountFailure(EFI_DEVICE_ERROR);
       gBS->CloseEvent(t->Token.Event);
       return EFI_SUCCESS; // the burst goes on; the wait finds this frame missing
     }
+    // Let the NIC send what it holds, then try again.
     Mnp->Poll(Mnp);
     gBS->Stall(kDrainPause);
+    gMeasurement.DrainPauses = gMeasurement.DrainPauses + 1;
     t->Token.Status = EFI_NOT_READY;
   }
   // Accepted: the token is the completion handler's now, which may already have freed it.
@@ -255,6 +274,9 @@ EFI_STATUS MeasureNetworkSpeed(EFI_HANDLE Nic, UINT64 PacketsCount, UINT64* Spee
   gMeasurement.FailedCount = 0;
   gMeasurement.FirstFailure = EFI_SUCCESS;
   gMeasurement.RefusedCount = 0;
+  gMeasurement.DrainPauses = 0;
+  gMeasurement.DrainDeadline = 0;
+  gMeasurement.TicksPerSecond = frequency;
   gMeasurement.Refused = nullptr;
   // Frames the interface still holds when the measurement ends are cancelled, so that their tokens
   // come back to the completion handler before the child goes away.

@@ -3,7 +3,7 @@ import argparse
 import re
 import sys
 
-from .config import MANAGER_LINES, RESULT_LINE, HarnessError, Nic, VmConfig, parse_files, parse_var
+from .config import MANAGER_LINES, NIC_MODELS, RESULT_LINE, HarnessError, Nic, VmConfig, parse_files, parse_var
 from .disk import build_image
 from .live import LivePrinter, run_vm
 
@@ -46,7 +46,7 @@ def run_parser():
         description="Boot OVMF, run Wirecheck through the VexRun manager with one option string (or, after "
                     "--, one call per quoted string), print the module's output and a RESULT line per call.")
     parser.add_argument("--nic", action="append", default=[], metavar="MODEL[:OPT,...]",
-                        help="NIC model virtio|e1000|rtl8139 with options link=off, net=none, "
+                        help=f"NIC model ({', '.join(NIC_MODELS)}) with options link=off, net=none, "
                              "mac=XX:XX:XX:XX:XX:XX, policy=dhcp|static, bridge, dump=FILE.pcap, "
                              "ip=A.B.C.D/LEN and gw=A.B.C.D (a static IPv4 configuration), plug=PROMPT (plug the "
                              "cable in when that prompt shows; with link=off) (repeatable; default one virtio)")

@@ -24,7 +24,32 @@ OVMF_VARS = "/usr/share/OVMF/OVMF_VARS_4M.fd"
 DEFAULT_VAR_GUID = "59D1C24F-50F1-401A-B101-F33E0DAED443"
 
 
-NIC_MODELS = {"virtio": "virtio-net-pci", "e1000": "e1000", "rtl8139": "rtl8139"}
+IPXE_ROMS = "/usr/lib/ipxe/qemu"
+
+
+@dataclass(frozen=True)
+class NicModel:
+    device: str  # QEMU's device
+    rom: str  # the option ROM: "" none (OVMF's own driver), None QEMU's own choice, else a file of IPXE_ROMS
+    driver: str  # which UEFI driver serves the NIC
+
+
+_EEPRO100 = "iPXE eepro100 option ROM (efi-eepro100.rom)"
+# Every NIC QEMU emulates here with a UEFI driver for it, by the name --nic takes.
+NIC_MODELS = {
+    "virtio": NicModel("virtio-net-pci", "", "OVMF's VirtioNetDxe"),
+    "virtio-ipxe": NicModel("virtio-net-pci", None, "iPXE virtio option ROM (efi-virtio.rom)"),
+    "e1000": NicModel("e1000", None, "iPXE e1000 option ROM (efi-e1000.rom)"),
+    "e1000e": NicModel("e1000e", None, "iPXE e1000e option ROM (efi-e1000e.rom)"),
+    "rtl8139": NicModel("rtl8139", None, "iPXE rtl8139 option ROM (efi-rtl8139.rom)"),
+    "ne2k_pci": NicModel("ne2k_pci", None, "iPXE ne2k_pci option ROM (efi-ne2k_pci.rom)"),
+    "pcnet": NicModel("pcnet", None, "iPXE pcnet option ROM (efi-pcnet.rom)"),
+    "vmxnet3": NicModel("vmxnet3", None, "iPXE vmxnet3 option ROM (efi-vmxnet3.rom)"),
+    # QEMU gives the eepro100 family a BIOS-only ROM of its own choice: the UEFI one is named.
+    **{name: NicModel(name, "efi-eepro100.rom", _EEPRO100)
+       for name in ("i82550", "i82551", "i82557a", "i82557b", "i82557c", "i82558a", "i82558b", "i82559a",
+                    "i82559b", "i82559c", "i82559er", "i82562", "i82801")},
+}
 
 
 ESCAPE = re.compile(r"\x1b\[[0-9;=?]*[A-Za-z]")
@@ -110,6 +135,7 @@ class VmConfig:
     on_line: object = None  # called with each clean serial line as it arrives
     keyboard: bool = False  # keys typed at this terminal reach the VM
     ui: str = "both"  # the menu protocols the manager installs: both, console or none
+    last_dir: str = ""  # where the run's files land (default LAST_DIR); runs side by side need their own
 
 
 @dataclass

@@ -68,6 +68,7 @@ def clean_serial(raw):
 
 def run_vm(cfg):
     """Boots the VM once, runs every call of cfg, and returns what came back."""
+    last_dir = cfg.last_dir or LAST_DIR
     check_tools()
     if cfg.nics is None:
         cfg.nics = [Nic()]
@@ -143,28 +144,28 @@ def run_vm(cfg):
             raw += rest or b""
         serial = clean_serial(bytes(raw))
 
-        if os.path.isdir(LAST_DIR):
-            shutil.rmtree(LAST_DIR)
-        os.makedirs(LAST_DIR)
-        with open(os.path.join(LAST_DIR, "serial.log"), "w") as f:
+        if os.path.isdir(last_dir):
+            shutil.rmtree(last_dir)
+        os.makedirs(last_dir)
+        with open(os.path.join(last_dir, "serial.log"), "w") as f:
             f.write(serial)
-        subprocess.run(["mcopy", "-s", "-n", "-i", fat_partition(disk), "::/", LAST_DIR + "/"], capture_output=True)
+        subprocess.run(["mcopy", "-s", "-n", "-i", fat_partition(disk), "::/", last_dir + "/"], capture_output=True)
 
         if unanswerable:
             raise HarnessError(f"{unanswerable} is waiting for an answer and there is no terminal to give one; "
                                f"answer it with --script FILE (a line 'prompt ok' or 'prompt abort', "
                                f"'menu N' or 'menu cancel') or run from a terminal")
         if timed_out:
-            raise HarnessError(f"the VM did not finish within {cfg.timeout} s (serial log in {LAST_DIR})")
+            raise HarnessError(f"the VM did not finish within {cfg.timeout} s (serial log in {last_dir})")
         if proc.returncode != 0:
             raise HarnessError(f"QEMU failed ({proc.returncode}): {err.decode(errors='replace').strip()}")
         if cfg.image:
             # The manager and its files sit in the boot directory of the image.
-            boot_dir = os.path.join(LAST_DIR, "EFI", "BOOT")
+            boot_dir = os.path.join(last_dir, "EFI", "BOOT")
             for name in os.listdir(boot_dir) if os.path.isdir(boot_dir) else []:
-                shutil.copy(os.path.join(boot_dir, name), LAST_DIR)
-        output = _read_text(os.path.join(LAST_DIR, "VexRun.out"))
-        log = _read_text(os.path.join(LAST_DIR, "VexRun.log"))
+                shutil.copy(os.path.join(boot_dir, name), last_dir)
+        output = _read_text(os.path.join(last_dir, "VexRun.out"))
+        log = _read_text(os.path.join(last_dir, "VexRun.log"))
         if output is None:
             # The manager did not get to write its files: take its console from the serial log.
             m = re.search(r"VEXRUN BEGIN\n(.*?)(VEXRUN END[^\n]*\n|\Z)", serial, re.S)
@@ -175,8 +176,8 @@ def run_vm(cfg):
             if m:
                 results.append((m.group(1), int(m.group(2), 16), m.group(3).strip()))
         if "VEXRUN END" not in output:
-            raise HarnessError(f"the manager did not finish (serial log in {LAST_DIR})")
-        return VmRun(serial=serial, output=output, log=log or "", results=results, files_dir=LAST_DIR,
+            raise HarnessError(f"the manager did not finish (serial log in {last_dir})")
+        return VmRun(serial=serial, output=output, log=log or "", results=results, files_dir=last_dir,
                      elapsed=time.time() - start, line_times=_line_times(bytes(raw), arrivals))
     finally:
         shutil.rmtree(work, ignore_errors=True)

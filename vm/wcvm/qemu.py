@@ -3,7 +3,7 @@ hub, and the monitor socket."""
 import os
 import shutil
 
-from .config import EFI_DIR, NIC_MODELS, OVMF_CODE, OVMF_VARS, HarnessError
+from .config import EFI_DIR, IPXE_ROMS, NIC_MODELS, OVMF_CODE, OVMF_VARS, HarnessError
 
 def check_tools():
     for tool in ("qemu-system-x86_64", "mformat", "mcopy"):
@@ -34,12 +34,13 @@ def qemu_command(cfg, disk, vars_copy, qmp_path):
         if nic.dump:
             # Frame headers are enough to count and time the frames; each record keeps the length on the wire.
             cmd += ["-object", f"filter-dump,id=dump{index},netdev={netdev},file={nic.dump},maxlen=64"]
-        device = f"{NIC_MODELS[nic.model]},netdev={netdev}"
+        model = NIC_MODELS[nic.model]
+        device = f"{model.device},netdev={netdev}"
         if nic.bridge:
             cmd += ["-device", f"pcie-root-port,id=rp{index},chassis={index + 1},slot={index + 1}"]
             device += f",bus=rp{index}"
-        if nic.model == "virtio":
-            device += ",romfile="
+        if model.rom is not None:
+            device += ",romfile=" + (os.path.join(IPXE_ROMS, model.rom) if model.rom else "")
         if nic.mac:
             device += f",mac={nic.mac}"
         cmd += ["-device", device]
