@@ -113,11 +113,14 @@ class RunnerTest(unittest.TestCase):
                                   capture_output=True, text=True)
             self.assertEqual(made.returncode, 0, made.stderr)
             self.assertIn("dd if=", made.stdout)
-            run = wcvm.run_vm(wcvm.VmConfig(image=image))
-            self.assertNotIn("startup.nsh", run.serial)
-            self.assertEqual(wcvm.read_image_results(image),
-                             ["RESULT result=Passed error=0x0 status=Success options='-test=pingtest'",
-                              "RESULT result=Passed error=0x0 status=Success options='-version'"])
+            for usb in (False, True):  # a virtio disk, and a USB stick on an XHCI controller
+                with self.subTest(usb_stick=usb):
+                    run = wcvm.run_vm(wcvm.VmConfig(image=image, usb_stick=usb))
+                    self.assertNotIn("startup.nsh", run.serial)
+                    self.assertEqual([r[0] for r in run.results], ["Passed", "Passed"])  # this boot's own
+                    self.assertEqual(wcvm.read_image_results(image),
+                                     ["RESULT result=Passed error=0x0 status=Success options='-test=pingtest'",
+                                      "RESULT result=Passed error=0x0 status=Success options='-version'"])
 
 
 if __name__ == "__main__":

@@ -132,6 +132,7 @@ class VmConfig:
     cwd: str = ""  # the shell's current directory on fs0: when the manager runs (made if missing)
     shell_after: list = field(default_factory=list)  # shell lines after the manager, before power-off
     image: str = ""  # boot this disk image (made by build_image) instead of the shell and startup.nsh
+    usb_stick: bool = False  # the disk is a USB stick on an XHCI controller rather than a virtio disk
     on_line: object = None  # called with each clean serial line as it arrives
     keyboard: bool = False  # keys typed at this terminal reach the VM
     ui: str = "both"  # the menu protocols the manager installs: both, console or none

@@ -22,8 +22,12 @@ def qemu_command(cfg, disk, vars_copy, qmp_path):
            "-nodefaults", "-no-reboot", "-display", "none", "-serial", "stdio", "-monitor", "none",
            "-drive", f"if=pflash,format=raw,unit=0,readonly=on,file={OVMF_CODE}",
            "-drive", f"if=pflash,format=raw,unit=1,file={vars_copy}",
-           "-drive", f"if=none,id=d0,format=raw,file={disk}",
-           "-device", "virtio-blk-pci,drive=d0,bootindex=0"]
+           "-drive", f"if=none,id=d0,format=raw,file={disk}"]
+    if cfg.usb_stick:
+        # As a technician's stick meets a real machine: a USB mass-storage device on an XHCI controller.
+        cmd += ["-device", "qemu-xhci,id=xhci", "-device", "usb-storage,bus=xhci.0,drive=d0,bootindex=0"]
+    else:
+        cmd += ["-device", "virtio-blk-pci,drive=d0,bootindex=0"]
     for index, nic in enumerate(cfg.nics):
         netdev = f"n{index}"
         if nic.network:
