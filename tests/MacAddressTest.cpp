@@ -52,13 +52,11 @@ EFI_STATUS CheckPatterns(const CHAR16* file, const EFI_MAC_ADDRESS& mac, BOOLEAN
     LogPrint(u"Failed loading INI file.(%r)\r\n", status);
     return status;
   }
-  UINTN count = 0;
-  CHAR16** patterns = nullptr;
-  status = IniQuery(doc.Get(), u"Invalid_MACPattern", u".*", nullptr, kPatternQuery, &count, &patterns);
+  IniStringsOwner patterns;
+  status = IniSectionLines(doc.Get(), u"Invalid_MACPattern", kPatternQuery, patterns);
   if (EFI_ERROR(status))
     return status;
-  wc::ScopeGuard release([&] { IniFreeStrings(count, patterns); });
-  return VerifyMacAddress(patterns, count, &mac, valid);
+  return VerifyMacAddress(patterns.Strings, patterns.Count, &mac, valid);
 }
 
 CheckOutcome CheckMacAddress(NicCheckRun& Run, EFI_HANDLE Nic) {

@@ -93,15 +93,15 @@ UINT32 FileSpeedMask(UINT16 VendorId, UINT16 DeviceId) {
     TracePrint(u"No rated speeds from %s (%r)\r\n", path, status);
     return 0;
   }
-  UINTN count = 0;
-  CHAR16** rows = nullptr;
-  if (EFI_ERROR(IniQuery(doc.Get(), kSpeedSection, u".*", nullptr, kRowQuery, &count, &rows)))
+  IniStringsOwner rows;
+  if (EFI_ERROR(IniSectionLines(doc.Get(), kSpeedSection, kRowQuery, rows)))
     return 0;
   UINT32 mask = 0;
-  for (UINTN i = 0; i < count; ++i) {
+  for (UINTN i = 0; i < rows.Count; ++i) {
     NIC_SPEED_ENTRY row = {};
-    if (!ParseSpeedRow(rows[i], &row)) {
-      LogPrint(u"%s [%s]: skipping \"%s\", not VVVV:DDDD=MASK\r\n", kNetworkFile, kSpeedSection, rows[i]);
+    if (!ParseSpeedRow(rows.Strings[i], &row)) {
+      LogPrint(u"%s [%s]: skipping \"%s\", not VVVV:DDDD=MASK\r\n", kNetworkFile, kSpeedSection,
+               rows.Strings[i]);
       continue;
     }
     if (mask == 0 && row.VendorId == VendorId && row.DeviceId == DeviceId) {
@@ -110,7 +110,6 @@ UINT32 FileSpeedMask(UINT16 VendorId, UINT16 DeviceId) {
       mask = row.SpeedMask;
     }
   }
-  IniFreeStrings(count, rows);
   return mask;
 }
 

@@ -264,8 +264,8 @@ EFI_STATUS MeasureNetworkSpeed(EFI_HANDLE Nic, UINT64 PacketsCount, UINT64* Spee
     maxPacketSize = mode.MaxPacketSize;
   }
   LogPrint(u"MediaHeaderSize = %d, MaxPacketSize = %d\r\n", headerSize, maxPacketSize);
-  // Any content serves: the frame buffer is sent as it comes from the pool.
-  wc::PoolPtr<UINT8> frame = wc::PoolPtr<UINT8>::Allocate(maxPacketSize);
+  // Any content serves, but nothing of the firmware's memory may leave the machine: zeros.
+  wc::PoolPtr<UINT8> frame = wc::PoolPtr<UINT8>::AllocateZero(maxPacketSize);
   if (!frame)
     return EFI_OUT_OF_RESOURCES;
   gMeasurement.CompletedCount = 0;

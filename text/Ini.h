@@ -51,3 +51,19 @@ void IniClose(INI_DOCUMENT* Document);
 
 // A document closed whichever way its owner's scope ends.
 using IniDocumentOwner = wc::Owned<INI_DOCUMENT, IniClose>;
+
+// The strings of one query, freed whichever way their owner's scope ends.
+struct IniStringsOwner {
+  UINTN Count = 0;
+  CHAR16** Strings = nullptr;
+  IniStringsOwner() = default;
+  IniStringsOwner(const IniStringsOwner&) = delete;
+  IniStringsOwner& operator=(const IniStringsOwner&) = delete;
+  ~IniStringsOwner() { IniFreeStrings(Count, Strings); }
+};
+
+// The lines of one section of an open document, as IniQuery gives them with these flags.
+inline EFI_STATUS IniSectionLines(INI_DOCUMENT* Document, const CHAR16* Section, UINT32 Flags,
+                                  IniStringsOwner& Lines) {
+  return IniQuery(Document, Section, u".*", nullptr, Flags, &Lines.Count, &Lines.Strings);
+}
