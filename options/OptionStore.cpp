@@ -21,7 +21,7 @@ bool LowerCopy(CHAR16 (&buffer)[kOptionNameChars], const CHAR16* name) {
 }
 
 const CHAR16* ValueText(const ParsedOption& entry) {
-  return reinterpret_cast<const CHAR16*>(static_cast<UINTN>(entry.Value));
+  return OptionText(entry.Value);
 }
 
 UINT64 TextValue(const CHAR16* text) {

@@ -31,3 +31,7 @@ inline EFI_STATUS GetOptionValue(const CHAR16* Name, UINT64* Value, BOOLEAN* IsS
 inline EFI_STATUS GetOptionBoolean(const CHAR16* Name, BOOLEAN* Value, BOOLEAN* IsSet) {
   return GetOptionBooleanAt(Name, 0, Value, IsSet);
 }
+// A string option's value as GetOptionValue hands it back: the text's address (null: no text).
+inline const CHAR16* OptionText(UINT64 Value) {
+  return reinterpret_cast<const CHAR16*>(static_cast<UINTN>(Value));
+}

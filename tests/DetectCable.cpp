@@ -124,7 +124,7 @@ bool DetectCableRun::ReadOptions() {
       LogPrint(u"Failed to get value of option %s - %r\r\n", names[i], status);
       return Fail(EFI_SUCCESS);
     }
-    *values[i] = reinterpret_cast<const CHAR16*>(static_cast<UINTN>(value));
+    *values[i] = OptionText(value);
     TracePrint(traces[i], *values[i]);
   }
   return true;

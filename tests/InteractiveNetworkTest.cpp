@@ -124,7 +124,7 @@ bool InteractiveRun::ReadOptions() {
       EFI_ERROR(GetOptionValue(u"-retries", &retries_, nullptr)))
     return End(Outcome::Failed(ERROR_CODE_SOFTWARE));
   // The low byte of each character, at most five.
-  const auto* text = reinterpret_cast<const CHAR16*>(static_cast<UINTN>(lang));
+  const CHAR16* text = OptionText(lang);
   for (UINTN i = 0; text != nullptr && i < 5 && text[i] != 0; ++i)
     language_[i] = CHAR8(text[i]);
   return true;

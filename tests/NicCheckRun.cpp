@@ -34,10 +34,6 @@ constexpr const CHAR16* kOptionNames[] = {
 };
 static_assert(wc::ArrayCount(kOptionNames) == UINTN(NicOption::NetworkFile) + 1);
 
-const CHAR16* AsText(UINT64 Value) {
-  return reinterpret_cast<const CHAR16*>(static_cast<UINTN>(Value));
-}
-
 } // namespace
 
 bool NicCheckRun::ReadOption(NicOption Option) {
@@ -61,8 +57,8 @@ bool NicCheckRun::ReadOption(NicOption Option) {
     options_.Index = value;
     break;
   case NicOption::DeviceId: // hexadecimal text, kept to 16 bits; empty or missing is 0
-    options_.DeviceId = AsText(value) != nullptr && AsText(value)[0] != 0
-                            ? UINT16(StrToInteger(AsText(value), nullptr, TRUE))
+    options_.DeviceId = OptionText(value) != nullptr && OptionText(value)[0] != 0
+                            ? UINT16(StrToInteger(OptionText(value), nullptr, TRUE))
                             : 0;
     break;
   case NicOption::NetworkSpeed:
@@ -72,8 +68,8 @@ bool NicCheckRun::ReadOption(NicOption Option) {
     options_.PacketsCount = value;
     break;
   case NicOption::NetworkFile:
-    if (AsText(value) != nullptr) {
-      SPrint(options_.NetworkFile, sizeof(options_.NetworkFile), u"%s", AsText(value));
+    if (OptionText(value) != nullptr) {
+      SPrint(options_.NetworkFile, sizeof(options_.NetworkFile), u"%s", OptionText(value));
       FileIoResolvePath(options_.NetworkFile, sizeof(options_.NetworkFile));
     }
     break;

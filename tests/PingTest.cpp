@@ -181,7 +181,7 @@ bool PingRun::ReadOptions() {
   status = GetOptionValue(u"-devicepath", &value, &o_.devicePathGiven);
   if (EFI_ERROR(status))
     return fail(u"-devicepath", status);
-  o_.devicePath = reinterpret_cast<const CHAR16*>(static_cast<UINTN>(value));
+  o_.devicePath = OptionText(value);
   TracePrint(u"DevicePath:%s\r\n", o_.devicePath);
   if (o_.indexGiven && o_.devicePathGiven)
     return End(Outcome::Failed(ERROR_CODE_INVALID_OPTIONS));
