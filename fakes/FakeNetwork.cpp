@@ -195,7 +195,7 @@ EFI_STATUS EFIAPI Ip4GetModeData(EFI_IP4_PROTOCOL* self, EFI_IP4_MODE_DATA* mode
   if (mode != nullptr) {
     *mode = {};
     mode->IsStarted = n.ip4Configured;
-    mode->IsConfigured = n.ip4Configured && n.HasAddress();
+    mode->IsConfigured = n.ip4Configured && n.HasAddress() && !n.ip4LeftBehind;
   }
   return EFI_SUCCESS;
 }
@@ -203,6 +203,7 @@ EFI_STATUS EFIAPI Ip4Configure(EFI_IP4_PROTOCOL* self, EFI_IP4_CONFIG_DATA* conf
   FakeNic& n = NicOf(self);
   if (config == nullptr) {
     n.ip4Configured = false;
+    n.ip4LeftBehind = false;
     if (n.rxToken != nullptr)
       n.rxToken->Status = EFI_ABORTED;
     n.rxToken = nullptr;
@@ -212,6 +213,7 @@ EFI_STATUS EFIAPI Ip4Configure(EFI_IP4_PROTOCOL* self, EFI_IP4_CONFIG_DATA* conf
   if (F().Fail())
     return EFI_DEVICE_ERROR;
   n.ip4Configured = true;
+  n.ip4LeftBehind = n.childLeftBehind && !n.HasAddress();
   return n.HasAddress() ? EFI_SUCCESS : EFI_NO_MAPPING;
 }
 EFI_STATUS EFIAPI Ip4Transmit(EFI_IP4_PROTOCOL* self, EFI_IP4_COMPLETION_TOKEN* token) {

@@ -61,6 +61,10 @@ struct FakeNic {
   // The firmware's DHCP gave up (the cable was out when it started): no address until the DHCP
   // policy is set again, then one after three seconds.
   bool dhcpGaveUp = false;
+  // After a link change the firmware puts the address its DHCP got on a new default interface: an
+  // IPv4 child configured before the address came stays on the old one, without address, until it
+  // is configured again.
+  bool childLeftBehind = false;
   UINT8 config[256] = {}; // PCI configuration space
   UINT64 frameTime = 120; // a transmitted frame's time on the wire (12 us: 1514 bytes at 1 Gbit/s)
   // Frames numbered from 1 by framesSent + framesRefused (reset them to count from a later point).
@@ -102,6 +106,7 @@ struct FakeNic {
   bool mnpConfigured = false;
   std::vector<EFI_MANAGED_NETWORK_COMPLETION_TOKEN*> txQueue;
   bool ip4Configured = false;
+  bool ip4LeftBehind = false; // the child holds the old default interface
   EFI_IP4_COMPLETION_TOKEN* rxToken = nullptr;
   std::vector<std::pair<UINT64, UINT16>> repliesDue;
   EFI_IP4_RECEIVE_DATA rxData{};

@@ -226,6 +226,30 @@ EFI_STATUS SetNicConfig() {
   return status;
 }
 
+namespace {
+
+// The station address in the NIC's interface information; FALSE when it cannot be read.
+bool ReadStationAddress(EFI_IP4_CONFIG2_PROTOCOL* config, EFI_IPv4_ADDRESS* address) {
+  static constexpr ReadTexts kInfo = {u"ReadStationAddress(): resizing the interface information\r\n",
+                                      u"ReadStationAddress(): no memory for the interface information\r\n",
+                                      nullptr, nullptr,
+                                      u"ReadStationAddress(): (%r) reading the interface information\r\n"};
+  wc::PoolPtr<UINT8> buffer;
+  UINTN read = 0;
+  if (EFI_ERROR(ReadResizing(config, Ip4Config2DataTypeInterfaceInfo, buffer, kInfo, EFI_OUT_OF_RESOURCES,
+                             &read)) ||
+      !buffer || read < sizeof(EFI_IP4_CONFIG2_INTERFACE_INFO))
+    return false;
+  *address = reinterpret_cast<const EFI_IP4_CONFIG2_INTERFACE_INFO*>(buffer.Get())->StationAddress;
+  return true;
+}
+
+bool IsZero(const EFI_IPv4_ADDRESS& a) {
+  return (a.Addr[0] | a.Addr[1] | a.Addr[2] | a.Addr[3]) == 0;
+}
+
+} // namespace
+
 bool RestartStalledDhcp(EFI_HANDLE Nic) {
   Config2 config;
   if (EFI_ERROR(OpenConfig(Nic, config)))
@@ -235,18 +259,8 @@ bool RestartStalledDhcp(EFI_HANDLE Nic) {
   if (EFI_ERROR(config->GetData(config.Get(), Ip4Config2DataTypePolicy, &size, &policy)) ||
       policy != Ip4Config2PolicyDhcp)
     return false;
-  static constexpr ReadTexts kInfo = {u"RestartStalledDhcp(): resizing the interface information\r\n",
-                                      u"RestartStalledDhcp(): no memory for the interface information\r\n",
-                                      nullptr, nullptr,
-                                      u"RestartStalledDhcp(): (%r) reading the interface information\r\n"};
-  wc::PoolPtr<UINT8> buffer;
-  UINTN read = 0;
-  if (EFI_ERROR(ReadResizing(config.Get(), Ip4Config2DataTypeInterfaceInfo, buffer, kInfo,
-                             EFI_OUT_OF_RESOURCES, &read)) ||
-      !buffer || read < sizeof(EFI_IP4_CONFIG2_INTERFACE_INFO))
-    return false;
-  const UINT8* a = reinterpret_cast<const EFI_IP4_CONFIG2_INTERFACE_INFO*>(buffer.Get())->StationAddress.Addr;
-  if ((a[0] | a[1] | a[2] | a[3]) != 0)
+  EFI_IPv4_ADDRESS address = {};
+  if (!ReadStationAddress(config.Get(), &address) || !IsZero(address))
     return false;
   BOOLEAN supported = FALSE, present = FALSE;
   if (EFI_ERROR(ReadMediaState(gImageHandle, Nic, &supported, &present)) || (supported && !present))
@@ -257,6 +271,16 @@ bool RestartStalledDhcp(EFI_HANDLE Nic) {
            u"(%r)\r\n",
            status);
   return !EFI_ERROR(status) || status == EFI_NOT_READY;
+}
+
+bool NicHasStationAddress(EFI_HANDLE Nic, EFI_IPv4_ADDRESS* Address) {
+  Config2 config;
+  EFI_IPv4_ADDRESS address = {};
+  if (EFI_ERROR(OpenConfig(Nic, config)) || !ReadStationAddress(config.Get(), &address) || IsZero(address))
+    return false;
+  if (Address != nullptr)
+    *Address = address;
+  return true;
 }
 
 EFI_IPv4_ADDRESS DefaultGateway(const EFI_IP4_CONFIG2_INTERFACE_INFO* Info) {

@@ -17,6 +17,9 @@ EFI_STATUS SetNicConfig();
 // TRUE when it did.
 bool RestartStalledDhcp(EFI_HANDLE Nic);
 
+// TRUE when the NIC's IPv4 configuration has a station address; *Address, when given, gets it.
+bool NicHasStationAddress(EFI_HANDLE Nic, EFI_IPv4_ADDRESS* Address);
+
 // The gateway of the default route (subnet and mask 0.0.0.0) in the interface information;
 // 0.0.0.0 when there is none.
 EFI_IPv4_ADDRESS DefaultGateway(const EFI_IP4_CONFIG2_INTERFACE_INFO* Info);

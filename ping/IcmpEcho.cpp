@@ -4,9 +4,11 @@
 #include "base/Memory.h"
 #include "base/Owners.h"
 #include "nic/Dumps.h"
+#include "nic/NicConfig.h"
 #include "nic/ServiceChildren.h"
 #include "report/Output.h"
 #include "support/Clock.h"
+#include "support/DebugLog.h"
 #include "support/Platform.h"
 
 // The current-platform flag of each variant (1 until its test sets it).
@@ -173,6 +175,7 @@ public:
       return status;
     }
     ip4_ = child_.Get();
+    service_ = ServiceHandle;
     return status;
   }
   // ICMP with the NIC's default address; EFI_NO_MAPPING while the driver has no address yet.
@@ -188,6 +191,12 @@ private:
   bool LookForAddress();
   EFI_STATUS WaitLong();
   EFI_STATUS WaitInteractive(const PingProgress* Progress);
+  // After a link change the firmware's IPv4 driver, when its DHCP finishes, puts the address on a
+  // new default interface; a child configured with the default address before that stays on the old
+  // one and never gets the address. Once a second during the wait: when the NIC has an address and
+  // the child none, the child is configured again, once, and that is logged. TRUE when that gave
+  // the child its address.
+  bool RejoinIfLeftBehind();
   // One received packet: checked, timed, given back, and the receive token armed again.
   EFI_STATUS TakeReceived();
   static void EFIAPI CountTick(EFI_EVENT, void* Context) {
@@ -197,10 +206,13 @@ private:
 
   PingVariant variant_;
   VariantState& state_;
+  EFI_HANDLE service_ = nullptr;
   EFI_IPv4_ADDRESS destination_;
   Ip4Child child_;
   EFI_IP4_PROTOCOL* ip4_ = nullptr;
   wc::EventOwner mappingTimer_;
+  wc::EventOwner rejoinTimer_; // one second between looks at the NIC's own address
+  bool rejoined_ = false;
   wc::EventOwner rxEvent_;
   wc::EventOwner txEvent_;
   wc::EventOwner secondTimer_;
@@ -214,12 +226,18 @@ private:
   UINT64 sendTimes_[kMaxTimedRequests] = {};
 };
 
-EFI_STATUS PingSession::Configure() {
+// ICMP with the NIC's default address.
+EFI_IP4_CONFIG_DATA ChildConfig() {
   EFI_IP4_CONFIG_DATA config = {};
   config.DefaultProtocol = 1; // ICMP
   config.AcceptIcmpErrors = TRUE;
   config.UseDefaultAddress = TRUE;
   config.TimeToLive = 128;
+  return config;
+}
+
+EFI_STATUS PingSession::Configure() {
+  EFI_IP4_CONFIG_DATA config = ChildConfig();
   EFI_STATUS status = ip4_->Configure(ip4_, &config);
   if (EFI_ERROR(status) && status != EFI_NO_MAPPING)
     LogPrint(u"EFI IP4 Protocol Configure error.(%r)\r\n", status);
@@ -262,7 +280,7 @@ EFI_STATUS PingSession::WaitLong() {
     return status;
   while (EFI_ERROR(gBS->CheckEvent(mappingTimer_.Get()))) {
     ip4_->Poll(ip4_);
-    if (IsConfigured(ip4_))
+    if (IsConfigured(ip4_) || RejoinIfLeftBehind())
       break;
   }
   return EFI_SUCCESS;
@@ -279,7 +297,7 @@ EFI_STATUS PingSession::WaitInteractive(const PingProgress* Progress) {
   UINTN limit = state_.currentPlatform ? kInteractiveMappingTicks : 1;
   while (ticks_ < limit) {
     ip4_->Poll(ip4_);
-    if (IsConfigured(ip4_))
+    if (IsConfigured(ip4_) || RejoinIfLeftBehind())
       break;
     if (state_.currentPlatform && Progress != nullptr &&
         EFI_ERROR(Progress->Report(Progress->Context, ticks_, limit)))
@@ -295,6 +313,11 @@ EFI_STATUS PingSession::AwaitAddress(const PingProgress* Progress) {
     return EFI_SUCCESS;
   }
   LogPrint(u"EFI IP4 Protocol Mapping error.(%r)\r\n", EFI_NO_MAPPING);
+  if (EFI_ERROR(rejoinTimer_.Create(EVT_TIMER, TPL_CALLBACK)) ||
+      EFI_ERROR(gBS->SetTimer(rejoinTimer_.Get(), TimerPeriodic, kOneSecond))) {
+    DebugLogPrint(u"No timer to look at the NIC's own address during the wait\r\n");
+    rejoinTimer_.Close();
+  }
   EFI_STATUS status = variant_ == PingVariant::PingTest ? WaitLong() : WaitInteractive(Progress);
   if (EFI_ERROR(status))
     return status;
@@ -304,6 +327,23 @@ EFI_STATUS PingSession::AwaitAddress(const PingProgress* Progress) {
     return EFI_NO_MAPPING;
   }
   return EFI_SUCCESS;
+}
+
+bool PingSession::RejoinIfLeftBehind() {
+  if (rejoined_ || !rejoinTimer_ || EFI_ERROR(gBS->CheckEvent(rejoinTimer_.Get())))
+    return false;
+  EFI_IPv4_ADDRESS address = {};
+  if (!NicHasStationAddress(service_, &address))
+    return false;
+  rejoined_ = true;
+  ip4_->Configure(ip4_, nullptr);
+  EFI_IP4_CONFIG_DATA config = ChildConfig();
+  EFI_STATUS status = ip4_->Configure(ip4_, &config);
+  const UINT8* a = address.Addr;
+  LogPrint(u"The NIC has address %d.%d.%d.%d but the IPv4 child, configured before it came, has none: the "
+           u"child is configured again (%r)\r\n",
+           a[0], a[1], a[2], a[3], status);
+  return status == EFI_SUCCESS && IsConfigured(ip4_);
 }
 
 EFI_STATUS PingSession::Arm() {

@@ -266,16 +266,21 @@ TEST(PingTestOnFakes, PassesAndReleasesEverything) {
 }
 
 // The cable came after the firmware's DHCP gave up: the NIC keeps the DHCP policy and no address
-// until the policy is set again, which the test does before it waits for the address.
+// until the policy is set again, which the test does before it waits for the address; the address
+// then lands on a new default interface and the waiting child is configured again.
 TEST(PingTestOnFakes, AFirmwareDhcpThatGaveUpIsStartedAgain) {
   NicWorld w;
   ASSERT_TRUE(w.Start());
   w.nic.mappedAt = ~0ull;
   w.nic.dhcpGaveUp = true;
+  w.nic.childLeftBehind = true;
   auto o = w.Execute(u"-test=pingtest");
   EXPECT_EQ(o.result, TEST_RESULT_PASSED) << w.Said();
   EXPECT_EQ(w.nic.policySets, 1u);
   EXPECT_NE(w.Said().find("the firmware's DHCP is started again (Success)"), std::string::npos);
+  EXPECT_NE(w.Said().find("The NIC has address 10.0.2.15 but the IPv4 child, configured before it came, has "
+                          "none: the child is configured again (Success)"),
+            std::string::npos);
   // With an address, or on a static policy, nothing is set.
   o = w.Execute(u"-test=pingtest");
   EXPECT_EQ(o.result, TEST_RESULT_PASSED);
@@ -961,6 +966,13 @@ const std::vector<SweepScenario>& Scenarios() {
        }},
       {"macaddresstest", u"-test=macaddresstest -verifyinvalidmacpattern=true",
        [](NicWorld& w) { w.volume.AddFile(u"\\Network.ini", "[Invalid_MACPattern]\r\nA=ff:.*\r\n"); }},
+      // The cable came after the firmware's DHCP gave up: DHCP started again, the child configured again.
+      {"pingtest/cable came late", u"-test=pingtest",
+       [](NicWorld& w) {
+         w.nic.mappedAt = ~0ull;
+         w.nic.dhcpGaveUp = true;
+         w.nic.childLeftBehind = true;
+       }},
       {"SpeedTest", u"-test=SpeedTest -PacketsCount=1000", nullptr, 4},
       {"SpeedTest/ring full", u"-test=SpeedTest -PacketsCount=1000 -NetworkSpeed=1",
        [](NicWorld& w) { w.nic.txRingSlots = 300; }, 4},

@@ -121,6 +121,16 @@ TEST_F(PingEngineTest, WaitsForTheAddress) {
   EXPECT_NEAR(Seconds(), 3.0, 0.05);
 }
 
+// After a link change the address lands on a new default interface; the child, configured before,
+// is configured again at the first one-second look after the address came, not after the long wait.
+TEST_F(PingEngineTest, AChildLeftOnTheOldInterfaceIsConfiguredAgain) {
+  nic.mappedAt = 3 * kSecond + kSecond / 2;
+  nic.childLeftBehind = true;
+  EXPECT_EQ(Ping(1), EFI_SUCCESS);
+  EXPECT_EQ(nic.pingsSent.size(), 1u);
+  EXPECT_NEAR(Seconds(), 4.0, 0.05);
+}
+
 TEST_F(PingEngineTest, NoAddressAfterTheLongWait) {
   nic.mappedAt = ~0ull;
   EXPECT_EQ(Ping(1), EFI_NO_MAPPING);

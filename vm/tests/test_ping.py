@@ -79,18 +79,6 @@ class UnpluggedCable(unittest.TestCase):
         self.assertTrue(any(l.startswith("PROMPT text=Connect a network cable") for l in once))
 
 
-class CablePluggedAtThePrompt(unittest.TestCase):
-    """The cable comes when prompt 25 asks for it: the firmware's DHCP, which gave up while the link
-    was down, is started again and the test passes."""
-
-    def test_the_ping_passes_once_the_cable_is_in(self):
-        for model in ("virtio", "rtl8139"):
-            with self.subTest(model=model):
-                run = boot(["-test=pingtest"], nics=[vm_nic(f"{model}:link=off,plug=25")], script="prompt ok\n")
-                self.assertEqual(run.results[0][:2], ("Passed", 0), run.log[-2000:])
-                self.assertIn("the firmware's DHCP is started again", run.log)
-
-
 class NoAddress(unittest.TestCase):
     def test_no_dhcp_server_fails_configuration(self):
         # NIC 1 has a link but nothing on its network; NIC 2 is left on the static policy.
