@@ -267,8 +267,8 @@ bool RestartStalledDhcp(EFI_HANDLE Nic) {
     return false;
   UINT32 dhcp = Ip4Config2PolicyDhcp;
   EFI_STATUS status = config->SetData(config.Get(), Ip4Config2DataTypePolicy, sizeof(dhcp), &dhcp);
-  LogPrint(u"The NIC has its cable and the DHCP policy but no address: the firmware's DHCP is started again "
-           u"(%r)\r\n",
+  LogPrint(u"The NIC has its cable and the DHCP policy but no address yet: the DHCP policy is set again, "
+           u"which starts the firmware's DHCP where it gave up (%r)\r\n",
            status);
   return !EFI_ERROR(status) || status == EFI_NOT_READY;
 }

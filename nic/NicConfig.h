@@ -13,8 +13,8 @@ EFI_STATUS SetNicConfig();
 // The firmware's own DHCP gives up on a NIC whose cable was out when it started, and does not start
 // again when the cable comes: the NIC keeps the DHCP policy and no address. When the NIC on this
 // handle is in that state with its cable in, sets the DHCP policy once more, which starts the
-// firmware's DHCP again (it does so for an interface whose DHCP has not succeeded), and logs it.
-// TRUE when it did.
+// firmware's DHCP again (it does so for an interface whose DHCP has not succeeded; a DHCP still
+// under way just goes on), and logs it. TRUE when it did.
 bool RestartStalledDhcp(EFI_HANDLE Nic);
 
 // TRUE when the NIC's IPv4 configuration has a station address; *Address, when given, gets it.

@@ -19,7 +19,7 @@ class CablePluggedWhenAsked(unittest.TestCase):
                 self.assertEqual([r[:2] for r in run.results], [("Passed", 0), ("Passed", 0)], run.log[-3000:])
                 self.assertIn("PROMPT message=25 ", blocks[0][1])
                 self.assertIn("PROMPT message=104 ", blocks[1][1])
-                self.assertEqual(run.log.count("the firmware's DHCP is started again (Success)"), 2)
+                self.assertEqual(run.log.count("the DHCP policy is set again, which starts the firmware's DHCP where it gave up (Success)"), 2)
                 self.assertIn("Network cable detected!", run.log)
                 self.assertIn("Network not configured correctly, starting configure with DHCP...", run.log)
 

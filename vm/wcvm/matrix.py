@@ -13,7 +13,7 @@ from concurrent.futures import ThreadPoolExecutor
 from .config import NIC_MODELS, ROOT, HarnessError, Nic, VmConfig
 from .live import run_vm
 
-# (test, option string, the figure that matters: a pattern over the call's lines, or None)
+# (row, option string, the figure that matters: a pattern over the call's lines, or None, its shape)
 CALLS = [
     ("pingtest", "-test=pingtest", r"Reply seq 0 from [\d.]+: time (\d+) us", "{} us"),
     ("detectcable", "-test=detectcable", None, "{} flag(s)"),
@@ -24,17 +24,30 @@ CALLS = [
     ("IRQTest", "-test=IRQTest", r"Interrupt Number (\d+)", "IRQ {}"),
 ]
 
+# Bursts at the defaults, the same boot: every call must give its figure, passed or not (a burst the
+# firmware pushes back on must still complete). Not run where one burst is already a firmware fault
+# the matrix explains (each would wait out the module's ten seconds of draining).
+SPEED_ROW, SPEED_CALLS = "SpeedTest x20 (defaults)", 20
+SPEED_FIGURE = re.compile(r"speed is (\d+) Mbit/s")
+
 # What the tests' definitions give on these NICs: Passed, except that no emulated NIC is in the
 # built-in rated-speed table (Unsupported, no retry).
 EXPECTED = {test: ("Passed", 0, "Success") for test, *_ in CALLS}
 EXPECTED["NicSpeedTest"] = ("Failed", 0x800000FF, "Unsupported")
+ROWS = [test for test, *_ in CALLS] + [SPEED_ROW]
+# The calls that need no address go first: the firmware's DHCP, started as the VM boots, gets its
+# lease meanwhile instead of holding up pingtest. The bursts go last: iPXE's pcnet ROM sends nothing
+# more after one, and the ping tests would then fail for it.
+RUN_ORDER = sorted(CALLS, key=lambda call: {"pingtest": 1, "interactivenetworktest": 1, "SpeedTest": 2}.get(call[0], 0))
+
+PCNET = ("iPXE's pcnet ROM puts 15 frames on the wire and then sends nothing more: the managed network "
+         "runs out of transmit buffers (Transmit: Out of Resources) and stays so however long the "
+         "module lets it drain; a capture of the NIC shows the 15 frames")
 
 # Cells where the firmware or the NIC's option ROM is at fault, with the evidence.
 EXPLAINED = {
-    ("pcnet", "SpeedTest"):
-        "iPXE's pcnet ROM puts 15 frames on the wire and then sends nothing more: the managed network "
-        "runs out of transmit buffers (Transmit: Out of Resources) and stays so however long the "
-        "module lets it drain; a capture of the NIC shows the 15 frames",
+    ("pcnet", "SpeedTest"): PCNET,
+    ("pcnet", SPEED_ROW): "not run: " + PCNET,
 }
 
 
@@ -57,10 +70,12 @@ def _flags(files_dir):
 def run_model(model, work):
     """One boot: every call on one NIC of this model; a row per test."""
     last = os.path.join(work, model)
-    run = run_vm(VmConfig(calls=[options for _, options, *_ in CALLS], nics=[Nic(model=model)],
-                          last_dir=last, timeout=400))
+    repeats = 0 if (model, "SpeedTest") in EXPLAINED else SPEED_CALLS
+    calls = [options for _, options, *_ in RUN_ORDER] + ["-test=SpeedTest"] * repeats
+    run = run_vm(VmConfig(calls=calls, nics=[Nic(model=model)], last_dir=last, timeout=400))
+    blocks = _blocks(run.log)
     cells = {}
-    for (test, options, pattern, shape), (_, lines), result in zip(CALLS, _blocks(run.log), run.results):
+    for (test, options, pattern, shape), (_, lines), result in zip(RUN_ORDER, blocks, run.results):
         figure = ""
         if test == "detectcable":
             figure = shape.format(_flags(last))
@@ -71,11 +86,32 @@ def run_model(model, work):
                     figure = shape.format(m.group(1))
                     break
         cells[test] = {"result": result[0], "error": result[1], "status": result[2], "figure": figure}
+    cells[SPEED_ROW] = _speed_cell(blocks[len(CALLS):], run.results[len(CALLS):])
     return cells
 
 
+def _speed_cell(blocks, results):
+    """The repeated bursts as one cell: how many gave a figure, their range, and each distinct
+    result with its count."""
+    if not results:
+        return {"calls": 0, "figures": 0, "outcomes": [], "figure": "not run"}
+    figures = [int(m.group(1)) for _, lines in blocks for line in lines for m in [SPEED_FIGURE.search(line)] if m]
+    outcomes = {}
+    for r in results:
+        outcomes[r[:3]] = outcomes.get(r[:3], 0) + 1
+    cell = {"calls": len(results), "figures": len(figures),
+            "outcomes": [{"result": r, "error": e, "status": s, "count": n} for (r, e, s), n in outcomes.items()],
+            "figure": f"{len(figures)} of {len(results)} figures"}
+    if figures:
+        cell["figure"] += f", {min(figures)}-{max(figures)} Mbit/s"
+    return cell
+
+
 def verdict(model, test, cell):
-    if (cell["result"], cell["error"], cell["status"]) == EXPECTED[test]:
+    if test == SPEED_ROW:
+        if cell["calls"] == SPEED_CALLS and cell["figures"] == SPEED_CALLS:
+            return "as defined"
+    elif (cell["result"], cell["error"], cell["status"]) == EXPECTED[test]:
         return "as defined"
     return "explained" if (model, test) in EXPLAINED else "UNEXPECTED"
 
@@ -99,7 +135,7 @@ def main(argv):
                 print(f"wirecheck matrix: {m}: {e}", file=sys.stderr)
                 return 2
     rows = []
-    for test, *_ in CALLS:
+    for test in ROWS:
         row = {"test": test, "cells": {}}
         for m in models:
             cell = dict(table[m][test])
@@ -126,12 +162,17 @@ def main(argv):
 
 
 def _markdown(rows, models):
-    def cell_text(c):
+    def outcome_text(c):
         text = f"{c['result']} 0x{c['error']:X}"
-        if c["status"] != "Success":
-            text += f" ({c['status']})"
+        return text + (f" ({c['status']})" if c["status"] != "Success" else "")
+
+    def cell_text(c):
+        if "outcomes" in c:
+            text = "; ".join(f"{o['count']}x {outcome_text(o)}" for o in c["outcomes"])
+        else:
+            text = outcome_text(c)
         if c["figure"]:
-            text += f", {c['figure']}"
+            text += f", {c['figure']}" if text else c["figure"]
         return text + {"as defined": "", "explained": " [firmware]", "UNEXPECTED": " [UNEXPECTED]"}[c["verdict"]]
     lines = ["| test | " + " | ".join(models) + " |", "|---|" + "---|" * len(models)]
     for r in rows:
