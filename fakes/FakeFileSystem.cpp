@@ -104,7 +104,7 @@ EFI_STATUS EFIAPI Close(EFI_FILE_PROTOCOL* This) {
 EFI_STATUS EFIAPI Delete(EFI_FILE_PROTOCOL* This) {
   FakeFile* f = Self(This);
   EFI_STATUS status = EFI_WARN_DELETE_FAILURE; // the handle is closed whatever happens
-  if (!Injected() && f->chain.size() > 1 && f->Node()->children.empty()) {
+  if (!Injected() && f->chain.size() > 1 && f->Node()->children.empty() && !f->Node()->readOnly) {
     auto& siblings = f->chain[f->chain.size() - 2]->children;
     std::erase_if(siblings, [&](auto& e) { return e.second.get() == f->Node(); });
     status = EFI_SUCCESS;

@@ -11,6 +11,8 @@
 
 struct FakeNode {
   bool directory = false;
+  bool readOnly = false; // Delete answers EFI_WARN_DELETE_FAILURE and leaves the file
+
   std::vector<uint8_t> data;
   std::vector<std::pair<std::u16string, std::unique_ptr<FakeNode>>> children;
   FakeNode* Child(const std::u16string& name);

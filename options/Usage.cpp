@@ -197,9 +197,10 @@ BOOLEAN PrintCatalog(const ModuleInfo* Module, const CHAR16* Path) {
   EFI_FILE_PROTOCOL* file = nullptr;
   if (Path != nullptr && Path[0] != 0) {
     // A file that is not there yet is simply created; one that is there but cannot be removed
-    // is left alone, since appending to it would leave a corrupt catalog.
+    // (an error, or the warning that the file stayed) is left alone, since writing to it would
+    // leave a corrupt catalog.
     EFI_STATUS status = FileIoDeleteFile(Path);
-    if (EFI_ERROR(status) && status != EFI_NOT_FOUND)
+    if (status != EFI_SUCCESS && status != EFI_NOT_FOUND)
       return FALSE;
     if (EFI_ERROR(
             FileIoOpenFile(Path, EFI_FILE_MODE_CREATE | EFI_FILE_MODE_READ | EFI_FILE_MODE_WRITE, 0, &file)))

@@ -9,6 +9,8 @@
 #include "support/FileIo.h"
 #include "support/Platform.h"
 #include "fakes/FakeFileSystem.h"
+#include "frame/Module.h"
+#include "options/Usage.h"
 #include "fakes/FakeFirmware.h"
 
 namespace {
@@ -265,6 +267,21 @@ TEST_F(FileIoTest, ShellMapNamesAndCurrentDirectory) {
   // The log follows the shell's current directory onto fs1:.
   EXPECT_NE(volB.Content(u"\\EFI\\tools\\Debug.log").find("Failed to get devpath for path [fs7:\\e.txt]"),
             std::string::npos);
+}
+
+// The catalog replaces a file of that name; a file that stays when deleted (read-only: the
+// warning EFI_WARN_DELETE_FAILURE) keeps its content, nothing written after it.
+TEST_F(FileIoTest, CatalogReplacesAFileAndLeavesOneThatCannotGo) {
+  Start();
+  volA.AddFile(u"\\cat.xml", "old catalog");
+  EXPECT_FALSE(PrintCatalog(&gModuleInfo, u"\\cat.xml"));
+  std::string written = volA.Content(u"\\cat.xml");
+  EXPECT_EQ(written.find("old catalog"), std::string::npos);
+  EXPECT_NE(written.find(std::string("<\0D\0I\0A\0G\0", 10)), std::string::npos);
+
+  volA.AddFile(u"\\kept.xml", "old catalog")->readOnly = true;
+  EXPECT_FALSE(PrintCatalog(&gModuleInfo, u"\\kept.xml"));
+  EXPECT_TRUE(volA.Content(u"\\kept.xml") == "old catalog") << "the kept file was written to";
 }
 
 // ---- SMBIOS ----
