@@ -71,6 +71,24 @@ static EFI_STATUS IsOpenedByChild(EFI_HANDLE ControllerHandle, EFI_HANDLE ChildH
   return EFI_UNSUPPORTED;
 }
 
+// The first node is the NIC's own; a configuration driver adds a vendor node after it. The path
+// is one DevicePathSize has checked; a path that is only its end node has nothing after the first.
+static bool HasVendorNodeAfterFirst(const EFI_DEVICE_PATH_PROTOCOL* Path, const EFI_GUID& Vendor) {
+  if (IsDevicePathEnd(Path))
+    return false;
+  for (const EFI_DEVICE_PATH_PROTOCOL* node = NextDevicePathNode(Path); !IsDevicePathEnd(node);
+       node = NextDevicePathNode(node)) {
+    if (node->Type == HARDWARE_DEVICE_PATH && node->SubType == HW_VENDOR_DP &&
+        DevicePathNodeLength(node) >= 20) {
+      EFI_GUID vendor;
+      CopyMem(&vendor, reinterpret_cast<const UINT8*>(node) + 4, sizeof(vendor));
+      if (vendor == Vendor)
+        return true;
+    }
+  }
+  return false;
+}
+
 static EFI_STATUS FindConfigAccessHandle(EFI_HANDLE ServiceHandle, EFI_HANDLE* DriverHandle) {
   return FindHiiChildHandle(ServiceHandle, EFI_NIC_IP4_CONFIG_VARIABLE_GUID, DriverHandle);
 }
@@ -95,21 +113,14 @@ EFI_STATUS FindHiiChildHandle(EFI_HANDLE ServiceHandle, const EFI_GUID& Vendor, 
     status = gBS->HandleProtocol(handles[i], &EFI_DEVICE_PATH_PROTOCOL_GUID, reinterpret_cast<void**>(&path));
     if (EFI_ERROR(status) || DevicePathSize(path) == 0)
       continue;
-    // The first node is the NIC's own; the configuration driver adds a vendor node after it.
-    for (const EFI_DEVICE_PATH_PROTOCOL* node = NextDevicePathNode(path); !IsDevicePathEnd(node);
-         node = NextDevicePathNode(node)) {
-      if (node->Type == HARDWARE_DEVICE_PATH && node->SubType == HW_VENDOR_DP &&
-          DevicePathNodeLength(node) >= 20) {
-        EFI_GUID vendor;
-        CopyMem(&vendor, reinterpret_cast<const UINT8*>(node) + 4, sizeof(vendor));
-        if (vendor == Vendor) {
-          *DriverHandle = handles[i];
-          return EFI_SUCCESS;
-        }
-      }
+    if (HasVendorNodeAfterFirst(path, Vendor)) {
+      *DriverHandle = handles[i];
+      return EFI_SUCCESS;
     }
   }
-  return status;
+  // The last check can pass on a child of this NIC that is not the one sought (EDK2's IPv4 and
+  // IPv6 configuration forms carry no such vendor node): nothing was found then either.
+  return EFI_ERROR(status) ? status : EFI_NOT_FOUND;
 }
 
 static CHAR16* ConstructConfigHeader(const EFI_GUID* Guid, const CHAR16* Name, EFI_HANDLE DriverHandle) {
@@ -170,7 +181,8 @@ EFI_STATUS SetNicByHii() {
 
   for (UINTN i = 0; i < count; ++i) {
     EFI_HANDLE driver = nullptr;
-    if (EFI_ERROR(FindConfigAccessHandle(handles[i], &driver)))
+    bool driverFound = !EFI_ERROR(FindConfigAccessHandle(handles[i], &driver)) && driver != nullptr;
+    if (!driverFound)
       driver = handles[i];
     wc::PoolPtr<CHAR16> header(
         ConstructConfigHeader(&EFI_NIC_IP4_CONFIG_VARIABLE_GUID, kVariableName, driver));
@@ -210,9 +222,10 @@ EFI_STATUS SetNicByHii() {
       return status;
     }
     status = routing->RouteConfig(routing, response.Get(), &progress);
-    if (status == EFI_NOT_FOUND) {
+    if (status == EFI_NOT_FOUND && !driverFound) {
       // Firmware with only the newer IPv4 configuration driver keeps no such variable: no driver
-      // owns this configuration, so there is nothing to rewrite for this NIC.
+      // owns this configuration, so there is nothing to rewrite for this NIC. A driver that was
+      // found and does not take its own configuration is a real failure.
       LogPrint(u"No driver owns EfiNicIp4ConfigVariable for NIC %d, nothing to rewrite (%r)\r\n", i + 1,
                status);
       continue;

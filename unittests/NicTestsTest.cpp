@@ -24,6 +24,7 @@
 #include "frame/TestModule.h"
 #include "fakes/FakeFileSystem.h"
 #include "fakes/FakeNetwork.h"
+#include "nic/HiiConfig.h"
 #include "nic/Inventory.h"
 #include "nic/NicAccess.h"
 #include "nic/Pci.h"
@@ -289,6 +290,67 @@ TEST(PingTestOnFakes, AFirmwareDhcpThatGaveUpIsStartedAgain) {
   w.nic.policy = Ip4Config2PolicyStatic;
   o = w.Execute(u"-test=pingtest");
   EXPECT_EQ(w.nic.policySets, 1u);
+}
+
+// A configuration-access handle that is a child of the NIC's managed network: a driver of the
+// stored IPv4 configuration (its path has that vendor node after the NIC's) or one of EDK2's IPv4
+// and IPv6 forms (no such node). Path: the NIC's own path plus the vendor node when asked.
+struct ConfigAccessChild {
+  std::vector<UINT8> path;
+  ConfigAccessChild(NicWorld& w, EFI_HANDLE handle, bool vendorNode, bool endOnly = false) {
+    if (endOnly) {
+      path = {END_DEVICE_PATH_TYPE, END_ENTIRE_DEVICE_PATH_SUBTYPE, 4, 0};
+    } else {
+      path.assign(w.nic.devicePath.begin(), w.nic.devicePath.end() - 4);
+      if (vendorNode) {
+        path.insert(path.end(), {HARDWARE_DEVICE_PATH, HW_VENDOR_DP, 20, 0});
+        const auto* guid = reinterpret_cast<const UINT8*>(&EFI_NIC_IP4_CONFIG_VARIABLE_GUID);
+        path.insert(path.end(), guid, guid + sizeof(EFI_GUID));
+      }
+      path.insert(path.end(), {END_DEVICE_PATH_TYPE, END_ENTIRE_DEVICE_PATH_SUBTYPE, 4, 0});
+    }
+    w.fw.AddProtocol(handle, EFI_HII_CONFIG_ACCESS_PROTOCOL_GUID, &w.hii);
+    w.fw.AddProtocol(handle, EFI_DEVICE_PATH_PROTOCOL_GUID, path.data());
+    w.fw.RecordOpen(w.nic.handle, EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID,
+                    reinterpret_cast<EFI_HANDLE>(0x7700), handle, EFI_OPEN_PROTOCOL_BY_CHILD_CONTROLLER);
+  }
+};
+
+// The stored IPv4 configuration's driver is found whatever the handle order, and only a NIC
+// without one may skip a RouteConfig that answers Not Found.
+TEST(PingTestOnFakes, TheHiiRewriteFindsItsDriverInAnyHandleOrder) {
+  auto handle = [](UINTN n) { return reinterpret_cast<EFI_HANDLE>(0x7000 + n); };
+  {
+    // Only EDK2's forms, the last of them a child of this NIC: nothing to rewrite.
+    NicWorld w;
+    ASSERT_TRUE(w.Start());
+    ConfigAccessChild ip4Form(w, handle(1), false), ip6Form(w, handle(2), false);
+    auto o = w.Execute(u"-test=pingtest");
+    EXPECT_EQ(o.result, TEST_RESULT_PASSED) << w.Said();
+    EXPECT_NE(w.Said().find("nothing to rewrite (Not Found)"), std::string::npos);
+  }
+  {
+    // The driver before a form and after a path that is only its end node: the driver takes it.
+    NicWorld w;
+    ASSERT_TRUE(w.Start());
+    w.hii.routeStatus = EFI_SUCCESS;
+    ConfigAccessChild endOnly(w, handle(1), false, true), driver(w, handle(2), true),
+        form(w, handle(3), false);
+    auto o = w.Execute(u"-test=pingtest");
+    EXPECT_EQ(o.result, TEST_RESULT_PASSED) << w.Said();
+    ASSERT_EQ(w.hii.routed.size(), 1u);
+    EXPECT_NE(w.hii.routed[0].find(u"01041400"), std::u16string::npos); // the vendor node in the PATH
+  }
+  {
+    // A driver that was found and answers Not Found is a failure, not a skip.
+    NicWorld w;
+    ASSERT_TRUE(w.Start());
+    ConfigAccessChild driver(w, handle(1), true);
+    auto o = w.Execute(u"-test=pingtest");
+    EXPECT_EQ(o.result, TEST_RESULT_FAILED);
+    EXPECT_EQ(o.error, 0x800000FFu);
+    EXPECT_NE(w.Said().find("Failed RouteConfig !(Not Found)"), std::string::npos);
+  }
 }
 
 TEST(PingTestOnFakes, NoCableNoServerAndNoNic) {
