@@ -44,10 +44,11 @@ struct FakeFirmware {
     failAt = n;
   }
   const char* failedCall = nullptr; // the fake function whose use was failed
+  std::string failEvery;            // every use of the fake function of this name fails
   // Counts one use; TRUE when this one is to fail.
   bool Fail(const char* call = __builtin_FUNCTION()) {
     ++uses;
-    if (failAt == 0 || uses != failAt)
+    if ((failAt == 0 || uses != failAt) && failEvery != call)
       return false;
     ++failed;
     failedCall = call;

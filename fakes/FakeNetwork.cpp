@@ -349,6 +349,8 @@ EFI_STATUS EFIAPI Config2GetData(EFI_IP4_CONFIG2_PROTOCOL* self, EFI_IP4_CONFIG2
       *size = sizeof(n.policy);
       return EFI_BUFFER_TOO_SMALL;
     }
+    if (EFI_ERROR(n.policyRead))
+      return n.policyRead;
     std::memcpy(data, &n.policy, sizeof(n.policy));
     return EFI_SUCCESS;
   }

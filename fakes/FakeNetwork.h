@@ -49,15 +49,16 @@ struct FakeNic {
   bool link = true;
   EFI_IPv4_ADDRESS server = {{10, 0, 2, 2}};
   EFI_IPv4_ADDRESS client = {{10, 0, 2, 15}};
-  EFI_IPv4_ADDRESS gateway = {}; // the default route's gateway in the IPv4 configuration
-  UINT64 mappedAt = 0;           // virtual time from which IPv4 has an address; ~0: never
-  UINTN dhcpTimeouts = 0;        // Start times out this many times (a silent server: many)
-  UINTN dhcpDenials = 0;         // Configure refuses this many times (another client active)
-  bool pingAnswers = true;       // the server answers echo requests
-  std::set<UINT16> unanswered;   // echo requests with these sequence numbers get no reply
-  UINT64 replyDelay = 20000;     // 2 ms
-  UINTN config2NotReady = 0;     // GetData answers EFI_NOT_READY this many times
-  bool setDataNotReady = false;  // SetData takes the policy but answers EFI_NOT_READY (applied later)
+  EFI_IPv4_ADDRESS gateway = {};       // the default route's gateway in the IPv4 configuration
+  UINT64 mappedAt = 0;                 // virtual time from which IPv4 has an address; ~0: never
+  UINTN dhcpTimeouts = 0;              // Start times out this many times (a silent server: many)
+  UINTN dhcpDenials = 0;               // Configure refuses this many times (another client active)
+  bool pingAnswers = true;             // the server answers echo requests
+  std::set<UINT16> unanswered;         // echo requests with these sequence numbers get no reply
+  UINT64 replyDelay = 20000;           // 2 ms
+  UINTN config2NotReady = 0;           // GetData answers EFI_NOT_READY this many times
+  EFI_STATUS policyRead = EFI_SUCCESS; // GetData for the policy: asks for a buffer, then answers this
+  bool setDataNotReady = false;        // SetData takes the policy but answers EFI_NOT_READY (applied later)
   // The firmware's DHCP gave up (the cable was out when it started): no address until the DHCP
   // policy is set again, then one after three seconds.
   bool dhcpGaveUp = false;

@@ -165,7 +165,11 @@ EFI_STATUS GetNicConfig(NicInfo* Nic) {
     status =
         ReadResizing(config.Get(), Ip4Config2DataTypeInterfaceInfo, info, kInfo, EFI_OUT_OF_RESOURCES, &size);
     DebugLogPrint(u"Closing Protocol for pHandles[%d]\r\n", i);
-    config.Close();
+    EFI_STATUS closed = config.Close();
+    if (EFI_ERROR(closed)) {
+      DebugLogPrint(u"GetNicConfig(): CloseProtocol (%r)  \r\n", closed);
+      return closed;
+    }
     if (!info) {
       DebugLogPrint(u"GetNicConfig(): pEfiIp4Config2InfoBuffer already NULL, what?\r\n");
       return status;
@@ -210,15 +214,21 @@ EFI_STATUS SetNicConfig() {
     if (EFI_ERROR(FindHiiChildHandle(handles[i], EFI_IP4_CONFIG2_PROTOCOL_GUID, &child)))
       DebugLogPrint(u"SetNicConfig():Failed to get Child Handle using HandleIndex instead\r\n");
     wc::PoolPtr<UINT8> policy;
+    // A policy that could not be read is left as it is: the buffer may hold nothing the driver said.
     status = ReadResizing(config.Get(), Ip4Config2DataTypePolicy, policy, kPolicy, EFI_DEVICE_ERROR);
-    if (policy && *reinterpret_cast<UINT32*>(policy.Get()) != Ip4Config2PolicyDhcp) {
+    if (!EFI_ERROR(status) && policy && *reinterpret_cast<UINT32*>(policy.Get()) != Ip4Config2PolicyDhcp) {
       bool stop = false;
       status = SwitchToDhcp(config.Get(), policy, &stop);
       if (stop)
         return status;
     }
     DebugLogPrint(u"SetNicConfig(): Closing IP4 Config2 Protocol for pHandles[%d]\r\n", i);
-    config.Close();
+    // The NIC's last step is the close: its status is what the operation returns after the last NIC.
+    status = config.Close();
+    if (EFI_ERROR(status)) {
+      DebugLogPrint(u"SetNicConfig(): CloseProtocol (%r)  \r\n", status);
+      return status;
+    }
     DebugLogPrint(u"SetNicConfig(): CloseProtocol Success\r\n");
     DebugLogPrint(u"SetNicConfig(): NIC is set to DHCP.\r\n");
     DebugLogPrint(u"SetNicConfig(): Freeing pEfiIp4Config2PolicyBuffer Outer Loop.\r\n");

@@ -25,6 +25,7 @@
 #include "fakes/FakeFileSystem.h"
 #include "fakes/FakeNetwork.h"
 #include "nic/HiiConfig.h"
+#include "nic/NicConfig.h"
 #include "nic/Inventory.h"
 #include "nic/NicAccess.h"
 #include "nic/Pci.h"
@@ -351,6 +352,29 @@ TEST(PingTestOnFakes, TheHiiRewriteFindsItsDriverInAnyHandleOrder) {
     EXPECT_EQ(o.error, 0x800000FFu);
     EXPECT_NE(w.Said().find("Failed RouteConfig !(Not Found)"), std::string::npos);
   }
+}
+
+// Switching every NIC to DHCP: a NIC whose policy cannot be read is left as it is (and the
+// operation's status is its close's), a close that fails ends the operation with its status.
+TEST(NicConfiguration, SetNicConfigSkipsAnUnreadablePolicyAndChecksEveryClose) {
+  NicWorld w;
+  ASSERT_TRUE(w.Start());
+  gImageHandle = kImage;
+  w.nic.policy = Ip4Config2PolicyStatic;
+  w.nic.policyRead = EFI_DEVICE_ERROR;
+  EXPECT_EQ(SetNicConfig(), EFI_SUCCESS);
+  EXPECT_EQ(w.nic.policySets, 0u);
+  EXPECT_EQ(w.nic.policy, Ip4Config2PolicyStatic);
+
+  w.nic.policyRead = EFI_SUCCESS;
+  w.fw.failEvery = "FakeCloseProtocol";
+  EXPECT_EQ(SetNicConfig(), EFI_DEVICE_ERROR);
+  EXPECT_EQ(w.nic.policy, Ip4Config2PolicyDhcp); // switched before its close failed
+  NicInfo nic{};
+  EXPECT_EQ(GetNicConfig(&nic), EFI_DEVICE_ERROR);
+  EXPECT_EQ(nic.Ip4Config2InterfaceInfo, nullptr);
+  w.fw.failEvery.clear();
+  gImageHandle = nullptr;
 }
 
 TEST(PingTestOnFakes, NoCableNoServerAndNoNic) {
