@@ -24,7 +24,7 @@ EFI_STATUS EFIAPI FakeAllocatePool(EFI_MEMORY_TYPE, UINTN size, void** buffer) {
   if (F().failAllocationAfter != SIZE_MAX)
     --F().failAllocationAfter;
   *buffer = std::malloc(size == 0 ? 1 : size);
-  std::memset(*buffer, 0xA5, size); // pool memory is not zeroed
+  std::memset(*buffer, FakeFirmware::kPoolFill, size); // pool memory is not zeroed
   F().pool[*buffer] = size;
   return EFI_SUCCESS;
 }

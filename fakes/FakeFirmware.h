@@ -31,7 +31,21 @@ struct FakeFirmware {
   std::u16string conOutText;
   std::u16string stdErrText;
 
-  std::map<void*, size_t> pool;          // live allocations
+  std::map<void*, size_t> pool; // live allocations
+  // Buffers that left the machine (frames, echo requests, configuration blocks) carrying pool memory
+  // the module never wrote: a run of the pool's fill byte.
+  size_t leftovers = 0;
+  void CheckLeavesClean(const void* data, size_t size) {
+    const auto* b = static_cast<const uint8_t*>(data);
+    for (size_t i = 0, run = 0; i < size; ++i) {
+      run = b[i] == kPoolFill ? run + 1 : 0;
+      if (run == 4) {
+        ++leftovers;
+        return;
+      }
+    }
+  }
+  static constexpr uint8_t kPoolFill = 0xA5;
   size_t failAllocationAfter = SIZE_MAX; // make the n-th further allocation fail
 
   uint64_t uses = 0;   // allocations and fallible calls so far

@@ -137,6 +137,9 @@ EFI_STATUS EFIAPI MnpTransmit(EFI_MANAGED_NETWORK_PROTOCOL* self,
     return EFI_NOT_STARTED;
   if (token == nullptr || token->Event == nullptr || token->Packet.TxData == nullptr)
     return EFI_INVALID_PARAMETER;
+  for (UINT32 i = 0; i < token->Packet.TxData->FragmentCount; ++i)
+    F().CheckLeavesClean(token->Packet.TxData->FragmentTable[i].FragmentBuffer,
+                         token->Packet.TxData->FragmentTable[i].FragmentLength);
   UINTN number = n.framesSent + n.framesRefused + 1;
   if (n.refusedFrames.count(number) != 0) {
     ++n.framesRefused;
@@ -224,6 +227,7 @@ EFI_STATUS EFIAPI Ip4Transmit(EFI_IP4_PROTOCOL* self, EFI_IP4_COMPLETION_TOKEN* 
     return EFI_NOT_STARTED;
   const auto& fragment = token->Packet.TxData->FragmentTable[0];
   const auto* icmp = static_cast<const UINT8*>(fragment.FragmentBuffer);
+  F().CheckLeavesClean(icmp, fragment.FragmentLength);
   UINT32 sum = 0;
   for (UINT32 i = 0; i + 1 < fragment.FragmentLength; i += 2)
     sum += UINT32(icmp[i] | (icmp[i + 1] << 8));
@@ -477,10 +481,12 @@ EFI_STATUS EFIAPI ControllerName(EFI_COMPONENT_NAME2_PROTOCOL* self, EFI_HANDLE 
 
 // ---- HII routing ----
 
-EFI_STATUS EFIAPI BlockToConfig(const EFI_HII_CONFIG_ROUTING_PROTOCOL*, const CHAR16* request, const UINT8*,
-                                UINTN, EFI_STRING* config, EFI_STRING* progress) {
+EFI_STATUS EFIAPI BlockToConfig(const EFI_HII_CONFIG_ROUTING_PROTOCOL*, const CHAR16* request,
+                                const UINT8* block, UINTN blockSize, EFI_STRING* config,
+                                EFI_STRING* progress) {
   if (F().Fail())
     return EFI_DEVICE_ERROR;
+  F().CheckLeavesClean(block, blockSize); // the block is stored in the firmware's variable
   std::u16string text(request);
   void* memory = nullptr;
   EFI_STATUS status = F().bs.AllocatePool(EfiBootServicesData, (text.size() + 1) * 2, &memory);

@@ -198,6 +198,9 @@ struct NicWorld {
       HARDWARE_DEVICE_PATH,           HW_PCI_DP, 6, 0, 0, 1, END_DEVICE_PATH_TYPE,
       END_ENTIRE_DEVICE_PATH_SUBTYPE, 4,         0};
   VEX_TEST_MODULE_PROTOCOL* module = nullptr;
+  // What a scenario may add, gone before the firmware they live in.
+  std::unique_ptr<FakeMenus> menus;
+  std::unique_ptr<FakeNic> second;
 
   NicWorld() {
     FileIoReset();
@@ -992,7 +995,10 @@ struct SweepScenario {
   const char* test;
   std::u16string options;
   std::function<void(NicWorld&)> setUp;
-  uint64_t shards = 1; // parts that run side by side (the long sweeps)
+  struct Verdict {
+    UINTN result = 0, error = 0; // result 0: not checked
+  } verdict;                     // the run without a fault
+  uint64_t shards = 1;           // parts that run side by side (the long sweeps)
   // The interactive test's media check leaves a NIC whose Initialize failed started, as its
   // definition says; everywhere else a NIC ends in the state the run found it in.
   bool leavesStartedAfterFailedInitialize = false;
@@ -1000,8 +1006,10 @@ struct SweepScenario {
 
 // Runs the scenario with use number failAt failing (0: none). Returns a bit set of what went
 // wrong (1 something left behind, 2 no defined result, 4 the module did not start, 8 the NIC left
-// in another state than it was found in) and the uses counted.
-int RunScenario(const SweepScenario& s, uint64_t failAt, uint64_t* uses) {
+// in another state than it was found in, 16 a buffer left the machine with pool leftovers) and the
+// uses counted.
+int RunScenario(const SweepScenario& s, uint64_t failAt, uint64_t* uses,
+                NicWorld::Outcome* outcome = nullptr) {
   NicWorld w;
   if (!w.Start())
     return 4;
@@ -1015,6 +1023,8 @@ int RunScenario(const SweepScenario& s, uint64_t failAt, uint64_t* uses) {
   auto o = w.Execute(s.options);
   if (uses != nullptr)
     *uses = w.fw.uses;
+  if (outcome != nullptr)
+    *outcome = o;
   w.fw.failAt = 0;
   int wrong = 0;
   if (w.fw.pool.size() != pool || w.fw.events.size() != events || w.fw.OpensBy(kImage) != opens ||
@@ -1036,6 +1046,11 @@ int RunScenario(const SweepScenario& s, uint64_t failAt, uint64_t* uses) {
                  unsigned(nicState));
     wrong |= 8;
   }
+  if (w.fw.leftovers != 0) {
+    std::fprintf(stderr, "%s, failure point %llu (%s): %zu buffers left the machine with pool leftovers\n",
+                 s.test, static_cast<unsigned long long>(failAt), w.fw.failedCall, w.fw.leftovers);
+    wrong |= 16;
+  }
   // A result, or (where a test leaves the result alone on a firmware failure) an error status.
   bool decided = o.result != TEST_RESULT_IN_PROGRESS && o.result <= TEST_RESULT_SOFTWARE_ERROR;
   if (!decided && !(o.result == TEST_RESULT_IN_PROGRESS && EFI_ERROR(o.status)))
@@ -1043,57 +1058,150 @@ int RunScenario(const SweepScenario& s, uint64_t failAt, uint64_t* uses) {
   return wrong;
 }
 
+// The interactive test's menus.
+void WithMenus(NicWorld& w, INT64 answer = 0) {
+  w.menus = std::make_unique<FakeMenus>(w.fw, true, true);
+  w.menus->answer = answer;
+}
+
+// A second NIC beside the world's.
+void WithSecondNic(NicWorld& w) {
+  w.second = std::make_unique<FakeNic>(w.fw, 4, 0x57);
+}
+
+constexpr UINTN kFailed = TEST_RESULT_FAILED;
+
 const std::vector<SweepScenario>& Scenarios() {
   static const std::vector<SweepScenario> scenarios = {
-      {"pingtest", u"-test=pingtest", nullptr},
-      {"IRQTest", u"-test=IRQTest -DeviceID=1000", nullptr},
-      {"detectcable", u"-test=detectcable",
-       [](NicWorld& w) {
-         w.volume.AddFile(u"\\flags\\Network7.flg");
-         w.nic.mode.State = EfiSimpleNetworkStopped;
-       }},
-      {"macaddresstest", u"-test=macaddresstest -verifyinvalidmacpattern=true",
-       [](NicWorld& w) { w.volume.AddFile(u"\\Network.ini", "[Invalid_MACPattern]\r\nA=ff:.*\r\n"); }},
+      {"pingtest/passes", u"-test=pingtest", nullptr, {TEST_RESULT_PASSED, 0}},
+      {"pingtest/no cable",
+       u"-test=pingtest",
+       [](NicWorld& w) { w.nic.link = false; },
+       {kFailed, 0x80160107}},
+      {"pingtest/NIC not found", u"-test=pingtest -index=2", nullptr, {kFailed, 0x80160104}},
+      {"pingtest/no DHCP server",
+       u"-test=pingtest",
+       [](NicWorld& w) { w.nic.dhcpTimeouts = 1000; },
+       {kFailed, 0x80160101}},
+      {"pingtest/another DHCP client",
+       u"-test=pingtest",
+       [](NicWorld& w) { w.nic.dhcpDenials = 1000; },
+       {kFailed, 0x80160106}},
+      {"pingtest/ping unanswered",
+       u"-test=pingtest -testrepeats=2",
+       [](NicWorld& w) { w.nic.pingAnswers = false; },
+       {kFailed, 0x80160102}},
       // The cable came after the firmware's DHCP gave up: DHCP started again, the child configured again.
-      {"pingtest/cable came late", u"-test=pingtest",
+      {"pingtest/cable came late",
+       u"-test=pingtest",
        [](NicWorld& w) {
          w.nic.mappedAt = ~0ull;
          w.nic.dhcpGaveUp = true;
          w.nic.childLeftBehind = true;
-       }},
-      {"SpeedTest", u"-test=SpeedTest -PacketsCount=1000", nullptr, 4},
-      {"SpeedTest/ring full", u"-test=SpeedTest -PacketsCount=1000 -NetworkSpeed=1",
-       [](NicWorld& w) { w.nic.txRingSlots = 300; }, 4},
+       },
+       {TEST_RESULT_PASSED, 0}},
+      {"IRQTest/passes", u"-test=IRQTest -DeviceID=1000", nullptr, {TEST_RESULT_PASSED, 0}},
+      {"IRQTest/device not found", u"-test=IRQTest -DeviceID=8139", nullptr, {kFailed, 0x80160104}},
+      {"detectcable/stopped NIC",
+       u"-test=detectcable",
+       [](NicWorld& w) {
+         w.volume.AddFile(u"\\flags\\Network7.flg");
+         w.nic.mode.State = EfiSimpleNetworkStopped;
+       },
+       {TEST_RESULT_PASSED, 0}},
+      {"detectcable/no cable", u"-test=detectcable", [](NicWorld& w) { w.nic.link = false; }, {}},
+      {"macaddresstest/pattern checked",
+       u"-test=macaddresstest -verifyinvalidmacpattern=true",
+       [](NicWorld& w) { w.volume.AddFile(u"\\Network.ini", "[Invalid_MACPattern]\r\nA=ff:.*\r\n"); },
+       {TEST_RESULT_PASSED, 0}},
+      {"macaddresstest/pattern matched",
+       u"-test=macaddresstest -verifyinvalidmacpattern=true",
+       [](NicWorld& w) {
+         const UINT8 listed[6] = {0x00, 0x1A, 0x2B, 0x3C, 0x4D, 0x5E};
+         std::memcpy(w.nic.mode.PermanentAddress.Addr, listed, 6);
+         w.volume.AddFile(u"\\Network.ini", "[Invalid_MACPattern]\r\nA=00:1A:2B:.*\r\n");
+       },
+       {kFailed, 0x80160402}},
+      {"SpeedTest/passes", u"-test=SpeedTest -PacketsCount=1000", nullptr, {TEST_RESULT_PASSED, 0}, 4},
+      {"SpeedTest/ring full",
+       u"-test=SpeedTest -PacketsCount=1000 -NetworkSpeed=1",
+       [](NicWorld& w) { w.nic.txRingSlots = 300; },
+       {TEST_RESULT_PASSED, 0},
+       4},
+      {"SpeedTest/frames refused",
+       u"-test=SpeedTest -PacketsCount=1000",
+       [](NicWorld& w) { w.nic.refusedFrames = {500}; },
+       {}},
+      {"SpeedTest/cable pulled",
+       u"-test=SpeedTest -PacketsCount=1000",
+       [](NicWorld& w) {
+         w.nic.failedFrames = {200, 201};
+       },
+       {}},
       // The DHCP path with a policy switch the driver applies later (a silent gateway would add a
       // two-second wait's worth of polls, the same calls over and over).
-      {"interactivenetworktest", u"-test=interactivenetworktest",
+      {"interactivenetworktest/DHCP path",
+       u"-test=interactivenetworktest",
        [](NicWorld& w) {
-         static std::unique_ptr<FakeMenus> menus;
-         menus = std::make_unique<FakeMenus>(w.fw, true, true);
+         WithMenus(w);
          w.nic.policy = Ip4Config2PolicyStatic;
          w.nic.setDataNotReady = true;
        },
-       2, true},
+       {TEST_RESULT_PASSED, 0},
+       2,
+       true},
       // A NIC nobody runs, on a configuration whose gateway answers: the media check starts it and
       // must stop it again.
-      {"interactivenetworktest/stopped NIC", u"-test=interactivenetworktest",
+      {"interactivenetworktest/stopped NIC",
+       u"-test=interactivenetworktest",
        [](NicWorld& w) {
-         static std::unique_ptr<FakeMenus> menus;
-         menus = std::make_unique<FakeMenus>(w.fw, true, true);
+         WithMenus(w);
          w.nic.mode.State = EfiSimpleNetworkStopped;
          w.nic.policy = Ip4Config2PolicyStatic;
          w.nic.gateway = {{10, 0, 2, 2}};
        },
-       1, true},
-      {"NicSpeedTest", u"-test=NicSpeedTest",
+       {TEST_RESULT_PASSED, 0},
+       1,
+       true},
+      {"interactivenetworktest/menu cancelled",
+       u"-test=interactivenetworktest",
+       [](NicWorld& w) {
+         WithSecondNic(w);
+         WithMenus(w, -1);
+       },
+       {TEST_RESULT_CANCELLED, 0x80000001}},
+      {"interactivenetworktest/no cable",
+       u"-test=interactivenetworktest",
+       [](NicWorld& w) {
+         WithMenus(w);
+         w.nic.link = false;
+       },
+       {TEST_RESULT_WARNING, 0x80160301},
+       1,
+       true},
+      {"interactivenetworktest/no DHCP server",
+       u"-test=interactivenetworktest",
+       [](NicWorld& w) {
+         WithMenus(w); // the NIC keeps its address: a wait for one that never comes is 60 s of polls
+         w.nic.dhcpTimeouts = 1000;
+       },
+       {kFailed, 0x80160302},
+       1,
+       true},
+      {"NicSpeedTest/rated built in",
+       u"-test=NicSpeedTest",
        [](NicWorld& w) {
          const UINT8 rtl8168[] = {0xEC, 0x10, 0x68, 0x81};
          std::memcpy(w.nic.config, rtl8168, sizeof(rtl8168));
-       }},
-      {"NicSpeedTest/rated in Network.ini", u"-test=NicSpeedTest",
+       },
+       {}},
+      {"NicSpeedTest/rated in Network.ini",
+       u"-test=NicSpeedTest",
        [](NicWorld& w) {
          w.volume.AddFile(u"\\Network.ini", "[NIC_Speed]\r\nbad\r\n1af4:1000=0x80000003\r\n");
-       }},
+       },
+       {}},
+      {"NicSpeedTest/not rated", u"-test=NicSpeedTest", nullptr, {kFailed, 0x800000FF}},
   };
   return scenarios;
 }
@@ -1116,12 +1224,17 @@ TEST_P(FailureSweep, EveryAllocationAndFirmwareCallFailedInTurn) {
   const SweepScenario& s = Scenarios()[part.Scenario];
   RunScenario(s, 0, nullptr); // settles what a first run measures once per image
   uint64_t points = 0;
-  ASSERT_EQ(RunScenario(s, 0, &points), 0) << s.test << " fails without any fault";
+  NicWorld::Outcome seen;
+  ASSERT_EQ(RunScenario(s, 0, &points, &seen), 0) << s.test << " fails without any fault";
+  if (s.verdict.result != 0) {
+    EXPECT_EQ(seen.result, s.verdict.result) << s.test;
+    EXPECT_EQ(seen.error, s.verdict.error) << s.test;
+  }
   ASSERT_GT(points, 0u);
   std::vector<uint64_t> mine;
   for (uint64_t n = 1 + part.Shard; n <= points; n += part.Shards)
     mine.push_back(n);
-  unsigned crashes = 0, leaks = 0, undefined = 0, moved = 0;
+  unsigned crashes = 0, leaks = 0, undefined = 0, moved = 0, leftovers = 0;
   // The points run in turn in a child process, which reports each finding through a pipe; a
   // sanitizer report or a signal ends the child, and a new one goes on after the point it died on.
   for (size_t next = 0; next < mine.size();) {
@@ -1154,6 +1267,10 @@ TEST_P(FailureSweep, EveryAllocationAndFirmwareCallFailedInTurn) {
         ++moved;
         ADD_FAILURE() << s.test << ": failure point " << mine[next] << " left the NIC in another state";
       }
+      if (wrong & 16) {
+        ++leftovers;
+        ADD_FAILURE() << s.test << ": failure point " << mine[next] << " sent pool leftovers";
+      }
     }
     close(pipeFds[0]);
     int status = 0;
@@ -1167,8 +1284,8 @@ TEST_P(FailureSweep, EveryAllocationAndFirmwareCallFailedInTurn) {
   std::string name = s.test;
   if (part.Shards > 1)
     name += "[" + std::to_string(part.Shard + 1) + "/" + std::to_string(part.Shards) + "]";
-  std::printf("SWEEP %s points=%zu crashes=%u leaks=%u nic-state-changed=%u\n", name.c_str(), mine.size(),
-              crashes, leaks, moved);
+  std::printf("SWEEP %s points=%zu crashes=%u leaks=%u nic-state-changed=%u leftovers-sent=%u\n",
+              name.c_str(), mine.size(), crashes, leaks, moved, leftovers);
 }
 
 std::vector<SweepPart> SweepParts() {
