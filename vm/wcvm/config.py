@@ -4,6 +4,8 @@ import os
 import re
 from dataclasses import dataclass, field
 
+from .peer import FAULTS
+
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
 
@@ -77,6 +79,7 @@ class Nic:
     ip: str = ""  # a static IPv4 configuration set in the firmware before the manager starts: "A.B.C.D/len"
     gateway: str = ""  # its default gateway
     plug: int = 0  # plug the cable in (raise the link) when the manager shows this prompt number
+    peer: str = ""  # the network is the project's scripted peer following this fault plan ("none": no fault)
 
     @staticmethod
     def parse(text):
@@ -90,6 +93,10 @@ class Nic:
                 nic.link = value == "on"
             elif key == "net" and value in ("none", "user"):
                 nic.network = value == "user"
+            elif key == "net" and value == "peer":
+                nic.peer = nic.peer or "none"
+            elif key == "fault" and value in FAULTS:
+                nic.peer = value
             elif key == "mac" and re.fullmatch(r"([0-9A-Fa-f]{2}:){5}[0-9A-Fa-f]{2}", value):
                 nic.mac = value.lower()
             elif key == "policy" and value in ("dhcp", "static"):
@@ -106,8 +113,9 @@ class Nic:
             elif key == "plug" and value.isdigit():
                 nic.plug = int(value)
             else:
-                raise ValueError(f"bad NIC option '{opt}' (link=off, net=none, mac=XX:..:XX, policy=dhcp|static, "
-                                 f"bridge, dump=FILE.pcap, ip=A.B.C.D/LEN, gw=A.B.C.D, plug=PROMPT)")
+                raise ValueError(f"bad NIC option '{opt}' (link=off, net=none|peer, fault=PLAN, mac=XX:..:XX, "
+                                 f"policy=dhcp|static, bridge, dump=FILE.pcap, ip=A.B.C.D/LEN, gw=A.B.C.D, "
+                                 f"plug=PROMPT; fault plans: {', '.join(FAULTS)})")
         if nic.gateway and not nic.ip:
             raise ValueError("gw= needs ip=A.B.C.D/LEN")
         return nic

@@ -79,7 +79,8 @@ def run_vm(cfg):
         vars_copy = os.path.join(work, "vars.fd")
         shutil.copy(OVMF_VARS, vars_copy)
         qmp_path = os.path.join(work, "qmp.sock") if any(not n.link or n.plug for n in cfg.nics) else ""
-        proc = subprocess.Popen(qemu_command(cfg, disk, vars_copy, qmp_path), stdin=subprocess.PIPE,
+        peers = Peers(cfg.nics, work)
+        proc = subprocess.Popen(qemu_command(cfg, disk, vars_copy, qmp_path, peers.sockets), stdin=subprocess.PIPE,
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         deadline = start + cfg.timeout
         raw = bytearray()
@@ -96,6 +97,8 @@ def run_vm(cfg):
             while proc.poll() is None:
                 if time.time() > deadline:
                     timed_out = True
+                    break
+                if peers.stopped():
                     break
                 sources = [proc.stdout] + ([sys.stdin] if keyboard and skipped else [])
                 ready, _, _ = select.select(sources, [], [], 0.2)
@@ -134,6 +137,7 @@ def run_vm(cfg):
                     if unanswerable:
                         break
         finally:
+            peers.stop()
             if qmp:
                 qmp.close()
             if keyboard:
@@ -149,6 +153,9 @@ def run_vm(cfg):
         os.makedirs(last_dir)
         with open(os.path.join(last_dir, "serial.log"), "w") as f:
             f.write(serial)
+        peers.keep_logs(last_dir)
+        if peers.failure:
+            raise HarnessError(peers.failure)
         subprocess.run(["mcopy", "-s", "-n", "-i", fat_partition(disk), "::/", last_dir + "/"], capture_output=True)
 
         if unanswerable:
@@ -181,6 +188,55 @@ def run_vm(cfg):
                      elapsed=time.time() - start, line_times=_line_times(bytes(raw), arrivals))
     finally:
         shutil.rmtree(work, ignore_errors=True)
+
+
+class Peers:
+    """The scripted peers of the NICs that have one: started before QEMU (which connects to their
+    sockets), watched while the VM runs, stopped after it. A peer that ends early ends the run."""
+
+    def __init__(self, nics, work):
+        self.sockets, self.procs, self.logs, self.failure = {}, {}, {}, ""
+        for index, nic in enumerate(nics):
+            if not nic.peer:
+                continue
+            path, log = os.path.join(work, f"peer{index}.sock"), os.path.join(work, f"peer-{index}.log")
+            env = dict(os.environ, PYTHONPATH=os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+            self.procs[index] = subprocess.Popen([sys.executable, "-m", "wcvm.peer", path, nic.peer, log], env=env,
+                                                 stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+            self.sockets[index], self.logs[index] = path, log
+        deadline = time.time() + 10
+        for index, proc in self.procs.items():
+            while not os.path.exists(self.sockets[index]):
+                if proc.poll() is not None or time.time() > deadline:
+                    self.stop()
+                    raise HarnessError(f"the network peer of NIC {index + 1} did not start: {self._why(index)}")
+                time.sleep(0.02)
+
+    def _why(self, index):
+        proc = self.procs[index]
+        err = proc.stderr.read().decode(errors="replace").strip() if proc.poll() is not None else ""
+        return err.splitlines()[-1] if err else f"exit status {proc.returncode}"
+
+    def stopped(self):
+        """TRUE once a peer has ended while the VM runs; the failure says which and why."""
+        for index, proc in self.procs.items():
+            if proc.poll() is not None and not self.failure:
+                self.failure = f"the network peer of NIC {index + 1} stopped during the run ({self._why(index)})"
+        return bool(self.failure)
+
+    def stop(self):
+        for proc in self.procs.values():
+            if proc.poll() is None:
+                proc.terminate()
+                try:
+                    proc.wait(timeout=5)
+                except subprocess.TimeoutExpired:
+                    proc.kill()
+
+    def keep_logs(self, last_dir):
+        for index, log in self.logs.items():
+            if os.path.exists(log):
+                shutil.copy(log, os.path.join(last_dir, f"peer-{index + 1}.log"))
 
 
 def _line_times(raw, arrivals):

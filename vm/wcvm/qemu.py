@@ -17,7 +17,7 @@ def check_tools():
             raise HarnessError(f"{image} is not built (./wirecheck build)")
 
 
-def qemu_command(cfg, disk, vars_copy, qmp_path):
+def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None):
     cmd = ["qemu-system-x86_64", "-machine", "q35", "-accel", "tcg", "-m", "512", "-smp", "1",
            "-nodefaults", "-no-reboot", "-display", "none", "-serial", "stdio", "-monitor", "none",
            "-drive", f"if=pflash,format=raw,unit=0,readonly=on,file={OVMF_CODE}",
@@ -30,7 +30,10 @@ def qemu_command(cfg, disk, vars_copy, qmp_path):
         cmd += ["-device", "virtio-blk-pci,drive=d0,bootindex=0"]
     for index, nic in enumerate(cfg.nics):
         netdev = f"n{index}"
-        if nic.network:
+        if nic.peer:
+            # The project's scripted peer is the whole network, on a Unix socket: nothing leaves the machine.
+            cmd += ["-netdev", f"stream,id={netdev},server=off,addr.type=unix,addr.path={peer_sockets[index]}"]
+        elif nic.network:
             cmd += ["-netdev", f"user,id={netdev},restrict=on"]
         else:
             # A hub of its own with nothing else on it: link up, no DHCP server, no way out.

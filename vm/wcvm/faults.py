@@ -1,0 +1,115 @@
+"""./wirecheck faults: every fault plan of the scripted peer against the tests it concerns, one boot
+per fault (two boots at a time), as a table of expected and seen verdicts with each call's run time.
+Exits 1 when a verdict differs or a call outlasts the waits its test is allowed, 2 when a VM or a
+peer failed."""
+import json
+import os
+import sys
+import time
+from concurrent.futures import ThreadPoolExecutor
+
+from .config import ROOT, HarnessError, Nic, VmConfig
+from .live import run_vm
+from .peer import FAULTS
+
+PING, INTERACTIVE = "-test=pingtest", "-test=interactivenetworktest"
+SPEED = "-test=SpeedTest -NetworkSpeed=1"
+PASSED = ("Passed", 0)
+NO_ADDRESS = {PING: ("Failed", 0x80160101), INTERACTIVE: ("Failed", 0x80160302)}
+NO_REPLY = {PING: ("Failed", 0x80160102), INTERACTIVE: ("Failed", 0x80160303)}
+WORKS = {PING: PASSED, INTERACTIVE: PASSED}
+
+# fault -> {option string: the verdict the tests' definitions give}
+CASES = {
+    "none": WORKS,
+    "no-dhcp": NO_ADDRESS,
+    "offer-only": NO_ADDRESS,
+    "nak": NO_ADDRESS,
+    "no-router": WORKS,
+    # The interactive test takes a silent gateway for an unconfigured NIC and passes on the DHCP server.
+    "router-silent": WORKS,
+    "icmp-drop": NO_REPLY,
+    "wrong-id": NO_REPLY,
+    "wrong-source": NO_REPLY,
+    "unreachable": NO_REPLY,
+    "late-1500": WORKS,
+    "late-3000": NO_REPLY,
+    "duplicate": WORKS,
+    "lose-every-other": {PING + " -testrepeats=4": ("Failed", 0x80160102), INTERACTIVE: ("Failed", 0x80160303)},
+    "malformed": WORKS,
+    "flood": dict(WORKS, **{SPEED: PASSED}),
+}
+
+# The longest a call may take: the Parts' waits for an address (60 s), DHCP tries and pings, with room.
+LIMIT_NO_ADDRESS, LIMIT = 100, 40
+
+
+def run_fault(fault, work, dump=""):
+    calls = list(CASES[fault])
+    # The interactive test asks the operator at its failure prompts; "ok" lets it end.
+    script = "prompt ok\n" * 4
+    run = run_vm(VmConfig(calls=calls, nics=[Nic(model="e1000", peer=fault, dump=dump)], script=script,
+                          last_dir=os.path.join(work, fault), timeout=400))
+    rows = []
+    times = _call_times(run.line_times)
+    for options, result, seconds in zip(calls, run.results, times + [None] * len(calls)):
+        expected = CASES[fault][options]
+        seen = result[:2]
+        limit = LIMIT_NO_ADDRESS if expected in NO_ADDRESS.values() else LIMIT
+        late = seconds is not None and seconds > limit
+        rows.append({"fault": fault, "call": options, "expected": list(expected), "seen": list(seen),
+                     "status": result[2], "seconds": seconds, "limit": limit,
+                     "ok": tuple(seen) == tuple(expected) and not late})
+    for options in calls[len(run.results):]:
+        rows.append({"fault": fault, "call": options, "expected": list(CASES[fault][options]), "seen": None,
+                     "status": "", "seconds": None, "limit": LIMIT, "ok": False})
+    return rows
+
+
+def _call_times(line_times):
+    """Seconds from each CALL line to its RESULT line, from the serial log's arrival times."""
+    times, begun = [], None
+    for when, line in line_times:
+        if line.startswith("CALL options="):
+            begun = when
+        elif line.startswith("RESULT ") and begun is not None:
+            times.append(round(when - begun, 1))
+            begun = None
+    return times
+
+
+def main(argv):
+    faults = argv or list(CASES)
+    unknown = [f for f in faults if f not in CASES]
+    if unknown:
+        print(f"wirecheck faults: unknown fault {unknown[0]} (one of {', '.join(CASES)})", file=sys.stderr)
+        return 2
+    start = time.time()
+    work = os.path.join(ROOT, "build", "faults")
+    rows, broken = [], []
+    # Two boots at a time: most of a fault's time is the firmware waiting, and the host has two cores.
+    with ThreadPoolExecutor(max_workers=2) as pool:
+        futures = {f: pool.submit(run_fault, f, work) for f in faults}
+        for f in faults:
+            try:
+                rows += futures[f].result()
+            except HarnessError as e:
+                broken.append(f)
+                print(f"wirecheck faults: {f}: {e}", file=sys.stderr, flush=True)
+    wall = time.time() - start
+
+    def verdict(v):
+        return f"{v[0]} 0x{v[1]:X}" if v else "no result"
+    lines = ["| fault | call | expected | seen | run time | |", "|---|---|---|---|---|---|"]
+    for r in rows:
+        took = f"{r['seconds']} s" if r["seconds"] is not None else "?"
+        lines.append(f"| {r['fault']} | `{r['call']}` | {verdict(r['expected'])} | {verdict(r['seen'])} | {took} | "
+                     f"{'ok' if r['ok'] else 'DIFFERS'} |")
+    print("\n".join(lines))
+    bad = [r for r in rows if not r["ok"]]
+    print(f"FAULTS faults={len(faults)} calls={len(rows)} differ={len(bad)} broken={len(broken)} wall={wall:.0f}s")
+    os.makedirs(os.path.join(ROOT, "build"), exist_ok=True)
+    with open(os.path.join(ROOT, "build", "faults.json"), "w") as f:
+        json.dump({"faults": {k: FAULTS[k] for k in faults}, "rows": rows, "broken": broken,
+                   "wall_seconds": round(wall)}, f, indent=1)
+    return 2 if broken else 1 if bad else 0
