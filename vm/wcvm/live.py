@@ -208,8 +208,9 @@ class Peers:
         for index, proc in self.procs.items():
             while not os.path.exists(self.sockets[index]):
                 if proc.poll() is not None or time.time() > deadline:
+                    why = self._why(index)
                     self.stop()
-                    raise HarnessError(f"the network peer of NIC {index + 1} did not start: {self._why(index)}")
+                    raise HarnessError(f"the network peer of NIC {index + 1} did not start: {why}")
                 time.sleep(0.02)
 
     def _why(self, index):
@@ -232,6 +233,8 @@ class Peers:
                     proc.wait(timeout=5)
                 except subprocess.TimeoutExpired:
                     proc.kill()
+                    proc.wait()
+            proc.stderr.close()
 
     def keep_logs(self, last_dir):
         for index, log in self.logs.items():

@@ -1,0 +1,65 @@
+"""Verdicts on a network that misbehaves: the scripted peer's fault plans against pingtest, the
+interactive test and SpeedTest (./wirecheck faults), a capture showing the peer's DHCP exchange and
+its faulty replies on the wire, and a peer that dies ending the run with a clear line."""
+import json
+import os
+import subprocess
+import sys
+import tempfile
+import unittest
+
+VM_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+ROOT = os.path.dirname(VM_DIR)
+sys.path.insert(0, VM_DIR)
+
+from vmtest import boot  # noqa: E402
+from wcvm import HarnessError, Nic, read_pcap  # noqa: E402
+
+
+class FaultTable(unittest.TestCase):
+    def test_every_fault_gives_its_defined_verdict_in_time(self):
+        env = dict(os.environ, PYTHONPATH=VM_DIR)
+        done = subprocess.run([sys.executable, "-m", "wcvm", "faults"], env=env, capture_output=True, text=True,
+                              timeout=900)
+        self.assertEqual(done.returncode, 0, done.stdout[-4000:] + done.stderr[-2000:])
+        with open(os.path.join(ROOT, "build", "faults.json")) as f:
+            table = json.load(f)
+        from wcvm.faults import CASES
+        self.assertEqual(set(table["faults"]), set(CASES))
+        self.assertEqual([r for r in table["rows"] if not r["ok"]], [])
+        # No false pass: every call expected to fail failed.
+        self.assertEqual([r for r in table["rows"] if r["expected"][0] != "Passed" and r["seen"][0] == "Passed"], [])
+
+
+class ThePeerIsOnTheWire(unittest.TestCase):
+    def test_capture_shows_the_dhcp_exchange_and_the_faulty_replies(self):
+        with tempfile.TemporaryDirectory() as work:
+            dump = os.path.join(work, "peer.pcap")
+            vm = boot(["-test=pingtest"], nics=[Nic(model="e1000", peer="wrong-id", dump=dump)])
+            frames = read_pcap(dump)
+        self.assertEqual(vm.results[0][:2], ("Failed", 0x80160102))
+        udp = [d for _, _, d in frames if d[12:14] == b"\x08\x00" and d[23] == 17]
+        self.assertTrue(any(d[34:36] == b"\x00\x44" and d[36:38] == b"\x00\x43" for d in udp))  # client -> server
+        self.assertTrue(any(d[34:36] == b"\x00\x43" and d[36:38] == b"\x00\x44" for d in udp))  # server -> client
+        replies = [d for _, _, d in frames if d[12:14] == b"\x08\x00" and d[23] == 1 and d[34] == 0]
+        self.assertTrue(replies)
+        self.assertTrue(all(d[38:40] != b"\x00\x00" for d in replies))  # identifier not the module's 0
+
+    def test_a_peer_that_dies_ends_the_run_with_a_clear_line(self):
+        # A fault plan the peer does not know makes it exit at once, before QEMU can connect.
+        nic = Nic(model="e1000", peer="no-such-plan")
+        with self.assertRaises(HarnessError) as caught:
+            boot(["-test=pingtest"], nics=[nic], timeout=60)
+        self.assertIn("the network peer of NIC 1 did not start", str(caught.exception))
+
+        # A peer killed while the module runs: the run ends at once and says so.
+        def kill_peer(line):
+            if line.startswith("CALL options="):
+                subprocess.run(["pkill", "-P", str(os.getpid()), "-f", "wcvm.peer"], check=False)
+        with self.assertRaises(HarnessError) as caught:
+            boot(["-test=pingtest"], nics=[Nic(model="e1000", peer="none")], on_line=kill_peer, timeout=120)
+        self.assertIn("the network peer of NIC 1 stopped during the run", str(caught.exception))
+
+
+if __name__ == "__main__":
+    unittest.main()
