@@ -127,6 +127,13 @@ void DumpDhcp4Packet(const EFI_DHCP4_PACKET* Packet) {
     return;
   TracePrint(u"Size:0x%x\r\n", UINT32(Packet->Size));
   TracePrint(u"Length:0x%x\r\n", UINT32(Packet->Length));
+  // The firmware's buffer is Size bytes: a packet too short for the header, the magic cookie and
+  // one option byte is not read further.
+  constexpr UINTN kDumped = offsetof(EFI_DHCP4_PACKET, Dhcp4.Option) + 1;
+  if (Packet->Size < kDumped || Packet->Length < kDumped - offsetof(EFI_DHCP4_PACKET, Dhcp4)) {
+    TracePrint(u"dhcp4 packet too short to dump\r\n");
+    return;
+  }
   DumpDhcp4Header(&Packet->Dhcp4.Header);
   TracePrint(u"dhcp4 Magik:0x%x\r\n", UINT32(Packet->Dhcp4.Magik));
   TracePrint(u"dhcp4 Option:0x%x\r\n", Packet->Dhcp4.Option[0]);

@@ -51,12 +51,9 @@ EFI_STATUS ReadResizing(EFI_IP4_CONFIG2_PROTOCOL* config, EFI_IP4_CONFIG2_DATA_T
 }
 
 // The route table the driver points at must lie within the buffer it filled (the driver puts it
-// right behind the structure); a table that does not is dropped rather than read.
+// right behind the structure); a table that does not is dropped rather than read. The buffer holds
+// at least the structure.
 void KeepRouteTableInside(EFI_IP4_CONFIG2_INTERFACE_INFO* info, UINTN size) {
-  if (size < sizeof(*info)) {
-    info->RouteTableSize = 0;
-    return;
-  }
   auto start = reinterpret_cast<UINTN>(info), end = start + size;
   auto table = reinterpret_cast<UINTN>(info->RouteTable);
   UINTN bytes = UINTN(info->RouteTableSize) * sizeof(EFI_IP4_ROUTE_TABLE);
@@ -175,6 +172,11 @@ EFI_STATUS GetNicConfig(NicInfo* Nic) {
       return status;
     }
     auto* interface = reinterpret_cast<EFI_IP4_CONFIG2_INTERFACE_INFO*>(info.Get());
+    if (size < sizeof(*interface)) {
+      // A driver that reports less than the structure describes no NIC this record can match.
+      DebugLogPrint(u"GetNicConfig(): interface information of %d bytes, too short\r\n", size);
+      continue;
+    }
     KeepRouteTableInside(interface, size);
     if (!EFI_ERROR(status) &&
         CompareMem(&interface->HwAddress, &Nic->MacAddress, sizeof(EFI_MAC_ADDRESS)) == 0) {
