@@ -80,7 +80,8 @@ def run_vm(cfg):
         shutil.copy(OVMF_VARS, vars_copy)
         qmp_path = os.path.join(work, "qmp.sock") if any(not n.link or n.plug for n in cfg.nics) else ""
         peers = Peers(cfg.nics, work)
-        proc = subprocess.Popen(qemu_command(cfg, disk, vars_copy, qmp_path, peers.sockets), stdin=subprocess.PIPE,
+        proc = subprocess.Popen(qemu_command(cfg, disk, vars_copy, qmp_path, peers.sockets, peers.qmp),
+                                stdin=subprocess.PIPE,
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         deadline = start + cfg.timeout
         raw = bytearray()
@@ -195,14 +196,18 @@ class Peers:
     sockets), watched while the VM runs, stopped after it. A peer that ends early ends the run."""
 
     def __init__(self, nics, work):
-        self.sockets, self.procs, self.logs, self.failure = {}, {}, {}, ""
+        self.sockets, self.procs, self.logs, self.qmp, self.failure = {}, {}, {}, {}, ""
         for index, nic in enumerate(nics):
             if not nic.peer:
                 continue
             path, log = os.path.join(work, f"peer{index}.sock"), os.path.join(work, f"peer-{index}.log")
             env = dict(os.environ, PYTHONPATH=os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-            self.procs[index] = subprocess.Popen([sys.executable, "-m", "wcvm.peer", path, nic.peer, log], env=env,
-                                                 stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+            command = [sys.executable, "-m", "wcvm.peer", path, nic.peer, log]
+            if nic.peer == "link-flap":
+                # A monitor socket of the peer's own, to drop and raise the NIC's link.
+                self.qmp[index] = os.path.join(work, f"peer{index}-qmp.sock")
+                command += [self.qmp[index], f"n{index}"]
+            self.procs[index] = subprocess.Popen(command, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
             self.sockets[index], self.logs[index] = path, log
         deadline = time.time() + 10
         for index, proc in self.procs.items():

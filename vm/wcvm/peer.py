@@ -4,8 +4,12 @@ the DHCP server 10.0.2.2 and the router 10.0.2.1 on 10.0.2.0/24, leases 10.0.2.1
 ICMP echo for the addresses it owns, and follows one fault plan. Nothing here opens any other
 socket: the peer's whole world is the VM's NIC.
 
-    python3 -m wcvm.peer SOCKET FAULT LOG
+    python3 -m wcvm.peer SOCKET FAULT LOG [QMP NETDEV]
+
+For the link-flap plan the peer also holds a QMP socket of the VM's own and the NIC's netdev name,
+to drop and raise the NIC's link.
 """
+import json
 import os
 import random
 import select
@@ -40,6 +44,8 @@ FAULTS = {
     "malformed": "malformed frames before each echo reply: truncated IPv4 header, bad header checksum, ICMP "
                  "shorter than 8 bytes, a 9,000-byte frame, a fragment whose rest never comes",
     "flood": "unrelated broadcast frames all the time, about 2,000 a second",
+    "link-flap": "the link drops at the first echo request of every other ping (not answered) and comes back "
+                 "2 s later",
 }
 
 
@@ -69,12 +75,14 @@ def icmp(kind, code, rest, body):
 
 
 class Peer:
-    def __init__(self, fault, log):
+    def __init__(self, fault, log, qmp="", netdev=""):
         self.fault = fault
         self.log = log
+        self.qmp_path, self.netdev, self.qmp = qmp, netdev, None
+        self.first_requests = 0
         self.conn = None
         self.client_mac = None
-        self.scheduled = []  # (when, frame)
+        self.scheduled = []  # (when, frame or action)
         self.echoes = 0
         self.next_flood = 0.0
 
@@ -87,6 +95,24 @@ class Peer:
 
     def later(self, delay, frame):
         self.scheduled.append((time.monotonic() + delay, frame))
+
+    def set_link(self, up):
+        if self.qmp is None:
+            sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+            sock.connect(self.qmp_path)
+            self.qmp = sock.makefile("rw")
+            self.qmp.readline()  # greeting
+            self.qmp_call("qmp_capabilities")
+        self.qmp_call("set_link", {"name": self.netdev, "up": up})
+        self.note(f"link {'up' if up else 'down'}")
+
+    def qmp_call(self, command, arguments=None):
+        self.qmp.write(json.dumps({"execute": command, **({"arguments": arguments} if arguments else {})}) + "\n")
+        self.qmp.flush()
+        while True:
+            reply = json.loads(self.qmp.readline())
+            if "return" in reply or "error" in reply:
+                return reply
 
     def owns(self, address):
         return address == SERVER or (address == ROUTER and self.fault != "router-silent")
@@ -166,6 +192,12 @@ class Peer:
         self.note(f"echo request to {'.'.join(map(str, target))} seq={struct.unpack('<H', request[6:8])[0]}")
         if self.fault == "icmp-drop" or (self.fault == "lose-every-other" and self.echoes % 2 == 0):
             return
+        if self.fault == "link-flap" and request[6:8] == b"\0\0":
+            self.first_requests += 1
+        if self.fault == "link-flap" and request[6:8] == b"\0\0" and self.first_requests % 2 == 1:
+            self.set_link(False)
+            self.later(2.0, lambda: self.set_link(True))
+            return
         ident, rest = request[4:6], request[6:8]
         source = target
         if self.fault == "wrong-id":
@@ -221,8 +253,8 @@ class Peer:
             now = time.monotonic()
             due = [f for when, f in self.scheduled if when <= now]
             self.scheduled = [(when, f) for when, f in self.scheduled if when > now]
-            for frame in due:
-                self.send(frame)
+            for item in due:
+                item() if callable(item) else self.send(item)
             self.flood(now)
             ready, _, _ = select.select([self.conn], [], [], 0.005 if self.fault == "flood" else 0.05)
             if not ready:
@@ -241,12 +273,13 @@ class Peer:
 
 
 def main(argv):
-    if len(argv) != 3 or argv[1] not in FAULTS:
-        print(f"usage: python3 -m wcvm.peer SOCKET FAULT LOG (FAULT one of {', '.join(FAULTS)})", file=sys.stderr)
+    if len(argv) not in (3, 5) or argv[1] not in FAULTS or (argv[1] == "link-flap") != (len(argv) == 5):
+        print(f"usage: python3 -m wcvm.peer SOCKET FAULT LOG [QMP NETDEV] (FAULT one of {', '.join(FAULTS)}; "
+              f"QMP and NETDEV with link-flap only)", file=sys.stderr)
         return 2
     with open(argv[2], "a") as log:
         try:
-            Peer(argv[1], log).serve(argv[0])
+            Peer(argv[1], log, *argv[3:]).serve(argv[0])
         except (BrokenPipeError, ConnectionResetError):
             log.write("QEMU went away\n")
     return 0

@@ -17,7 +17,7 @@ def check_tools():
             raise HarnessError(f"{image} is not built (./wirecheck build)")
 
 
-def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None):
+def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None, peer_monitors=None):
     cmd = ["qemu-system-x86_64", "-machine", "q35", "-accel", "tcg", "-m", "512", "-smp", "1",
            "-nodefaults", "-no-reboot", "-display", "none", "-serial", "stdio", "-monitor", "none",
            "-drive", f"if=pflash,format=raw,unit=0,readonly=on,file={OVMF_CODE}",
@@ -55,4 +55,6 @@ def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None):
         cmd += ["-smbios", "type=" + entry]
     if qmp_path:
         cmd += ["-S", "-qmp", f"unix:{qmp_path},server=on,wait=off"]
+    for path in (peer_monitors or {}).values():
+        cmd += ["-qmp", f"unix:{path},server=on,wait=off"]
     return cmd
