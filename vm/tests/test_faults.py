@@ -4,23 +4,16 @@ its faulty replies on the wire, and a peer that dies ending the run with a clear
 import json
 import os
 import subprocess
-import sys
 import tempfile
 import unittest
 
-VM_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-ROOT = os.path.dirname(VM_DIR)
-sys.path.insert(0, VM_DIR)
-
-from vmtest import boot  # noqa: E402
-from wcvm import HarnessError, Nic, read_pcap  # noqa: E402
+from vmtest import ROOT, boot, run_command
+from wcvm import HarnessError, Nic, read_pcap
 
 
 class FaultTable(unittest.TestCase):
     def test_every_fault_gives_its_defined_verdict_in_time(self):
-        env = dict(os.environ, PYTHONPATH=VM_DIR)
-        done = subprocess.run([sys.executable, "-m", "wcvm", "faults"], env=env, capture_output=True, text=True,
-                              timeout=900)
+        done = run_command("faults")
         self.assertEqual(done.returncode, 0, done.stdout[-4000:] + done.stderr[-2000:])
         with open(os.path.join(ROOT, "build", "faults.json")) as f:
             table = json.load(f)

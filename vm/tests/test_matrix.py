@@ -1,21 +1,16 @@
-"""The compatibility matrix: the seven tests on every NIC model QEMU emulates with a UEFI driver,
-twenty SpeedTest bursts at the defaults on each, each cell what the tests' definitions give on that NIC, or a firmware fault the matrix explains."""
+"""The compatibility matrix: the seven tests on every NIC model QEMU emulates with a UEFI driver
+and twenty SpeedTest bursts at the defaults on each, each cell what the tests' definitions give on
+that NIC, or a firmware fault the matrix explains."""
 import json
 import os
-import subprocess
-import sys
 import unittest
 
-VM_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-ROOT = os.path.dirname(VM_DIR)
-sys.path.insert(0, VM_DIR)
+from vmtest import ROOT, run_command
 
 
 class CompatibilityMatrix(unittest.TestCase):
     def test_every_model_gives_what_the_tests_define(self):
-        env = dict(os.environ, PYTHONPATH=VM_DIR)
-        done = subprocess.run([sys.executable, "-m", "wcvm", "matrix"], env=env, capture_output=True, text=True,
-                              timeout=900)
+        done = run_command("matrix")
         self.assertEqual(done.returncode, 0, done.stdout[-3000:] + done.stderr[-2000:])
         self.assertIn("unexpected=0", done.stdout)
         with open(os.path.join(ROOT, "build", "matrix.json")) as f:

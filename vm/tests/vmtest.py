@@ -1,10 +1,20 @@
 """Shared helpers for the VM tests: one boot per scenario group, results parsed once."""
 import os
+import subprocess
 import sys
 
-sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+VM_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+ROOT = os.path.dirname(VM_DIR)
+sys.path.insert(0, VM_DIR)
 
 import wcvm  # noqa: E402
+
+
+def run_command(name, timeout=900):
+    """One of the runner's table commands (matrix, faults) as a user runs it; its finished process."""
+    env = dict(os.environ, PYTHONPATH=VM_DIR)
+    return subprocess.run([sys.executable, "-m", "wcvm", name], env=env, capture_output=True, text=True,
+                          timeout=timeout)
 
 
 def boot(calls, **settings):

@@ -2,6 +2,7 @@
 settings and what a run gives back."""
 import os
 import re
+import sys
 from dataclasses import dataclass, field
 
 from .peer import FAULTS
@@ -61,6 +62,17 @@ RESULT_LINE = re.compile(r"^RESULT result=(\w+) error=0x([0-9A-Fa-f]+) status=(.
 
 
 MANAGER_LINES = ("CALL ", "RUNTIME ", "LOAD ", "PROTOCOLS ", "MODULE ", "UNLOAD ", "VEXRUN ", "HANDLES ", "MESSAGE ")
+
+
+def chosen(argv, known, command, what):
+    """The names a table command was given (all known ones when none), or None after saying which
+    name it does not know."""
+    names = argv or list(known)
+    unknown = [n for n in names if n not in known]
+    if unknown:
+        print(f"wirecheck {command}: unknown {what} {unknown[0]} (one of {', '.join(known)})", file=sys.stderr)
+        return None
+    return names
 
 
 class HarnessError(Exception):

@@ -8,7 +8,7 @@ import sys
 import time
 from concurrent.futures import ThreadPoolExecutor
 
-from .config import ROOT, HarnessError, Nic, VmConfig
+from .config import ROOT, HarnessError, Nic, VmConfig, chosen
 from .live import run_vm
 from .peer import FAULTS
 
@@ -81,10 +81,8 @@ def _call_times(line_times):
 
 
 def main(argv):
-    faults = argv or list(CASES)
-    unknown = [f for f in faults if f not in CASES]
-    if unknown:
-        print(f"wirecheck faults: unknown fault {unknown[0]} (one of {', '.join(CASES)})", file=sys.stderr)
+    faults = chosen(argv, CASES, "faults", "fault")
+    if faults is None:
         return 2
     start = time.time()
     work = os.path.join(ROOT, "build", "faults")

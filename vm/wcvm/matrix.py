@@ -9,7 +9,7 @@ import re
 import sys
 import time
 
-from .config import NIC_MODELS, ROOT, HarnessError, Nic, VmConfig
+from .config import NIC_MODELS, ROOT, HarnessError, Nic, VmConfig, chosen
 from .live import run_vm
 
 # A model's boot takes 15 to 30 s; one that takes this long has stopped answering.
@@ -121,10 +121,8 @@ def verdict(model, test, cell):
 
 
 def main(argv):
-    models = argv or list(NIC_MODELS)
-    unknown = [m for m in models if m not in NIC_MODELS]
-    if unknown:
-        print(f"wirecheck matrix: unknown NIC model {unknown[0]} (one of {', '.join(NIC_MODELS)})", file=sys.stderr)
+    models = chosen(argv, NIC_MODELS, "matrix", "NIC model")
+    if models is None:
         return 2
     start = time.time()
     table = {}
