@@ -3,12 +3,22 @@ interactive test and SpeedTest (./wirecheck faults), a capture showing the peer'
 its faulty replies on the wire, and a peer that dies ending the run with a clear line."""
 import json
 import os
+import re
 import subprocess
 import tempfile
 import unittest
 
 from vmtest import ROOT, boot, run_command
 from wcvm import HarnessError, Nic, read_pcap
+
+
+def troubleshooting_codes():
+    """The error codes the README's troubleshooting table explains."""
+    with open(os.path.join(ROOT, "README.md")) as f:
+        text = f.read()
+    table = text[text.index("### Troubleshooting"):]
+    table = table[:table.index("\n\n", table.index("| Code |"))]
+    return {int(code, 16) for code in re.findall(r"^\| (0x[0-9A-F]{8})", table, re.M)}
 
 
 class FaultTable(unittest.TestCase):
@@ -22,6 +32,8 @@ class FaultTable(unittest.TestCase):
         self.assertEqual([r for r in table["rows"] if not r["ok"]], [])
         # No false pass: every call expected to fail failed.
         self.assertEqual([r for r in table["rows"] if r["expected"][0] != "Passed" and r["seen"][0] == "Passed"], [])
+        # Every code a fault ends in has its row in the README's troubleshooting table.
+        self.assertEqual(sorted({r["seen"][1] for r in table["rows"]} - {0} - troubleshooting_codes()), [])
 
 
 class ThePeerIsOnTheWire(unittest.TestCase):
