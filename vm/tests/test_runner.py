@@ -47,6 +47,24 @@ class ArgumentsTest(unittest.TestCase):
             split_arguments(["-test=pingtest", "--ui", "console"], parser)
 
 
+    def test_the_usage_and_run_help_list_the_same_options(self):
+        import re
+        from vmtest import ROOT
+        from wcvm.config import NIC_MODELS, NIC_OPTIONS
+        usage = subprocess.run([os.path.join(ROOT, "wirecheck"), "help"], capture_output=True, text=True).stdout
+        helped = subprocess.run([sys.executable, "-m", "wcvm", "--help"], capture_output=True, text=True,
+                                env=dict(os.environ, PYTHONPATH=os.path.join(ROOT, "vm"))).stdout
+        options = set(re.findall(r"--[a-z][a-z-]+", helped)) - {"--help"}
+        self.assertTrue({"--nic", "--ui", "--timeout"} <= options, options)
+        self.assertEqual(options - set(re.findall(r"--[a-z][a-z-]+", usage)), set())
+        flat = " ".join(helped.split())
+        for name, _ in NIC_OPTIONS:
+            self.assertIn(name, usage)
+            self.assertIn(name, flat)
+        for model in NIC_MODELS:
+            self.assertIn(model, usage)
+
+
 class RunnerTest(unittest.TestCase):
     def test_a_prompt_nobody_can_answer_ends_the_run(self):
         with subprocess.Popen(RUNNER + UNPLUGGED, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,

@@ -3,7 +3,8 @@ import argparse
 import re
 import sys
 
-from .config import MANAGER_LINES, NIC_MODELS, RESULT_LINE, HarnessError, Nic, VmConfig, parse_files, parse_var
+from .config import (MANAGER_LINES, NIC_MODELS, NIC_OPTIONS, RESULT_LINE, HarnessError, Nic, VmConfig, parse_files,
+                     parse_var)
 from .disk import build_image
 from .live import LivePrinter, run_vm
 
@@ -46,13 +47,14 @@ def run_parser():
         description="Boot OVMF, run Wirecheck through the VexRun manager with one option string (or, after "
                     "--, one call per quoted string), print the module's output and a RESULT line per call.")
     parser.add_argument("--nic", action="append", default=[], metavar="MODEL[:OPT,...]",
-                        help=f"NIC model ({', '.join(NIC_MODELS)}) with options link=off, net=none, "
-                             "mac=XX:XX:XX:XX:XX:XX, policy=dhcp|static, bridge, dump=FILE.pcap, "
-                             "ip=A.B.C.D/LEN and gw=A.B.C.D (a static IPv4 configuration), plug=PROMPT (plug the "
-                             "cable in when that prompt shows; with link=off) (repeatable; default one virtio)")
-    parser.add_argument("--smbios", action="append", default=[], metavar="TYPE,FIELD=VALUE")
-    parser.add_argument("--var", action="append", default=[], metavar="NAME[@GUID]=TEXT")
-    parser.add_argument("--file", action="append", default=[], metavar="LOCAL=PATH")
+                        help=f"a NIC, repeatable (default one virtio): MODEL one of {', '.join(NIC_MODELS)}; OPT "
+                             + "; ".join(f"{name}: {meaning}" for name, meaning in NIC_OPTIONS))
+    parser.add_argument("--smbios", action="append", default=[], metavar="TYPE,FIELD=VALUE",
+                        help="passed to QEMU as -smbios type=TYPE,FIELD=VALUE, e.g. 1,family=Server")
+    parser.add_argument("--var", action="append", default=[], metavar="NAME[@GUID]=TEXT",
+                        help="a UEFI variable set before the run")
+    parser.add_argument("--file", action="append", default=[], metavar="LOCAL=PATH",
+                        help="an extra file on the VM's disk")
     parser.add_argument("--script", metavar="FILE", help="answers for prompts, progress and menus")
     parser.add_argument("--call", action="append", default=[], metavar="OPTIONS",
                         help="one manager call with this option string (repeatable)")
@@ -62,8 +64,36 @@ def run_parser():
     parser.add_argument("--old-layout", action="store_true", help="drive the module's old protocol layout")
     parser.add_argument("--ui", choices=("both", "console", "none"), default="both",
                         help="the menu protocols VexRun installs for the module (default both)")
-    parser.add_argument("--timeout", type=int, default=240)
+    parser.add_argument("--timeout", type=int, default=240, metavar="SECONDS",
+                        help="the VM's time limit (default 240)")
     return parser
+
+
+def short_usage(width=100):
+    """The VM options of run as ./wirecheck's usage shows them, from the same parser as run --help."""
+    import textwrap
+    lines = []
+    for action in run_parser()._actions:
+        if not action.option_strings or action.option_strings == ["-h", "--help"]:
+            continue
+        name = action.option_strings[-1] + (f" {action.metavar}" if action.metavar else
+                                             " {" + ",".join(action.choices) + "}" if action.choices else "")
+        if action.dest == "nic":
+            lines.append(f"      {name:<27}a NIC (repeatable; default one virtio): MODEL one of")
+            lines += textwrap.wrap(", ".join(NIC_MODELS), width, initial_indent=" " * 35,
+                                   subsequent_indent=" " * 35)
+            lines.append(" " * 33 + "OPT:")
+            for option, meaning in NIC_OPTIONS:
+                text = textwrap.wrap(meaning, width - 58, break_on_hyphens=False)
+                lines.append(f"{' ' * 35}{option:<23}{text[0]}")
+                lines += [" " * 58 + t for t in text[1:]]
+            continue
+        text = textwrap.wrap(action.help or "", width - 33) or [""]
+        lines.append(f"      {name:<27}{text[0]}" if len(name) < 27 else f"      {name}")
+        if len(name) >= 27:
+            lines.append(" " * 33 + text[0])
+        lines += [" " * 33 + t for t in text[1:]]
+    return "\n".join(lines)
 
 
 def image_parser():

@@ -75,6 +75,23 @@ def chosen(argv, known, command, what):
     return names
 
 
+# The options a --nic may carry after its model, with what each does: the one list that the option
+# reader's error, run --help and ./wirecheck's usage all show.
+NIC_OPTIONS = [
+    ("link=off", "the cable is unplugged from the start"),
+    ("net=none", "a network with nothing else on it"),
+    ("net=peer", "the network is the project's scripted peer"),
+    ("fault=PLAN", f"the scripted peer follows a fault plan ({', '.join(FAULTS)})"),
+    ("mac=XX:XX:XX:XX:XX:XX", "the NIC's MAC address"),
+    ("policy=dhcp|static", "the firmware's IPv4 configuration policy (default dhcp)"),
+    ("bridge", "the NIC sits behind a PCIe root port"),
+    ("dump=FILE.pcap", "a capture of every frame on the NIC's network"),
+    ("ip=A.B.C.D/LEN", "a static IPv4 configuration set in the firmware before the manager starts"),
+    ("gw=A.B.C.D", "its default gateway (with ip=)"),
+    ("plug=PROMPT", "the cable is plugged in when the manager shows that prompt (with link=off)"),
+]
+
+
 class HarnessError(Exception):
     """The VM or the harness failed; the module's result is unknown."""
 
@@ -125,9 +142,8 @@ class Nic:
             elif key == "plug" and value.isdigit():
                 nic.plug = int(value)
             else:
-                raise ValueError(f"bad NIC option '{opt}' (link=off, net=none|peer, fault=PLAN, mac=XX:..:XX, "
-                                 f"policy=dhcp|static, bridge, dump=FILE.pcap, ip=A.B.C.D/LEN, gw=A.B.C.D, "
-                                 f"plug=PROMPT; fault plans: {', '.join(FAULTS)})")
+                raise ValueError(f"bad NIC option '{opt}' ({', '.join(name for name, _ in NIC_OPTIONS)}; "
+                                 f"fault plans: {', '.join(FAULTS)})")
         if nic.gateway and not nic.ip:
             raise ValueError("gw= needs ip=A.B.C.D/LEN")
         return nic
