@@ -6,17 +6,14 @@
 #include <cstdint>
 #include <vector>
 
-#include "base/Globals.h"
-#include "fakes/FakeNetwork.h"
+#include "fuzz/NicFuzzWorld.h"
 #include "nic/HiiConfig.h"
-#include "report/Output.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FakeFirmware fw;
-  ResetOutputState();
-  gImageHandle = reinterpret_cast<EFI_HANDLE>(0x1000);
+  NicFuzzWorld world;
+  FakeFirmware& fw = world.fw;
+  FakeNic& nic = world.nic;
   FuzzedDataProvider in(data, size);
-  FakeNic nic{fw, 3, 0x56};
   FakeHiiRouting hii{fw};
   hii.routeStatus = in.ConsumeBool() ? EFI_SUCCESS : EFI_NOT_FOUND;
   UINTN children = in.ConsumeIntegralInRange<UINTN>(0, 3);
@@ -30,6 +27,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                   reinterpret_cast<EFI_HANDLE>(0x7700), child, EFI_OPEN_PROTOCOL_BY_CHILD_CONTROLLER);
   }
   SetNicByHii();
-  gImageHandle = nullptr;
   return 0;
 }

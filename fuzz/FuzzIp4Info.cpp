@@ -7,11 +7,9 @@
 #include <cstring>
 #include <vector>
 
-#include "base/Globals.h"
 #include "base/Memory.h"
-#include "fakes/FakeNetwork.h"
+#include "fuzz/NicFuzzWorld.h"
 #include "nic/NicConfig.h"
-#include "report/Output.h"
 
 namespace {
 
@@ -42,11 +40,9 @@ EFI_STATUS EFIAPI GetData(EFI_IP4_CONFIG2_PROTOCOL*, EFI_IP4_CONFIG2_DATA_TYPE t
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FakeFirmware fw;
-  ResetOutputState();
-  gImageHandle = reinterpret_cast<EFI_HANDLE>(0x1000);
+  NicFuzzWorld world;
+  FakeNic& nic = world.nic;
   FuzzedDataProvider in(data, size);
-  FakeNic nic{fw, 3, 0x56};
   nic.config2.p.GetData = GetData;
   gTableOffset = in.ConsumeIntegralInRange<UINTN>(0, 4096);
   gTableAnywhere = in.ConsumeBool();
@@ -61,6 +57,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   EFI_IPv4_ADDRESS address{};
   NicHasStationAddress(nic.handle, &address);
-  gImageHandle = nullptr;
   return 0;
 }
