@@ -1,5 +1,6 @@
 """The runner as a person uses it: live output, answers typed at a terminal, a clear end when nobody
 can answer, several calls in one boot, and a boot image for real machines."""
+import json
 import os
 import pty
 import select
@@ -34,7 +35,8 @@ class ArgumentsTest(unittest.TestCase):
         from wcvm.cli import option_names, run_parser, split_arguments
         parser = run_parser()
         values = {"--nic": "e1000", "--smbios": "1,family=x", "--var": "A=b", "--file": "a=b",
-                  "--script": "s", "--call": "-version", "--lang": "fra", "--ui": "console", "--timeout": "9"}
+                  "--script": "s", "--call": "-version", "--lang": "fra", "--ui": "console", "--timeout": "9",
+                  "--json": "r.json", "--junit": "r.xml"}
         self.assertEqual(option_names(parser, True), set(values))
         for option, value in values.items():
             for words in ([option, value], [f"{option}={value}"]):
@@ -63,6 +65,45 @@ class ArgumentsTest(unittest.TestCase):
             self.assertIn(name, flat)
         for model in NIC_MODELS:
             self.assertIn(model, usage)
+
+
+class MachineReadableResults(unittest.TestCase):
+    """run --json and --junit: one case per call, the failure with its log lines, read back with
+    json and with a JUnit parser (Debian's python3-junitparser, for the system's Python)."""
+
+    def test_json_and_junit_hold_one_case_per_call(self):
+        with tempfile.TemporaryDirectory() as work:
+            out_json, out_xml = os.path.join(work, "r.json"), os.path.join(work, "r.xml")
+            done = subprocess.run(RUNNER + ["--json", out_json, "--junit", out_xml, "--",
+                                            "-test=pingtest", "-test=pingtest -index=2", "-version"],
+                                  capture_output=True, text=True, timeout=300)
+            self.assertEqual(done.returncode, 1, done.stderr)  # one call failed
+            with open(out_json) as f:
+                report = json.load(f)
+            parsed = subprocess.run(["/usr/bin/python3", "-c", JUNIT_READER, out_xml], capture_output=True,
+                                    text=True, timeout=60)
+        self.assertEqual([(c["test"], c["result"], c["error"]) for c in report["cases"]],
+                         [("pingtest", "Passed", "0x0"), ("pingtest", "Failed", "0x80160104"),
+                          ("module", "Passed", "0x0")])
+        self.assertIn("The NIC is not found!", report["cases"][1]["log"])
+        self.assertNotIn("log", report["cases"][0])
+        self.assertEqual(parsed.returncode, 0, parsed.stderr)
+        self.assertEqual(parsed.stdout.splitlines(), ["3 1 0", "wirecheck.pingtest", "-test=pingtest",
+                                                 "wirecheck.pingtest", "-test=pingtest -index=2:failure",
+                                                 "wirecheck.module", "-version"])
+
+
+# Prints tests, failures, errors, then each case's class name and name (":failure" on a failure).
+JUNIT_READER = """
+import sys
+from junitparser import Failure, JUnitXml
+xml = JUnitXml.fromfile(sys.argv[1])
+suite = next(iter(xml))
+print(suite.tests, suite.failures, suite.errors)
+for case in suite:
+    print(case.classname)
+    print(case.name + (":failure" if any(isinstance(r, Failure) for r in case.result) else ""))
+"""
 
 
 class RunnerTest(unittest.TestCase):

@@ -7,6 +7,7 @@ from .config import (MANAGER_LINES, NIC_MODELS, NIC_OPTIONS, RESULT_LINE, Harnes
                      parse_var)
 from .disk import build_image
 from .live import LivePrinter, run_vm
+from .report import write_json, write_junit
 
 def image_main(argv):
     """./wirecheck image FILE [--script FILE] [--file LOCAL=PATH] OPTIONS... (or -- "OPTIONS" ...)."""
@@ -66,6 +67,8 @@ def run_parser():
                         help="the menu protocols VexRun installs for the module (default both)")
     parser.add_argument("--timeout", type=int, default=240, metavar="SECONDS",
                         help="the VM's time limit (default 240)")
+    parser.add_argument("--json", metavar="FILE", help="write the calls' results as JSON, one case per call")
+    parser.add_argument("--junit", metavar="FILE", help="write the calls' results as JUnit XML, one case per call")
     return parser
 
 
@@ -183,6 +186,14 @@ def main(argv):
     if len(run.results) != len(calls):
         print(f"wirecheck run: the manager printed {len(run.results)} RESULT line(s) for {len(calls)} call(s)",
               file=sys.stderr)
+        return 2
+    try:
+        if args.json:
+            write_json(args.json, calls, run)
+        if args.junit:
+            write_junit(args.junit, calls, run)
+    except OSError as e:
+        print(f"wirecheck run: {e}", file=sys.stderr)
         return 2
     if not printer.results:
         # The serial console showed nothing of the manager's: print what it wrote to its file.

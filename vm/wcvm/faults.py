@@ -11,6 +11,7 @@ from concurrent.futures import ThreadPoolExecutor
 from .config import ROOT, HarnessError, Nic, VmConfig, chosen
 from .live import run_vm
 from .peer import FAULTS
+from .report import call_seconds
 
 PING, INTERACTIVE = "-test=pingtest", "-test=interactivenetworktest"
 SPEED = "-test=SpeedTest -NetworkSpeed=1"
@@ -53,7 +54,7 @@ def run_fault(fault, work, dump=""):
     run = run_vm(VmConfig(calls=calls, nics=[Nic(model="e1000", peer=fault, dump=dump)], script=script,
                           last_dir=os.path.join(work, fault), timeout=400))
     rows = []
-    times = _call_times(run.line_times)
+    times = call_seconds(run.line_times)
     for options, result, seconds in zip(calls, run.results, times + [None] * len(calls)):
         expected = CASES[fault][options]
         seen = result[:2]
@@ -66,18 +67,6 @@ def run_fault(fault, work, dump=""):
         rows.append({"fault": fault, "call": options, "expected": list(CASES[fault][options]), "seen": None,
                      "status": "", "seconds": None, "limit": LIMIT, "ok": False})
     return rows
-
-
-def _call_times(line_times):
-    """Seconds from each CALL line to its RESULT line, from the serial log's arrival times."""
-    times, begun = [], None
-    for when, line in line_times:
-        if line.startswith("CALL options="):
-            begun = when
-        elif line.startswith("RESULT ") and begun is not None:
-            times.append(round(when - begun, 1))
-            begun = None
-    return times
 
 
 def main(argv):
