@@ -24,13 +24,7 @@ def boot(calls, **settings):
 
 def call_blocks(run):
     """Splits the manager's output into one block per call: (options, lines)."""
-    blocks = []
-    for line in run.output.splitlines():
-        if line.startswith("CALL options='"):
-            blocks.append((line[len("CALL options='"):-1], []))
-        elif blocks:
-            blocks[-1][1].append(line)
-    return blocks
+    return wcvm.call_blocks(run.output)
 
 
 def runtime_text(lines):

@@ -11,6 +11,7 @@ import time
 
 from .config import NIC_MODELS, ROOT, HarnessError, Nic, VmConfig, chosen
 from .live import run_vm
+from .report import call_blocks
 
 # A model's boot takes 15 to 30 s; one that takes this long has stopped answering.
 MODEL_TIMEOUT = 150
@@ -53,17 +54,6 @@ EXPLAINED = {
 }
 
 
-def _blocks(log):
-    """(options, lines) of each call in the manager's log."""
-    blocks = []
-    for line in log.splitlines():
-        if line.startswith("CALL options='"):
-            blocks.append((line[len("CALL options='"):-1], []))
-        elif blocks:
-            blocks[-1][1].append(line)
-    return blocks
-
-
 def _flags(files_dir):
     flags = os.path.join(files_dir, "flags")
     return len([n for n in os.listdir(flags) if n.lower().endswith(".flg")]) if os.path.isdir(flags) else 0
@@ -75,7 +65,7 @@ def run_model(model, work):
     repeats = 0 if (model, "SpeedTest") in EXPLAINED else SPEED_CALLS
     calls = [options for _, options, *_ in RUN_ORDER] + ["-test=SpeedTest"] * repeats
     run = run_vm(VmConfig(calls=calls, nics=[Nic(model=model)], last_dir=last, timeout=MODEL_TIMEOUT))
-    blocks = _blocks(run.log)
+    blocks = call_blocks(run.log)
     cells = {}
     for (test, options, pattern, shape), (_, lines), result in zip(RUN_ORDER, blocks, run.results):
         figure = ""

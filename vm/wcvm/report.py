@@ -24,20 +24,20 @@ def call_seconds(line_times):
     return times
 
 
-def _log_blocks(log):
-    """The manager's log lines of each call, in order."""
+def call_blocks(text):
+    """The manager's output or log split into one block per call: (options, lines), in order."""
     blocks = []
-    for line in log.splitlines():
+    for line in text.splitlines():
         if line.startswith("CALL options='"):
-            blocks.append([])
+            blocks.append((line[len("CALL options='"):-1], []))
         elif blocks:
-            blocks[-1].append(line)
+            blocks[-1][1].append(line)
     return blocks
 
 
 def cases(calls, run):
     times = call_seconds(run.line_times)
-    blocks = _log_blocks(run.log)
+    blocks = [lines for _, lines in call_blocks(run.log)]
     out = []
     for index, (options, (result, error, status)) in enumerate(zip(calls, run.results)):
         m = re.search(r"-test=(\S+)", options)
