@@ -181,7 +181,7 @@ EFI_STATUS SetNicByHii() {
 
   for (UINTN i = 0; i < count; ++i) {
     EFI_HANDLE driver = nullptr;
-    bool driverFound = !EFI_ERROR(FindConfigAccessHandle(handles[i], &driver)) && driver != nullptr;
+    bool driverFound = !EFI_ERROR(FindConfigAccessHandle(handles[i], &driver));
     if (!driverFound)
       driver = handles[i];
     wc::PoolPtr<CHAR16> header(
