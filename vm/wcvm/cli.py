@@ -92,9 +92,10 @@ def short_usage(width=100):
                 lines += [" " * 58 + t for t in text[1:]]
             continue
         text = textwrap.wrap(action.help or "", width - 33) or [""]
-        lines.append(f"      {name:<27}{text[0]}" if len(name) < 27 else f"      {name}")
-        if len(name) >= 27:
-            lines.append(" " * 33 + text[0])
+        if len(name) >= 27:  # too long for the column: the text starts on the next line
+            lines.append(f"      {name}")
+            name = ""
+        lines.append(f"      {name:<27}{text[0]}")
         lines += [" " * 33 + t for t in text[1:]]
     return "\n".join(lines)
 
