@@ -494,6 +494,12 @@ void RunOneCall(const ModuleApi& api, EFI_HANDLE module, CHAR16* options) {
            error, status, options);
     WriteText(gState->results, line);
   }
+  // A machine that hangs in a later call (a firmware driver looping, say) still leaves this call's
+  // result and log on the disk.
+  EFI_FILE_PROTOCOL* files[] = {gState->log, gState->out, gState->results};
+  for (EFI_FILE_PROTOCOL* file : files)
+    if (file != nullptr)
+      file->Flush(file);
 }
 
 // Without the shell nothing has connected the drivers to the devices yet (the network stack

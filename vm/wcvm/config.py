@@ -93,7 +93,12 @@ NIC_OPTIONS = [
 
 
 class HarnessError(Exception):
-    """The VM or the harness failed; the module's result is unknown."""
+    """The VM or the harness failed; the module's result is unknown. partial: what came back before
+    it did (a VmRun), when the VM booted at all."""
+
+    def __init__(self, message, partial=None):
+        super().__init__(message)
+        self.partial = partial
 
 
 @dataclass
@@ -164,6 +169,7 @@ class VmConfig:
     language: str = ""  # the manager shows prompt texts in this language of the message file
     messages: list = field(default_factory=list)  # message numbers the manager prints before the calls
     timeout: int = 240
+    silence: int = 0  # > 0: a VM that prints nothing for this long has stopped answering
     shell_before: list = field(default_factory=list)  # extra shell lines before the manager
     cwd: str = ""  # the shell's current directory on fs0: when the manager runs (made if missing)
     shell_after: list = field(default_factory=list)  # shell lines after the manager, before power-off

@@ -87,7 +87,8 @@ def run_vm(cfg):
         raw = bytearray()
         arrivals = []  # (seconds since start, length of the raw output so far)
         skipped = False
-        timed_out = False
+        timed_out = silent = False
+        last_output = time.time()
         unanswerable = None
         pending = b""
         keyboard = _Keyboard() if cfg.keyboard else None
@@ -98,6 +99,9 @@ def run_vm(cfg):
             while proc.poll() is None:
                 if time.time() > deadline:
                     timed_out = True
+                    break
+                if cfg.silence and time.time() - last_output > cfg.silence:
+                    silent = timed_out = True
                     break
                 if peers.stopped():
                     break
@@ -118,6 +122,7 @@ def run_vm(cfg):
                             timed_out = True
                         break
                     raw += chunk
+                    last_output = time.time()
                     arrivals.append((time.time() - start, len(raw)))
                     # The shell counts down before startup.nsh; any key but ESC skips the wait. A
                     # manager booted from an image waits for a key before it powers off.
@@ -159,14 +164,6 @@ def run_vm(cfg):
             raise HarnessError(peers.failure)
         subprocess.run(["mcopy", "-s", "-n", "-i", fat_partition(disk), "::/", last_dir + "/"], capture_output=True)
 
-        if unanswerable:
-            raise HarnessError(f"{unanswerable} is waiting for an answer and there is no terminal to give one; "
-                               f"answer it with --script FILE (a line 'prompt ok' or 'prompt abort', "
-                               f"'menu N' or 'menu cancel') or run from a terminal")
-        if timed_out:
-            raise HarnessError(f"the VM did not finish within {cfg.timeout} s (serial log in {last_dir})")
-        if proc.returncode != 0:
-            raise HarnessError(f"QEMU failed ({proc.returncode}): {err.decode(errors='replace').strip()}")
         if cfg.image:
             # The manager and its files sit in the boot directory of the image.
             boot_dir = os.path.join(last_dir, "EFI", "BOOT")
@@ -183,10 +180,22 @@ def run_vm(cfg):
             m = RESULT_LINE.match(line)
             if m:
                 results.append((m.group(1), int(m.group(2), 16), m.group(3).strip()))
+        run = VmRun(serial=serial, output=output, log=log or "", results=results, files_dir=last_dir,
+                    elapsed=time.time() - start, line_times=_line_times(bytes(raw), arrivals))
+        if unanswerable:
+            raise HarnessError(f"{unanswerable} is waiting for an answer and there is no terminal to give one; "
+                               f"answer it with --script FILE (a line 'prompt ok' or 'prompt abort', "
+                               f"'menu N' or 'menu cancel') or run from a terminal")
+        if timed_out:
+            # The calls that finished before the VM stopped answering are kept (the manager writes its
+            # files through after every call).
+            what = f"printed nothing for {cfg.silence} s" if silent else f"did not finish within {cfg.timeout} s"
+            raise HarnessError(f"the VM {what} (serial log in {last_dir})", run)
+        if proc.returncode != 0:
+            raise HarnessError(f"QEMU failed ({proc.returncode}): {err.decode(errors='replace').strip()}")
         if "VEXRUN END" not in output:
-            raise HarnessError(f"the manager did not finish (serial log in {last_dir})")
-        return VmRun(serial=serial, output=output, log=log or "", results=results, files_dir=last_dir,
-                     elapsed=time.time() - start, line_times=_line_times(bytes(raw), arrivals))
+            raise HarnessError(f"the manager did not finish (serial log in {last_dir})", run)
+        return run
     finally:
         shutil.rmtree(work, ignore_errors=True)
 
