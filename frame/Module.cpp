@@ -11,3 +11,11 @@ const TestInfo* TestAt(INT64 Number) {
       return kTestTable[n];
   return nullptr;
 }
+
+const CHAR16* ErrorMeaningOf(UINTN Code) {
+  const ErrorMeaning* codes = nullptr;
+  for (INT64 n = 0; kTestTable[n] != nullptr; ++n)
+    if ((Code & ~UINTN(0xFF)) == kTestTable[n]->ErrorGroup)
+      codes = kTestTable[n]->Errors;
+  return ErrorCodeMeaning(codes, Code);
+}

@@ -5,7 +5,7 @@
 //
 //   MODULE name=<name> version=<major>.<minor> build="<build>"
 //   RUNTIME runtime=<n> result=<Name> error=0x<HEX> status=<status>
-//   RESULT result=<Name> error=0x<HEX> status=<status>
+//   RESULT result=<Name> error=0x<HEX> status=<status> meaning="<what the error code means>"
 //   UNLOAD status=<status> protocols=<removed|still-installed>
 //
 // Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-old] [-v] [-r] [-hdb] [-lang LANG] [-msg ID]
@@ -23,6 +23,7 @@
 #include "base/Owners.h"
 #include "base/Print.h"
 #include "base/String.h"
+#include "frame/Module.h"
 #include "manager/Script.h"
 #include "support/DebugLog.h"
 #include "support/FileIo.h"
@@ -487,11 +488,15 @@ void RunOneCall(const ModuleApi& api, EFI_HANDLE module, CHAR16* options) {
     Say(u"HANDLES %s handles=%d/%d protocols=%d/%d opens=%d/%d\r\n", same ? u"unchanged" : u"CHANGED",
         before.handles, after.handles, before.protocols, after.protocols, before.opens, after.opens);
   }
-  Say(u"RESULT result=%s error=0x%x status=%r\r\n", ResultName(result), error, status);
+  const CHAR16* meaning = ErrorMeaningOf(error);
+  if (meaning == nullptr)
+    meaning = u"unknown error code";
+  Say(u"RESULT result=%s error=0x%x status=%r meaning=\"%s\"\r\n", ResultName(result), error, status,
+      meaning);
   if (gState->results != nullptr) {
     CHAR16 line[kLineChars];
-    SPrint(line, sizeof(line), u"RESULT result=%s error=0x%x status=%r options='%s'\r\n", ResultName(result),
-           error, status, options);
+    SPrint(line, sizeof(line), u"RESULT result=%s error=0x%x status=%r options='%s' meaning=\"%s\"\r\n",
+           ResultName(result), error, status, options, meaning);
     WriteText(gState->results, line);
   }
   // A machine that hangs in a later call (a firmware driver looping, say) still leaves this call's

@@ -1,6 +1,7 @@
 // The module descriptor, the test table, the option tables and the type names. Everything the
 // module says about itself (usage, catalog, accepted options) comes from these constant tables.
 #pragma once
+#include "report/Results.h"
 #include "uefi/Base.h"
 
 enum OptionType : UINT32 {
@@ -33,9 +34,10 @@ struct TestInfo {
   const CHAR16* Name;
   const CHAR16* Description;
   const OptionInfo* Options;
-  TestProcedure Procedure; // null while the test has no procedure in this build
-  UINTN RunTime;           // seconds, as the run-time operation reports them
-  UINTN ErrorGroup;        // 0x8016TT00: the test's own error codes are ErrorGroup + NN
+  TestProcedure Procedure;    // null while the test has no procedure in this build
+  UINTN RunTime;              // seconds, as the run-time operation reports them
+  UINTN ErrorGroup;           // 0x8016TT00: the test's own error codes are ErrorGroup + NN
+  const ErrorMeaning* Errors; // those codes and what each means (codes every test shares aside)
 };
 
 // The error-code group of the test with this number: TT is the number plus one.

@@ -25,6 +25,15 @@ constexpr UINTN ERROR_CODE_SOFTWARE = 0x800000FF;        // the module itself fa
 constexpr UINTN ERROR_CODE_NO_NIC = 0x80160103;        // no NIC, or no managed-network service binding
 constexpr UINTN ERROR_CODE_NIC_NOT_FOUND = 0x80160104; // the NIC asked for by index, path or ID is not there
 
+// What an error code says, for the lines and files that carry a result to people and dashboards.
+struct ErrorMeaning {
+  UINTN Code;
+  const CHAR16* Meaning;
+};
+// The meaning of Code: from the test's own table (ended by an entry without a meaning; none when
+// null), else from the codes every test shares; null for a code nobody defines.
+const CHAR16* ErrorCodeMeaning(const ErrorMeaning* TestCodes, UINTN Code);
+
 // How a test names the cause of a failure status: the statuses it knows, each with its code.
 struct StatusErrorCode {
   EFI_STATUS Status;

@@ -275,6 +275,7 @@ extern const TestInfo kDetectCableTest = {
     .Procedure = DetectCable,
     .RunTime = 10,
     .ErrorGroup = TestErrorGroup(1),
+    .Errors = nullptr, // only the codes every test shares
 };
 
 EFI_STATUS DetectCable(UINTN* Result, UINTN* ErrorCode) {

@@ -39,6 +39,12 @@ constexpr UINTN kNoCable = kGroup + 0x01;
 constexpr UINTN kNotConfigured = kGroup + 0x02;
 constexpr UINTN kNoAnswer = kGroup + 0x03;
 static_assert(ERROR_CODE_NO_NIC == 0x80160103 && kNoCable == 0x80160301);
+constexpr ErrorMeaning kErrors[] = {
+    {kNoCable, u"no cable detected"},
+    {kNotConfigured, u"the network could not be configured"},
+    {kNoAnswer, u"the remote host did not answer"},
+    {},
+};
 
 // The progress bar runs from 1 % to 99 % over these positions; the DHCP and ping attempts and the
 // address wait fill the 30 points after 30 and after 60 (AttemptPoint, the wait's own scale).
@@ -329,6 +335,7 @@ extern const TestInfo kInteractiveNetworkTest = {
     .Procedure = InteractiveNetworkTest,
     .RunTime = 60,
     .ErrorGroup = kGroup,
+    .Errors = kErrors,
 };
 
 EFI_STATUS InteractiveNetworkTest(UINTN* Result, UINTN* ErrorCode) {

@@ -14,6 +14,7 @@ constexpr OptionInfo kOptions[] = {kRetriesOption, kTestRepeatsOption, kIndexOpt
 
 constexpr UINTN kGroup = TestErrorGroup(6);
 constexpr UINTN kIrqTestFailed = kGroup + 0x01;
+constexpr ErrorMeaning kErrors[] = {{kIrqTestFailed, u"the IRQ test failed"}, {}};
 
 CheckOutcome CheckInterruptLine(NicCheckRun& Run, EFI_HANDLE Nic) {
   PciLocation l = {};
@@ -49,6 +50,7 @@ extern const TestInfo kIrqTest = {
     .Procedure = IrqTest,
     .RunTime = 10,
     .ErrorGroup = kGroup,
+    .Errors = kErrors,
 };
 
 EFI_STATUS IrqTest(UINTN* Result, UINTN* ErrorCode) {

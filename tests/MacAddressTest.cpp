@@ -33,6 +33,7 @@ constexpr OptionInfo kOptions[] = {
 
 constexpr UINTN kGroup = TestErrorGroup(3);
 constexpr UINTN kMacTestFailed = kGroup + 0x02;
+constexpr ErrorMeaning kErrors[] = {{kMacTestFailed, u"the MAC address test failed"}, {}};
 constexpr UINT32 kPatternQuery =
     INI_CASE_INSENSITIVE | INI_TRIM | INI_VALUES_ONLY | INI_NO_COMMENT | INI_SKIP_EMPTY;
 constexpr UINTN kMacTextChars = 32;
@@ -102,6 +103,7 @@ extern const TestInfo kMacAddressTest = {
     .Procedure = MacAddressTest,
     .RunTime = 10,
     .ErrorGroup = kGroup,
+    .Errors = kErrors,
 };
 
 EFI_STATUS MacAddressTest(UINTN* Result, UINTN* ErrorCode) {

@@ -34,6 +34,7 @@ constexpr OptionInfo kOptions[] = {kRetriesOption,  kTestRepeatsOption,  kIndexO
 
 constexpr UINTN kGroup = TestErrorGroup(5);
 constexpr UINTN kSpeedTestFailed = kGroup + 0x01;
+constexpr ErrorMeaning kErrors[] = {{kSpeedTestFailed, u"the NIC speed test failed"}, {}};
 
 constexpr NIC_SPEED_ENTRY kNicSpeedTable[] = {
     {0x10EC, 0x8168, 0x80000003}, // Realtek RTL8111/8168
@@ -168,6 +169,7 @@ extern const TestInfo kNicSpeedTest = {
     .Procedure = NicSpeedTest,
     .RunTime = 10,
     .ErrorGroup = kGroup,
+    .Errors = kErrors,
 };
 
 EFI_STATUS NicSpeedTest(UINTN* Result, UINTN* ErrorCode) {

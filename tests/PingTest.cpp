@@ -52,12 +52,21 @@ constexpr OptionInfo kOptions[] = {
 };
 
 constexpr UINTN kGroup = TestErrorGroup(0);
-constexpr UINTN kConfigFailed = kGroup + 0x01;        // first IPv4 configuration failed, or DHCP timed out
-constexpr UINTN kPingTimedOut = kGroup + 0x02;        // the ping timed out
+constexpr UINTN kConfigFailed = kGroup + 0x01;
+constexpr UINTN kPingTimedOut = kGroup + 0x02;
 constexpr UINTN kPingKindUnsupported = kGroup + 0x05; // -dhcpping false or -localping true
-constexpr UINTN kDhcpRefused = kGroup + 0x06; // another DHCP client active, or no address to ping from
+constexpr UINTN kDhcpRefused = kGroup + 0x06;
 constexpr UINTN kNoCable = kGroup + 0x07;
 static_assert(ERROR_CODE_NO_NIC == kGroup + 0x03 && ERROR_CODE_NIC_NOT_FOUND == kGroup + 0x04);
+constexpr ErrorMeaning kErrors[] = {
+    {kConfigFailed, u"the first IPv4 configuration failed, or DHCP timed out"},
+    {kPingTimedOut, u"the ping timed out"},
+    {kPingKindUnsupported, u"an unsupported ping kind was asked for"},
+    {kDhcpRefused,
+     u"DHCP was refused (another DHCP client active), or there was no IPv4 address for the ping"},
+    {kNoCable, u"no cable"},
+    {},
+};
 
 struct PingOptions {
   UINT16 retries;
@@ -336,6 +345,7 @@ extern const TestInfo kPingTest = {
     .Procedure = PingTest,
     .RunTime = 10,
     .ErrorGroup = kGroup,
+    .Errors = kErrors,
 };
 
 EFI_STATUS PingTest(UINTN* Result, UINTN* ErrorCode) {

@@ -37,6 +37,7 @@ constexpr OptionInfo kOptions[] = {
 
 constexpr UINTN kGroup = TestErrorGroup(4);
 constexpr UINTN kSpeedTestFailed = kGroup + 0x01;
+constexpr ErrorMeaning kErrors[] = {{kSpeedTestFailed, u"the speed test failed"}, {}};
 
 constexpr UINTN kCompletionPolls = 50;     // at most 5 s for the last completions
 constexpr UINTN kCompletionPause = 100000; // 100 ms
@@ -157,6 +158,7 @@ extern const TestInfo kSpeedTest = {
     .Procedure = SpeedTest,
     .RunTime = 10,
     .ErrorGroup = kGroup,
+    .Errors = kErrors,
 };
 
 SpeedFigures ComputeNetworkSpeed(UINT64 PacketsCount, UINT32 MaxPacketSize, UINT32 MediaHeaderSize,

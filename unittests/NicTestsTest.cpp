@@ -44,7 +44,7 @@ EFI_HANDLE const kImage = reinterpret_cast<EFI_HANDLE>(0x1000);
 EFI_HANDLE const kManagerHandle = reinterpret_cast<EFI_HANDLE>(0x2000);
 EFI_HANDLE const kVolume = reinterpret_cast<EFI_HANDLE>(0x3000);
 
-TEST(TestTable, NumbersNamesAndErrorGroupsAgree) {
+TEST(TestTable, NumbersNamesErrorGroupsAndMeaningsAgree) {
   std::set<std::u16string> names;
   UINTN n = 0;
   for (; kTestTable[n] != nullptr; ++n) {
@@ -54,7 +54,15 @@ TEST(TestTable, NumbersNamesAndErrorGroupsAgree) {
     EXPECT_TRUE(names.insert(t.Name).second) << Narrow(t.Name) << " twice";
     EXPECT_GT(t.RunTime, 0u);
     EXPECT_NE(t.Options, nullptr);
+    for (const ErrorMeaning* e = t.Errors; e != nullptr && e->Meaning != nullptr; ++e) {
+      EXPECT_EQ(e->Code & ~UINTN(0xFF), t.ErrorGroup) << Narrow(t.Name) << " owns a code of another group";
+      EXPECT_EQ(ErrorMeaningOf(e->Code), e->Meaning) << Narrow(t.Name);
+    }
   }
+  // The codes every test shares, and one nobody defines.
+  EXPECT_NE(ErrorMeaningOf(ERROR_CODE_NIC_NOT_FOUND), nullptr);
+  EXPECT_NE(ErrorMeaningOf(ERROR_CODE_NONE), nullptr);
+  EXPECT_EQ(ErrorMeaningOf(0x80160199), nullptr);
   EXPECT_EQ(TestAt(-1), nullptr);
   EXPECT_EQ(TestAt(INT64(n)), nullptr);
 }
@@ -1055,6 +1063,13 @@ int RunScenario(const SweepScenario& s, uint64_t failAt, uint64_t* uses,
   bool decided = o.result != TEST_RESULT_IN_PROGRESS && o.result <= TEST_RESULT_SOFTWARE_ERROR;
   if (!decided && !(o.result == TEST_RESULT_IN_PROGRESS && EFI_ERROR(o.status)))
     wrong |= 2;
+  // Whatever went wrong, the error code is one whose meaning the result lines can name.
+  if (ErrorMeaningOf(o.error) == nullptr) {
+    std::fprintf(stderr, "%s, failure point %llu (%s): error code 0x%llx means nothing\n", s.test,
+                 static_cast<unsigned long long>(failAt), w.fw.failedCall,
+                 static_cast<unsigned long long>(o.error));
+    wrong |= 2;
+  }
   return wrong;
 }
 

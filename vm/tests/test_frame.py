@@ -3,7 +3,7 @@ import os
 import struct
 import unittest
 
-from vmtest import VERSION, boot, call_blocks, wcvm
+from vmtest import PASSED, REFUSED, VERSION, boot, call_blocks, wcvm
 
 
 def pe_header(path):
@@ -53,10 +53,10 @@ class CurrentLayout(unittest.TestCase):
 
     def test_answered_and_refused_strings(self):
         self.assertIn(f"Wirecheck Version {VERSION}", self.blocks["-version"])
-        self.assertIn("RESULT result=Passed error=0x0 status=Success", self.blocks["-version"])
-        self.assertIn("RESULT result=Failed error=0x80000002 status=Success", self.blocks["-test=nosuch"])
+        self.assertIn(PASSED, self.blocks["-version"])
+        self.assertIn(REFUSED, self.blocks["-test=nosuch"])
         refused = self.blocks["-test=pingtest -retries=9"]
-        self.assertIn("RESULT result=Failed error=0x80000002 status=Success", refused)
+        self.assertIn(REFUSED, refused)
         # The console switch is off after -version: the error reaches the manager's log only.
         self.assertIn("Option -retries argument should be below maximum value of 5", self.run_.log)
 
@@ -71,7 +71,7 @@ class OldLayout(unittest.TestCase):
         blocks = dict(call_blocks(run))
         self.assertIn("PROTOCOLS current=yes old=yes layout=old", run.output)
         self.assertIn("RUNTIME runtime=60 status=Success", blocks["-test=interactivenetworktest"])
-        self.assertIn("RESULT result=Failed error=0x80000002 status=Success", blocks["-test=detectcable -bogus"])
+        self.assertIn(REFUSED, blocks["-test=detectcable -bogus"])
         self.assertIn("VexGetTestRunTime() returns result 3 with error code 0x80000002", run.log)
         self.assertIn("UNLOAD status=Success protocols=removed", run.output)
 

@@ -1,7 +1,7 @@
 """Option strings answered in OVMF: usage, version and catalog texts, refused strings, DIAG_DEBUG."""
 import unittest
 
-from vmtest import boot, call_blocks, expected, runtime_text
+from vmtest import PASSED, boot, call_blocks, expected, result_line, runtime_text
 
 # One string refused at each step of the parse; the unit tests go through the validation rules one by one.
 REFUSED = {
@@ -34,13 +34,13 @@ class OptionStrings(unittest.TestCase):
             with self.subTest(options=options):
                 lines = self.blocks[options]
                 self.assertEqual(runtime_text(lines), expected(name))
-                self.assertIn("RESULT result=Passed error=0x0 status=Success", lines)
+                self.assertIn(PASSED, lines)
 
     def test_refused_strings_fail_with_their_message(self):
         for options, message in REFUSED.items():
             with self.subTest(options=options):
                 lines = self.blocks[options]
-                self.assertIn("RESULT result=Failed error=0x80000002 status=Success", lines)
+                self.assertIn(result_line("Failed", 0x80000002), lines)
                 self.assertIn("RUNTIME runtime=0 result=Failed error=0x80000002 status=Success", lines)
                 shown = runtime_text(lines)
                 if message:

@@ -2,13 +2,11 @@
 import re
 import unittest
 
-from vmtest import boot, call_blocks
-
-PASSED = "RESULT result=Passed error=0x0 status=Success"
+from vmtest import PASSED, boot, call_blocks, result_line
 
 
 def failed(code):
-    return f"RESULT result=Failed error=0x{code:X} status=Success"
+    return result_line("Failed", code)
 
 
 class DefaultNic(unittest.TestCase):

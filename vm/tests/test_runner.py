@@ -10,7 +10,7 @@ import tempfile
 import time
 import unittest
 
-from vmtest import VERSION, wcvm
+from vmtest import PASSED, VERSION, wcvm
 
 # The runner as ./wirecheck starts it: the wcvm package in vm/, run as a module.
 VM_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -82,18 +82,21 @@ class MachineReadableResults(unittest.TestCase):
                 report = json.load(f)
             parsed = subprocess.run(["/usr/bin/python3", "-c", JUNIT_READER, out_xml], capture_output=True,
                                     text=True, timeout=60)
-        self.assertEqual([(c["test"], c["result"], c["error"]) for c in report["cases"]],
-                         [("pingtest", "Passed", "0x0"), ("pingtest", "Failed", "0x80160104"),
-                          ("module", "Passed", "0x0")])
+        self.assertEqual([(c["test"], c["result"], c["error"], c["meaning"]) for c in report["cases"]],
+                         [("pingtest", "Passed", "0x0", "no error"),
+                          ("pingtest", "Failed", "0x80160104", "the NIC asked for does not exist"),
+                          ("module", "Passed", "0x0", "no error")])
         self.assertIn("The NIC is not found!", report["cases"][1]["log"])
         self.assertNotIn("log", report["cases"][0])
         self.assertEqual(parsed.returncode, 0, parsed.stderr)
         self.assertEqual(parsed.stdout.splitlines(), ["3 1 0", "wirecheck.pingtest", "-test=pingtest",
-                                                 "wirecheck.pingtest", "-test=pingtest -index=2:failure",
+                                                 "wirecheck.pingtest", "-test=pingtest -index=2:failure Failed "
+                                                 "error=0x80160104 (the NIC asked for does not exist) status=Success",
                                                  "wirecheck.module", "-version"])
 
 
-# Prints tests, failures, errors, then each case's class name and name (":failure" on a failure).
+# Prints tests, failures, errors, then each case's class name and name (":failure" and its message on
+# a failure).
 JUNIT_READER = """
 import sys
 from junitparser import Failure, JUnitXml
@@ -102,7 +105,8 @@ suite = next(iter(xml))
 print(suite.tests, suite.failures, suite.errors)
 for case in suite:
     print(case.classname)
-    print(case.name + (":failure" if any(isinstance(r, Failure) for r in case.result) else ""))
+    failures = [r for r in case.result if isinstance(r, Failure)]
+    print(case.name + "".join(":failure " + r.message for r in failures))
 """
 
 
@@ -153,7 +157,7 @@ class RunnerTest(unittest.TestCase):
             lines = timed_lines(proc)
         self.assertEqual(proc.returncode, 0)
         results = [(t, line) for t, line in lines if line.startswith("RESULT ")]
-        self.assertEqual([line for _, line in results], ["RESULT result=Passed error=0x0 status=Success"] * 2)
+        self.assertEqual([line for _, line in results], [PASSED] * 2)
         self.assertIn(f"Wirecheck Version {VERSION}", [line for _, line in lines])
         # Progress shows while the test runs: the first report seconds before the test's result.
         progress = [t for t, line in lines if line.startswith("PROGRESS ")]
@@ -178,8 +182,10 @@ class RunnerTest(unittest.TestCase):
                     self.assertNotIn("startup.nsh", run.serial)
                     self.assertEqual([r[0] for r in run.results], ["Passed", "Passed"])  # this boot's own
                     self.assertEqual(wcvm.read_image_results(image),
-                                     ["RESULT result=Passed error=0x0 status=Success options='-test=pingtest'",
-                                      "RESULT result=Passed error=0x0 status=Success options='-version'"])
+                                     ["RESULT result=Passed error=0x0 status=Success options='-test=pingtest' "
+                                      'meaning="no error"',
+                                      "RESULT result=Passed error=0x0 status=Success options='-version' "
+                                      'meaning="no error"'])
 
 
 if __name__ == "__main__":

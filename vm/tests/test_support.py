@@ -2,7 +2,7 @@
 import os
 import unittest
 
-from vmtest import boot, call_blocks, expected
+from vmtest import PASSED, boot, call_blocks, expected
 
 STAMP = r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d  "
 
@@ -46,7 +46,7 @@ class FilesAndIdentity(unittest.TestCase):
         # \work is the shell's current directory.
         self.assertEqual(read(self.run_, "work", "here.xml"), read(self.run_, "cat.xml"))
         blocks = dict(call_blocks(self.run_))
-        self.assertIn("RESULT result=Passed error=0x0 status=Success", blocks["-catalog=here.xml"])
+        self.assertIn(PASSED, blocks["-catalog=here.xml"])
 
 
 class MessageFileAndLogPath(unittest.TestCase):

@@ -46,3 +46,23 @@ def expected(name):
 
 # The module's version text ("1.01 built ..."), from the one expected file that shows it.
 VERSION = expected("version.txt").splitlines()[0].removeprefix("Wirecheck Version ")
+
+
+# What the result lines say an error code means: the codes the VM tests meet.
+MEANINGS = {
+    0: "no error",
+    0x80000002: "the option string was refused",
+    0x80160101: "the first IPv4 configuration failed, or DHCP timed out",
+    0x80160104: "the NIC asked for does not exist",
+    0x80160105: "an unsupported ping kind was asked for",
+    0x80160107: "no cable",
+}
+
+
+def result_line(result, code=0, status="Success"):
+    """The manager's RESULT line for a call that ended so."""
+    return f'RESULT result={result} error=0x{code:X} status={status} meaning="{MEANINGS[code]}"'
+
+
+PASSED = result_line("Passed")
+REFUSED = result_line("Failed", 0x80000002)

@@ -58,7 +58,8 @@ NIC_MODELS = {
 ESCAPE = re.compile(r"\x1b\[[0-9;=?]*[A-Za-z]")
 
 
-RESULT_LINE = re.compile(r"^RESULT result=(\w+) error=0x([0-9A-Fa-f]+) status=(.*)$")
+# The manager's line per call; the meaning of the error code ends it.
+RESULT_LINE = re.compile(r'^RESULT result=(\w+) error=0x([0-9A-Fa-f]+) status=(.*?)(?: meaning="([^"]*)")?$')
 
 
 MANAGER_LINES = ("CALL ", "RUNTIME ", "LOAD ", "PROTOCOLS ", "MODULE ", "UNLOAD ", "VEXRUN ", "HANDLES ", "MESSAGE ")
@@ -190,6 +191,7 @@ class VmRun:
     files_dir: str
     elapsed: float
     line_times: list = field(default_factory=list)  # (seconds since start, serial line) as they arrived
+    meanings: list = field(default_factory=list)  # what each call's error code means, per call
 
     def lines(self, prefix):
         return [l for l in self.output.splitlines() if l.startswith(prefix)]

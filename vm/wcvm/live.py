@@ -175,13 +175,14 @@ def run_vm(cfg):
             # The manager did not get to write its files: take its console from the serial log.
             m = re.search(r"VEXRUN BEGIN\n(.*?)(VEXRUN END[^\n]*\n|\Z)", serial, re.S)
             output = (m.group(0) if m else "")
-        results = []
+        results, meanings = [], []
         for line in output.splitlines():
             m = RESULT_LINE.match(line)
             if m:
                 results.append((m.group(1), int(m.group(2), 16), m.group(3).strip()))
+                meanings.append(m.group(4) or "")
         run = VmRun(serial=serial, output=output, log=log or "", results=results, files_dir=last_dir,
-                    elapsed=time.time() - start, line_times=_line_times(bytes(raw), arrivals))
+                    elapsed=time.time() - start, line_times=_line_times(bytes(raw), arrivals), meanings=meanings)
         if unanswerable:
             raise HarnessError(f"{unanswerable} is waiting for an answer and there is no terminal to give one; "
                                f"answer it with --script FILE (a line 'prompt ok' or 'prompt abort', "

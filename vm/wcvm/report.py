@@ -1,6 +1,6 @@
 """A run's calls as CI systems read them: JSON and JUnit XML, one case per call with its option
-string, the test's name, run time, result, error code and status, and for a call that did not pass
-the last lines of the manager's log for it."""
+string, the test's name, run time, result, error code, what the code means and status, and for a call
+that did not pass the last lines of the manager's log for it."""
 import json
 import re
 import xml.etree.ElementTree as ET
@@ -43,6 +43,7 @@ def cases(calls, run):
         m = re.search(r"-test=(\S+)", options)
         case = {"options": options, "test": m.group(1) if m else "module", "result": result,
                 "error": f"0x{error:X}", "status": status,
+                "meaning": run.meanings[index] if index < len(run.meanings) else "",
                 "seconds": times[index] if index < len(times) else None}
         if result != "Passed":
             # The module's own lines: the manager's bookkeeping and progress reports are left out.
@@ -74,7 +75,7 @@ def write_junit(path, calls, run):
     for c in found:
         case = ET.SubElement(suite, "testcase", classname=f"wirecheck.{c['test']}", name=c["options"],
                              time=f"{c['seconds'] or 0:.1f}")
-        message = f"{c['result']} error={c['error']} status={c['status']}"
+        message = f"{c['result']} error={c['error']} ({c['meaning']}) status={c['status']}"
         kind = "failure" if c in failures else "error" if c in errors else "skipped" if c in skipped else ""
         if kind:
             element = ET.SubElement(case, kind, message=message, type=c["result"])
