@@ -24,7 +24,9 @@
 #include "base/Print.h"
 #include "base/String.h"
 #include "frame/Module.h"
+#include "manager/Report.h"
 #include "manager/Script.h"
+#include "support/Clock.h"
 #include "support/DebugLog.h"
 #include "support/FileIo.h"
 #include "report/Messages.h"
@@ -63,6 +65,10 @@ struct State {
   EFI_FILE_PROTOCOL* log = nullptr;     // everything the manager received or said
   EFI_FILE_PROTOCOL* out = nullptr;     // exactly what it showed on the console
   EFI_FILE_PROTOCOL* results = nullptr; // one RESULT line per call, in boot mode
+  bool reports = false;                 // boot mode: results.xml and results.json beside results.txt
+  ReportCase cases[kMaxCalls] = {};
+  UINTN caseCount = 0;
+  ReportLogTail tail = {}; // the module's last lines in the call under way
   CHAR16 dir[kPathChars] = {};
   AnswerScript* script = nullptr;
   bool verbose = false;
@@ -71,33 +77,29 @@ struct State {
 };
 constinit State* gState = nullptr;
 
-const CHAR16* ResultName(UINTN result) {
-  static constexpr const CHAR16* kNames[] = {u"InProgress",   u"Passed",  u"Cancelled",
-                                             u"Failed",       u"Skipped", u"NotAvailable",
-                                             u"NotInstalled", u"Warning", u"SoftwareError"};
-  return result < wc::ArrayCount(kNames) ? kNames[result] : u"Unknown";
-}
-
-// UTF-8 copy of a text into one of the manager's files.
+// UTF-8 copy of a text into one of the manager's files, a buffer at a time.
 void WriteText(EFI_FILE_PROTOCOL* file, const CHAR16* text) {
   if (file == nullptr || text == nullptr)
     return;
   CHAR8 bytes[kLineChars * 3];
-  UINTN n = 0;
-  for (; *text != 0 && n + 3 < sizeof(bytes); ++text) {
-    CHAR16 c = *text;
-    if (c < 0x80) {
-      bytes[n++] = CHAR8(c);
-    } else if (c < 0x800) {
-      bytes[n++] = CHAR8(0xC0 | (c >> 6));
-      bytes[n++] = CHAR8(0x80 | (c & 0x3F));
-    } else {
-      bytes[n++] = CHAR8(0xE0 | (c >> 12));
-      bytes[n++] = CHAR8(0x80 | ((c >> 6) & 0x3F));
-      bytes[n++] = CHAR8(0x80 | (c & 0x3F));
+  while (*text != 0) {
+    UINTN n = 0;
+    for (; *text != 0 && n + 3 < sizeof(bytes); ++text) {
+      CHAR16 c = *text;
+      if (c < 0x80) {
+        bytes[n++] = CHAR8(c);
+      } else if (c < 0x800) {
+        bytes[n++] = CHAR8(0xC0 | (c >> 6));
+        bytes[n++] = CHAR8(0x80 | (c & 0x3F));
+      } else {
+        bytes[n++] = CHAR8(0xE0 | (c >> 12));
+        bytes[n++] = CHAR8(0x80 | ((c >> 6) & 0x3F));
+        bytes[n++] = CHAR8(0x80 | (c & 0x3F));
+      }
     }
+    if (EFI_ERROR(file->Write(file, &n, bytes)))
+      return;
   }
-  file->Write(file, &n, bytes);
 }
 
 void LogText(const CHAR16* text) {
@@ -167,6 +169,7 @@ EFI_STATUS EFIAPI ManagerProgress(UINTN Percent, UINTN SecondsRemaining, UINTN* 
 EFI_STATUS EFIAPI ManagerOutput(CHAR16* Text, BOOLEAN Flag, BOOLEAN ToConsole, BOOLEAN ToError) {
   if (Text == nullptr)
     return EFI_INVALID_PARAMETER;
+  gState->tail.Add(Text);
   if (gState->verbose) {
     Say(u"[flag=%d console=%d error=%d] ", Flag, ToConsole, ToError);
     Show(Text, ToError ? EFI_LIGHTRED : 0);
@@ -461,8 +464,40 @@ struct ModuleApi {
   VEX_TEST_MODULE_OLD_PROTOCOL* old = nullptr;
 };
 
+void WriteDocument(const CHAR16* name, CHAR16* text) {
+  wc::PoolPtr<CHAR16> owned(text);
+  EFI_FILE_PROTOCOL* file = CreateFresh(name);
+  if (file == nullptr)
+    return;
+  WriteText(file, owned.Get());
+  file->Close(file);
+}
+
+// The boot image's results for CI systems: results.xml (JUnit) and results.json, rewritten whole
+// after every call, so that they are complete documents whatever happens next.
+void RecordCase(const CHAR16* options, UINTN result, UINTN error, EFI_STATUS status, UINT64 milliseconds) {
+  State& s = *gState;
+  if (!s.reports || s.caseCount == kMaxCalls)
+    return;
+  s.cases[s.caseCount++] = {StrDuplicate(options),
+                            result,
+                            error,
+                            status,
+                            milliseconds,
+                            result == TEST_RESULT_PASSED ? nullptr : JoinLogTail(s.tail)};
+  WriteDocument(u"results.xml", BuildJunitReport(s.cases, s.caseCount));
+  WriteDocument(u"results.json", BuildJsonReport(s.cases, s.caseCount));
+}
+
+UINT64 MillisecondsSince(UINT64 start) {
+  UINT64 perMillisecond = TimeStampCounterFrequency() / 1000;
+  return perMillisecond == 0 ? 0 : (ReadTimeStampCounter() - start) / perMillisecond;
+}
+
 void RunOneCall(const ModuleApi& api, EFI_HANDLE module, CHAR16* options) {
   Say(u"CALL options='%s'\r\n", options);
+  UINT64 start = ReadTimeStampCounter();
+  gState->tail.Clear();
   UINTN runTime = 0;
   UINTN result = 0;
   UINTN error = 0;
@@ -499,6 +534,7 @@ void RunOneCall(const ModuleApi& api, EFI_HANDLE module, CHAR16* options) {
            ResultName(result), error, status, options, meaning);
     WriteText(gState->results, line);
   }
+  RecordCase(options, result, error, status, MillisecondsSince(start));
   // A machine that hangs in a later call (a firmware driver looping, say) still leaves this call's
   // result and log on the disk.
   EFI_FILE_PROTOCOL* files[] = {gState->log, gState->out, gState->results};
@@ -623,6 +659,7 @@ EFI_STATUS Run(EFI_HANDLE image, Settings& settings) {
     if (!EFI_ERROR(ReadWholeFile(u"script.txt", probe)))
       settings.scriptFile = u"script.txt";
     gState->results = CreateFresh(u"results.txt");
+    gState->reports = true;
   }
 
   wc::PoolPtr<CHAR16> callsText;
@@ -717,6 +754,10 @@ extern "C" EFI_STATUS EFIAPI VexRunMain(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE
   for (EFI_FILE_PROTOCOL* file : files)
     if (file != nullptr)
       file->Close(file);
+  for (UINTN i = 0; i < state.caseCount; ++i) {
+    FreePool(const_cast<CHAR16*>(state.cases[i].Options));
+    FreePool(state.cases[i].Log);
+  }
   if (state.root != nullptr)
     state.root->Close(state.root);
   gState = nullptr;

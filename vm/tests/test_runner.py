@@ -170,23 +170,49 @@ class RunnerTest(unittest.TestCase):
             position = serial.index(line.strip(), position) + 1
 
     def test_boot_image_runs_its_calls_without_a_shell(self):
+        # The last call is refused, and its option string carries every character XML and JSON escape.
+        tricky = "-test=nosuch a<b>&\"c'd\\"
+        calls = ["-test=pingtest", "-version", "-test=pingtest -index=2", tricky]
         with tempfile.TemporaryDirectory() as work:
             image = os.path.join(work, "stick.img")
-            made = subprocess.run(RUNNER + ["image", image, "--", "-test=pingtest", "-version"],
-                                  capture_output=True, text=True)
+            made = subprocess.run(RUNNER + ["image", image, "--"] + calls, capture_output=True, text=True)
             self.assertEqual(made.returncode, 0, made.stderr)
             self.assertIn("dd if=", made.stdout)
             for usb in (False, True):  # a virtio disk, and a USB stick on an XHCI controller
                 with self.subTest(usb_stick=usb):
                     run = wcvm.run_vm(wcvm.VmConfig(image=image, usb_stick=usb))
                     self.assertNotIn("startup.nsh", run.serial)
-                    self.assertEqual([r[0] for r in run.results], ["Passed", "Passed"])  # this boot's own
-                    self.assertEqual(wcvm.read_image_results(image),
+                    self.assertEqual([r[0] for r in run.results], ["Passed", "Passed", "Failed", "Failed"])
+                    self.assertEqual(wcvm.read_image_results(image)[:3],
                                      ["RESULT result=Passed error=0x0 status=Success options='-test=pingtest' "
                                       'meaning="no error"',
                                       "RESULT result=Passed error=0x0 status=Success options='-version' "
-                                      'meaning="no error"'])
-
+                                      'meaning="no error"',
+                                      "RESULT result=Failed error=0x80160104 status=Success "
+                                      "options='-test=pingtest -index=2' meaning=\"the NIC asked for does not exist\""])
+            # Beside results.txt, this boot's calls for CI systems: JSON and JUnit, one case per call.
+            report = json.loads(wcvm.read_image_file(image, "results.json"))
+            xml_path = os.path.join(work, "results.xml")
+            with open(xml_path, "w") as f:
+                f.write(wcvm.read_image_file(image, "results.xml"))
+            parsed = subprocess.run(["/usr/bin/python3", "-c", JUNIT_READER, xml_path], capture_output=True,
+                                    text=True, timeout=60)
+        self.assertEqual([(c["options"], c["test"], c["result"], c["error"], c["meaning"]) for c in report["cases"]],
+                         [("-test=pingtest", "pingtest", "Passed", "0x0", "no error"),
+                          ("-version", "module", "Passed", "0x0", "no error"),
+                          ("-test=pingtest -index=2", "pingtest", "Failed", "0x80160104",
+                           "the NIC asked for does not exist"),
+                          (tricky, "nosuch", "Failed", "0x80000002", "the option string was refused")])
+        self.assertEqual((report["passed"], report["not_passed"]), (2, 2))
+        self.assertIn("The NIC is not found!", report["cases"][2]["log"])
+        self.assertNotIn("log", report["cases"][0])
+        self.assertEqual(parsed.returncode, 0, parsed.stderr)
+        self.assertEqual(parsed.stdout.splitlines(),
+                         ["4 2 0", "wirecheck.pingtest", "-test=pingtest", "wirecheck.module", "-version",
+                          "wirecheck.pingtest", "-test=pingtest -index=2:failure Failed error=0x80160104 "
+                          "(the NIC asked for does not exist) status=Success",
+                          "wirecheck.nosuch", tricky + ":failure Failed error=0x80000002 (the option string was "
+                          "refused) status=Success"])
 
 if __name__ == "__main__":
     unittest.main()

@@ -141,11 +141,15 @@ def build_image(path, calls, script="", files=()):
         shutil.rmtree(work, ignore_errors=True)
 
 
-def read_image_results(path):
-    """The RESULT lines of results.txt on a boot image, after it ran."""
-    done = subprocess.run(["mtype", "-i", f"{path}@@{IMAGE_OFFSET}", "::/EFI/BOOT/results.txt"],
-                          capture_output=True)
+def read_image_file(path, name):
+    """A file of the boot image's \\EFI\\BOOT directory as text, after it ran; None when it is not there."""
+    done = subprocess.run(["mtype", "-i", f"{path}@@{IMAGE_OFFSET}", f"::/EFI/BOOT/{name}"], capture_output=True)
     if done.returncode != 0:
         return None
-    return [l for l in done.stdout.decode("utf-8", "replace").replace("\r", "").splitlines()
-            if l.startswith("RESULT ")]
+    return done.stdout.decode("utf-8", "replace").replace("\r", "")
+
+
+def read_image_results(path):
+    """The RESULT lines of results.txt on a boot image, after it ran."""
+    text = read_image_file(path, "results.txt")
+    return None if text is None else [l for l in text.splitlines() if l.startswith("RESULT ")]
