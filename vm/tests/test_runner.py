@@ -3,6 +3,9 @@ can answer, several calls in one boot, and a boot image for real machines."""
 import json
 import os
 import pty
+import re
+import shlex
+import shutil
 import select
 import subprocess
 import sys
@@ -10,7 +13,7 @@ import tempfile
 import time
 import unittest
 
-from vmtest import PASSED, VERSION, wcvm
+from vmtest import PASSED, ROOT, VERSION, wcvm
 
 # The runner as ./wirecheck starts it: the wcvm package in vm/, run as a module.
 VM_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -213,6 +216,57 @@ class RunnerTest(unittest.TestCase):
                           "(the NIC asked for does not exist) status=Success",
                           "wirecheck.nosuch", tricky + ":failure Failed error=0x80000002 (the option string was "
                           "refused) status=Success"])
+
+STATUS_LINE = re.compile(r"^(pingtest|SpeedTest) \[[#.]+\] +\d+% \d+ s left")
+
+
+@unittest.skipUnless(shutil.which("tmux"), "tmux is missing (./wirecheck installs it)")
+class WatchedRun(unittest.TestCase):
+    """./wirecheck run in a tmux pane: at a terminal the progress reports redraw one status line and
+    the terminal is left as it was; in a pipe each report is a line of its own."""
+
+    def run_in_pane(self, command):
+        # A tmux server of this run's own (a server just told to stop may still hold its socket): the
+        # user's sessions are never touched.
+        tmux = ["tmux", "-L", f"wirecheck-test-{os.getpid()}-{time.monotonic_ns()}"]
+        env = {k: v for k, v in os.environ.items() if k != "TMUX"}
+        with tempfile.TemporaryDirectory() as work:
+            before, after = os.path.join(work, "before"), os.path.join(work, "after")
+            script = (f"cd {shlex.quote(ROOT)}; stty -g > {before}; {command}; rc=$?; stty -g > {after}; "
+                      f"echo FINISHED-$rc; sleep 600")
+            subprocess.run(tmux + ["new-session", "-d", "-x", "120", "-y", "50", script], check=True, env=env)
+            panes, deadline = [], time.time() + 300
+            try:
+                while time.time() < deadline:
+                    pane = subprocess.run(tmux + ["capture-pane", "-p", "-J"], capture_output=True, text=True,
+                                          env=env).stdout
+                    panes.append([line.rstrip() for line in pane.splitlines() if line.strip()])
+                    if "FINISHED-" in pane:
+                        break
+                    time.sleep(0.1)
+            finally:
+                subprocess.run(tmux + ["kill-server"], capture_output=True, env=env)
+            with open(before) as f, open(after) as g:
+                same_terminal = f.read() == g.read()
+        return panes, same_terminal
+
+    def test_a_terminal_sees_one_redrawn_status_line_and_a_pipe_plain_lines(self):
+        panes, same_terminal = self.run_in_pane("./wirecheck run -- -test=pingtest -test=SpeedTest")
+        final = panes[-1]
+        self.assertIn("FINISHED-0", final)
+        self.assertEqual(final.count(PASSED), 2, final)
+        self.assertTrue(same_terminal)
+        statuses = [sum(bool(STATUS_LINE.match(line)) for line in pane) for pane in panes]
+        self.assertEqual(max(statuses), 1, "no status line, or more than one at once")
+        self.assertFalse(any(line.startswith("PROGRESS [") for pane in panes for line in pane))
+        self.assertFalse(any(STATUS_LINE.match(line) for line in final))  # cleared at the end
+
+        panes, _ = self.run_in_pane("./wirecheck run -test=pingtest | cat")
+        final = panes[-1]
+        self.assertIn("FINISHED-0", final)
+        self.assertGreaterEqual(sum(line.startswith("PROGRESS [") for line in final), 2, final)
+        self.assertFalse(any(STATUS_LINE.match(line) for pane in panes for line in pane))
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -1,6 +1,7 @@
 """The command line of ./wirecheck run and ./wirecheck image."""
 import argparse
 import re
+import signal
 import sys
 
 from .config import (MANAGER_LINES, NIC_MODELS, NIC_OPTIONS, RESULT_LINE, HarnessError, Nic, VmConfig, parse_files,
@@ -173,17 +174,24 @@ def main(argv):
     except (ValueError, OSError) as e:
         print(f"wirecheck run: {e}", file=sys.stderr)
         return 2
-    printer = LivePrinter(args.verbose)
+    printer = LivePrinter(args.verbose, terminal=sys.stdout.isatty())
     cfg.on_line = printer
     cfg.keyboard = not cfg.script and sys.stdin.isatty()
+    # A terminated run unwinds like an interrupted one, so the terminal is left as it was.
+    old_term = signal.signal(signal.SIGTERM, lambda *_: sys.exit(2))
     try:
         run = run_vm(cfg)
     except HarnessError as e:
+        printer.close()
         print(f"wirecheck run: {e}", file=sys.stderr)
         return 2
     except KeyboardInterrupt:
+        printer.close()
         print("wirecheck run: interrupted", file=sys.stderr)
         return 2
+    finally:
+        printer.close()
+        signal.signal(signal.SIGTERM, old_term)
     if len(run.results) != len(calls):
         print(f"wirecheck run: the manager printed {len(run.results)} RESULT line(s) for {len(calls)} call(s)",
               file=sys.stderr)

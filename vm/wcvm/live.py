@@ -278,14 +278,26 @@ def _read_text(path):
         return f.read().decode("utf-8", "replace").replace("\r", "")
 
 
+PROGRESS_LINE = re.compile(r"^PROGRESS \[([#.]+)\]\s*(\d+)% (\d+) s left$")
+# Lines that ask the operator something: at a terminal they stand out.
+QUESTION_LINES = ("PROMPT ", "MENU ") + WAITING_LINES
+STANDOUT, PLAIN, CLEAR_LINE = "\x1b[1;7m", "\x1b[0m", "\r\x1b[2K"
+
+
 class LivePrinter:
     """Prints the manager's console as it arrives: the module's lines, progress and prompts, and
-    one RESULT line per call."""
+    one RESULT line per call. At a terminal the progress reports redraw one status line at the
+    bottom (test, bar, percent, seconds left) and questions stand out; close() leaves the terminal
+    as it was. In a pipe or a file every line is printed as it came."""
 
-    def __init__(self, verbose):
+    def __init__(self, verbose, terminal=False, out=None):
         self.verbose = verbose
+        self.terminal = terminal
+        self.out = out or sys.stdout
         self.inside = False
         self.results = []
+        self.test = ""  # the test of the call under way
+        self.status = ""  # the status line as drawn, "" when none is
 
     def __call__(self, line):
         if line.startswith("VEXRUN BEGIN"):
@@ -296,8 +308,44 @@ class LivePrinter:
         if line.startswith("VEXRUN END"):
             self.inside = False
             return
+        if line.startswith("CALL options="):
+            m = re.search(r"-test=(\S+)", line)
+            self.test = m.group(1).rstrip("'") if m else "module"
+        progress = PROGRESS_LINE.match(line) if self.terminal else None
+        if progress:
+            self._draw_status(*progress.groups())
+            return
         if RESULT_LINE.match(line):
             self.results.append(line)
+            self._clear_status()
         elif not self.verbose and line.startswith(MANAGER_LINES):
             return
-        print(line, flush=True)
+        self._print(line)
+
+    def close(self):
+        if self.terminal:
+            self._clear_status()
+            self.out.write(PLAIN)
+            self.out.flush()
+
+    def _print(self, line):
+        if not self.terminal:
+            print(line, file=self.out, flush=True)
+            return
+        question = line.startswith(QUESTION_LINES)
+        if question:
+            self.status = ""  # the operator's attention goes to the question
+        self.out.write(CLEAR_LINE + (STANDOUT + line + PLAIN if question else line) + "\n" + self.status)
+        self.out.flush()
+
+    def _draw_status(self, bar, percent, seconds):
+        width = shutil.get_terminal_size().columns - 1
+        self.status = f"{self.test} [{bar}] {int(percent):3d}% {seconds} s left"[:width]
+        self.out.write(CLEAR_LINE + self.status)
+        self.out.flush()
+
+    def _clear_status(self):
+        if self.status:
+            self.out.write(CLEAR_LINE)
+            self.out.flush()
+            self.status = ""
