@@ -569,16 +569,38 @@ void PowerOff() {
   gRT->ResetSystem(EfiResetShutdown, EFI_SUCCESS, 0, nullptr);
 }
 
+// A module the firmware would not load or start: said on the screen and, in boot mode, in the
+// results, where each of the calls [first, last) is a case without a result.
+void ReportRefusedModule(const Settings& settings, EFI_STATUS status, UINTN first, UINTN last) {
+  if (status == EFI_SECURITY_VIOLATION || status == EFI_ACCESS_DENIED)
+    Say(u"VexRun: the firmware refused %s (%r): with Secure Boot on, the module must be signed with a key "
+        u"the machine trusts, and unchanged since\r\n",
+        settings.module, status);
+  if (gState->results != nullptr) {
+    CHAR16 line[kLineChars];
+    SPrint(line, sizeof(line), u"LOAD module=%s status=%r\r\n", settings.module, status);
+    WriteText(gState->results, line);
+    gState->results->Flush(gState->results);
+  }
+  gState->tail.Clear();
+  for (UINTN i = first; i < last; ++i)
+    RecordCase(settings.calls[i], TEST_RESULT_IN_PROGRESS, ERROR_CODE_NONE, status, 0);
+}
+
 // Loads the module, names it, runs calls [first, last) and unloads it again.
 EFI_STATUS RunSession(EFI_HANDLE image, EFI_DEVICE_PATH_PROTOCOL* modulePath, const Settings& settings,
                       UINTN first, UINTN last) {
   EFI_HANDLE module = nullptr;
   EFI_STATUS status = gBS->LoadImage(FALSE, image, modulePath, nullptr, 0, &module);
+  if (status == EFI_SECURITY_VIOLATION && module != nullptr)
+    gBS->UnloadImage(module); // loaded, but the platform's policy forbids starting it
   if (!EFI_ERROR(status))
     status = gBS->StartImage(module, nullptr, nullptr);
   Say(u"LOAD module=%s status=%r\r\n", settings.module, status);
-  if (EFI_ERROR(status))
+  if (EFI_ERROR(status)) {
+    ReportRefusedModule(settings, status, first, last);
     return status;
+  }
 
   ModuleApi api;
   void* iface = nullptr;

@@ -13,12 +13,9 @@ import tempfile
 import time
 import unittest
 
-from vmtest import PASSED, ROOT, VERSION, wcvm
+from vmtest import PASSED, ROOT, RUNNER, VERSION, wcvm
 
 # The runner as ./wirecheck starts it: the wcvm package in vm/, run as a module.
-VM_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-os.environ["PYTHONPATH"] = os.pathsep.join(filter(None, [VM_DIR, os.environ.get("PYTHONPATH")]))
-RUNNER = [sys.executable, "-m", "wcvm"]
 UNPLUGGED = ["--nic", "virtio:link=off", "-test=pingtest", "-retries=1"]
 WAITING = "Press a key to continue, ESC to abort."
 

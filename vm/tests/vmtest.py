@@ -6,6 +6,9 @@ import sys
 VM_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 ROOT = os.path.dirname(VM_DIR)
 sys.path.insert(0, VM_DIR)
+# ./wirecheck's runner as a command, for the tests that run it as a user does.
+os.environ["PYTHONPATH"] = os.pathsep.join(filter(None, [VM_DIR, os.environ.get("PYTHONPATH")]))
+RUNNER = [sys.executable, "-m", "wcvm"]
 
 import wcvm  # noqa: E402
 

@@ -1,29 +1,34 @@
 """The command line of ./wirecheck run and ./wirecheck image."""
 import argparse
+import os
 import re
 import signal
+import subprocess
 import sys
+import tempfile
 
-from .config import (MANAGER_LINES, NIC_MODELS, NIC_OPTIONS, RESULT_LINE, HarnessError, Nic, VmConfig, parse_files,
-                     parse_var)
+from .config import (MANAGER_LINES, NIC_MODELS, NIC_OPTIONS, RESULT_LINE, TEST_CERT, TEST_KEY, TEST_KEY_PASSPHRASE,
+                     HarnessError, Nic, VmConfig, parse_files, parse_var)
 from .disk import build_image
 from .live import LivePrinter, run_vm
 from .report import write_json, write_junit
 
 def image_main(argv):
-    """./wirecheck image FILE [--script FILE] [--file LOCAL=PATH] OPTIONS... (or -- "OPTIONS" ...)."""
+    """./wirecheck image FILE [--script FILE] [--file LOCAL=PATH] [--sign KEY --cert CERT] OPTIONS...
+    (or -- "OPTIONS" ...)."""
     if not argv or argv[0].startswith("-"):
-        print("usage: ./wirecheck image FILE [--script FILE] [--file LOCAL=PATH] OPTIONS... "
+        print("usage: ./wirecheck image FILE [--script FILE] [--file LOCAL=PATH] [--sign KEY --cert CERT] OPTIONS... "
               "| -- \"OPTIONS 1\" \"OPTIONS 2\" ...", file=sys.stderr)
         return 2
     path = argv[0]
     try:
-        vm_args, calls = split_arguments(argv[1:], run_parser())
         parser = image_parser()
+        vm_args, calls = split_arguments(argv[1:], run_parser(), parser)
         known = option_names(parser)
         for word in vm_args:
             if word.startswith("--") and word.split("=")[0] not in known:
-                raise ValueError(f"{word} does not apply to a boot image (only --script, --file and --call do)")
+                raise ValueError(f"{word} does not apply to a boot image "
+                                 f"(only --script, --file, --call, --sign and --cert do)")
         args = parser.parse_args(vm_args)
         calls = [check_paths(c) for c in args.call + calls]
         if not calls:
@@ -33,7 +38,9 @@ def image_main(argv):
         if args.script:
             with open(args.script) as f:
                 script = f.read()
-        build_image(path, calls, script, files)
+        if bool(args.sign) != bool(args.cert):
+            raise ValueError("--sign KEY and --cert CERT go together")
+        build_image(path, calls, script, files, sign=(args.sign, args.cert) if args.sign else None)
     except (ValueError, OSError, HarnessError) as e:
         print(f"wirecheck image: {e}", file=sys.stderr)
         return 2
@@ -68,6 +75,9 @@ def run_parser():
                         help="the menu protocols VexRun installs for the module (default both)")
     parser.add_argument("--timeout", type=int, default=240, metavar="SECONDS",
                         help="the VM's time limit (default 240)")
+    parser.add_argument("--secure-boot", action="store_true",
+                        help="OVMF with Secure Boot on and Debian's test key enrolled; the calls run from a "
+                             "boot image signed with that key (the firmware refuses its own shell)")
     parser.add_argument("--json", metavar="FILE", help="write the calls' results as JSON, one case per call")
     parser.add_argument("--junit", metavar="FILE", help="write the calls' results as JUnit XML, one case per call")
     return parser
@@ -106,6 +116,8 @@ def image_parser():
     parser.add_argument("--script")
     parser.add_argument("--file", action="append", default=[])
     parser.add_argument("--call", action="append", default=[])
+    parser.add_argument("--sign", metavar="KEY")  # sbsign's private key, unencrypted PEM
+    parser.add_argument("--cert", metavar="CERT")  # its certificate, PEM
     return parser
 
 
@@ -119,9 +131,9 @@ def option_names(parser, with_value=None):
     return names
 
 
-def split_arguments(argv, parser):
+def split_arguments(argv, *parsers):
     """VM options, then the calls: the words of one option string, or after "--" one call a word."""
-    with_value = option_names(parser, True)
+    with_value = set().union(*(option_names(p, True) for p in parsers))
     vm_args, rest = [], list(argv)
     while rest and rest[0].startswith("--") and rest[0] != "--":
         word = rest.pop(0)
@@ -131,7 +143,7 @@ def split_arguments(argv, parser):
         calls = rest[1:]
     else:
         calls = [" ".join(rest)] if rest else []
-    late = [w for w in rest if w.split("=")[0] in option_names(parser)]
+    late = [w for w in rest if any(w.split("=")[0] in option_names(p) for p in parsers)]
     if late:
         raise ValueError(f"{late[0]} comes after the option string: VM options come first "
                          f"(./wirecheck run [VM options] OPTIONS...)")
@@ -154,8 +166,27 @@ def check_paths(call):
     return " ".join(fixed)
 
 
+def secure_boot_image(cfg, args, work):
+    """Under Secure Boot the firmware refuses its own shell: the calls go on a boot image signed with
+    the test key that the Secure Boot firmware has enrolled."""
+    for name, given in (("--var", args.var), ("--verbose", args.verbose), ("--lang", args.lang),
+                        ("--old-layout", args.old_layout), ("--ui", args.ui != "both")):
+        if given:
+            raise ValueError(f"{name} does not apply with --secure-boot (the manager starts from the boot image, "
+                             f"without a command line or the shell)")
+    key = os.path.join(work, "test-key.pem")
+    done = subprocess.run(["openssl", "rsa", "-passin", f"pass:{TEST_KEY_PASSPHRASE}", "-in", TEST_KEY, "-out", key],
+                          capture_output=True, text=True, stdin=subprocess.DEVNULL)
+    if done.returncode != 0:
+        raise HarnessError(f"openssl could not read the test key {TEST_KEY}: {done.stderr.strip()}")
+    image = os.path.join(work, "stick.img")
+    build_image(image, cfg.calls, cfg.script, cfg.files, sign=(key, TEST_CERT))
+    cfg.image, cfg.secure_boot, cfg.files = image, True, []
+
+
 def main(argv):
     parser = run_parser()
+    work = tempfile.TemporaryDirectory(prefix="wirecheck-run-")
     try:
         vm_args, calls = split_arguments(argv, parser)
         args = parser.parse_args(vm_args)
@@ -171,7 +202,9 @@ def main(argv):
         if args.script:
             with open(args.script) as f:
                 cfg.script = f.read()
-    except (ValueError, OSError) as e:
+        if args.secure_boot:
+            secure_boot_image(cfg, args, work.name)
+    except (ValueError, OSError, HarnessError) as e:
         print(f"wirecheck run: {e}", file=sys.stderr)
         return 2
     printer = LivePrinter(args.verbose, terminal=sys.stdout.isatty())

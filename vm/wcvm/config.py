@@ -22,6 +22,14 @@ OVMF_CODE = "/usr/share/OVMF/OVMF_CODE_4M.fd"
 
 OVMF_VARS = "/usr/share/OVMF/OVMF_VARS_4M.fd"
 
+# OVMF's Secure Boot build with Debian's test key enrolled in PK, KEK and db (it needs SMM), and
+# that key's certificate and passphrase-protected private key.
+OVMF_CODE_SECURE = "/usr/share/OVMF/OVMF_CODE_4M.snakeoil.fd"
+OVMF_VARS_SECURE = "/usr/share/OVMF/OVMF_VARS_4M.snakeoil.fd"
+TEST_KEY = "/usr/share/ovmf/PkKek-1-snakeoil.key"
+TEST_CERT = "/usr/share/ovmf/PkKek-1-snakeoil.pem"
+TEST_KEY_PASSPHRASE = "snakeoil"  # from the package's README.Debian
+
 
 # Vendor GUID under which --var NAME sets a variable when no GUID is given (the module's own).
 DEFAULT_VAR_GUID = "59D1C24F-50F1-401A-B101-F33E0DAED443"
@@ -176,6 +184,7 @@ class VmConfig:
     shell_after: list = field(default_factory=list)  # shell lines after the manager, before power-off
     image: str = ""  # boot this disk image (made by build_image) instead of the shell and startup.nsh
     usb_stick: bool = False  # the disk is a USB stick on an XHCI controller rather than a virtio disk
+    secure_boot: bool = False  # OVMF's Secure Boot build, Debian's test key enrolled (boot images only)
     on_line: object = None  # called with each clean serial line as it arrives
     keyboard: bool = False  # keys typed at this terminal reach the VM
     ui: str = "both"  # the menu protocols the manager installs: both, console or none

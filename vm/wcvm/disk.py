@@ -5,7 +5,7 @@ import shutil
 import subprocess
 import tempfile
 
-from .config import EFI_DIR, ROOT
+from .config import EFI_DIR, ROOT, HarnessError
 from .qemu import check_tools
 
 def _startup_script(cfg):
@@ -100,9 +100,30 @@ def fat_partition(disk):
     return disk
 
 
-def build_image(path, calls, script="", files=()):
+def sign_binaries(paths, key, cert):
+    """Signs each EFI binary in place with sbsign and checks the signature with sbverify; raises
+    HarnessError with sbsign's or sbverify's own words when either refuses."""
+    for tool in ("sbsign", "sbverify"):
+        if shutil.which(tool) is None:
+            raise HarnessError(f"{tool} is missing (package sbsigntool; ./wirecheck installs it)")
+    with open(key, "rb") as f:
+        if b"ENCRYPTED" in f.read():
+            # sbsign would ask for the passphrase on the terminal, or wait where there is none.
+            raise HarnessError(f"{key} is encrypted: give sbsign an unencrypted copy "
+                               f"(openssl rsa -in {key} -out KEY), kept where only you can read it")
+    for path in paths:
+        for command in (["sbsign", "--key", key, "--cert", cert, "--output", path, path],
+                        ["sbverify", "--cert", cert, path]):
+            done = subprocess.run(command, capture_output=True, text=True, stdin=subprocess.DEVNULL)
+            if done.returncode != 0:
+                raise HarnessError(f"{command[0]} {os.path.basename(path)}: "
+                                   f"{(done.stderr or done.stdout).strip().splitlines()[-1:]}")
+
+
+def build_image(path, calls, script="", files=(), sign=None):
     """A disk image for a USB stick: an MBR with one EFI system partition (FAT), the manager as
-    \\EFI\\BOOT\\BOOTX64.EFI with the module, its messages and the calls beside it."""
+    \\EFI\\BOOT\\BOOTX64.EFI with the module, its messages and the calls beside it. sign: (key,
+    certificate) to sign both binaries with, for machines with Secure Boot on."""
     check_tools()
     work = tempfile.mkdtemp(prefix="wirecheck-image-")
     try:
@@ -117,6 +138,8 @@ def build_image(path, calls, script="", files=()):
         shutil.copy(os.path.join(EFI_DIR, "VexRun.efi"), os.path.join(content, "BOOTX64.EFI"))
         shutil.copy(os.path.join(EFI_DIR, "Wirecheck.efi"), content)
         shutil.copy(os.path.join(ROOT, "support", "Wirecheck.msg.xml"), content)
+        if sign:
+            sign_binaries([os.path.join(content, "BOOTX64.EFI"), os.path.join(content, "Wirecheck.efi")], *sign)
         with open(os.path.join(content, "calls.txt"), "w", newline="") as f:
             f.write("".join(c + "\r\n" for c in calls))
         if script:

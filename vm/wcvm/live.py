@@ -12,7 +12,8 @@ import termios
 import time
 import tty
 
-from .config import ESCAPE, LAST_DIR, MANAGER_LINES, OVMF_VARS, RESULT_LINE, HarnessError, Nic, VmRun
+from .config import (ESCAPE, LAST_DIR, MANAGER_LINES, OVMF_VARS, OVMF_VARS_SECURE, RESULT_LINE, HarnessError, Nic,
+                     VmRun)
 from .disk import build_disk, fat_partition
 from .monitor import Monitor
 from .qemu import check_tools, qemu_command
@@ -77,7 +78,7 @@ def run_vm(cfg):
     try:
         disk = cfg.image or build_disk(cfg, work)
         vars_copy = os.path.join(work, "vars.fd")
-        shutil.copy(OVMF_VARS, vars_copy)
+        shutil.copy(OVMF_VARS_SECURE if cfg.secure_boot else OVMF_VARS, vars_copy)
         qmp_path = os.path.join(work, "qmp.sock") if any(not n.link or n.plug for n in cfg.nics) else ""
         peers = Peers(cfg.nics, work)
         proc = subprocess.Popen(qemu_command(cfg, disk, vars_copy, qmp_path, peers.sockets, peers.qmp),
@@ -87,7 +88,8 @@ def run_vm(cfg):
         raw = bytearray()
         arrivals = []  # (seconds since start, length of the raw output so far)
         skipped = False
-        timed_out = silent = False
+        timed_out = silent = no_boot = False
+        boot_failures = []
         last_output = time.time()
         unanswerable = None
         pending = b""
@@ -140,7 +142,11 @@ def run_vm(cfg):
                             cfg.on_line(text)
                         if not cfg.keyboard and not cfg.script and text in WAITING_LINES:
                             unanswerable = _question(clean_serial(bytes(raw)))
-                    if unanswerable:
+                        if text.startswith("BdsDxe: failed to "):
+                            boot_failures.append(text.removeprefix("BdsDxe: "))
+                        if text.startswith("BdsDxe: No bootable option"):
+                            no_boot = True  # the firmware now waits for a key to open its menu
+                    if unanswerable or no_boot:
                         break
         finally:
             peers.stop()
@@ -187,6 +193,10 @@ def run_vm(cfg):
             raise HarnessError(f"{unanswerable} is waiting for an answer and there is no terminal to give one; "
                                f"answer it with --script FILE (a line 'prompt ok' or 'prompt abort', "
                                f"'menu N' or 'menu cancel') or run from a terminal")
+        if no_boot:
+            raise HarnessError("the firmware booted nothing: " + "; ".join(boot_failures) +
+                               (" (with Secure Boot on, the image's binaries must be signed with a key in the "
+                                "firmware's db: ./wirecheck image --sign KEY --cert CERT)" if cfg.secure_boot else ""))
         if timed_out:
             # The calls that finished before the VM stopped answering are kept (the manager writes its
             # files through after every call).

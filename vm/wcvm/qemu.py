@@ -3,13 +3,13 @@ hub, and the monitor socket."""
 import os
 import shutil
 
-from .config import EFI_DIR, IPXE_ROMS, NIC_MODELS, OVMF_CODE, OVMF_VARS, HarnessError
+from .config import EFI_DIR, IPXE_ROMS, NIC_MODELS, OVMF_CODE, OVMF_CODE_SECURE, OVMF_VARS, OVMF_VARS_SECURE, HarnessError
 
 def check_tools():
     for tool in ("qemu-system-x86_64", "mformat", "mcopy"):
         if shutil.which(tool) is None:
             raise HarnessError(f"{tool} is missing (./wirecheck installs it)")
-    for path in (OVMF_CODE, OVMF_VARS):
+    for path in (OVMF_CODE, OVMF_VARS, OVMF_CODE_SECURE, OVMF_VARS_SECURE):
         if not os.path.exists(path):
             raise HarnessError(f"{path} is missing (package ovmf)")
     for image in ("Wirecheck.efi", "VexRun.efi"):
@@ -18,9 +18,13 @@ def check_tools():
 
 
 def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None, peer_monitors=None):
-    cmd = ["qemu-system-x86_64", "-machine", "q35", "-accel", "tcg", "-m", "512", "-smp", "1",
+    # The Secure Boot build keeps its variables behind SMM: the flash is writable only from there.
+    machine = ["-machine", "q35,smm=on", "-global", "driver=cfi.pflash01,property=secure,value=on"] \
+        if cfg.secure_boot else ["-machine", "q35"]
+    code = OVMF_CODE_SECURE if cfg.secure_boot else OVMF_CODE
+    cmd = ["qemu-system-x86_64"] + machine + ["-accel", "tcg", "-m", "512", "-smp", "1",
            "-nodefaults", "-no-reboot", "-display", "none", "-serial", "stdio", "-monitor", "none",
-           "-drive", f"if=pflash,format=raw,unit=0,readonly=on,file={OVMF_CODE}",
+           "-drive", f"if=pflash,format=raw,unit=0,readonly=on,file={code}",
            "-drive", f"if=pflash,format=raw,unit=1,file={vars_copy}",
            "-drive", f"if=none,id=d0,format=raw,file={disk}"]
     if cfg.usb_stick:
