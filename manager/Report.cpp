@@ -39,26 +39,21 @@ public:
   // XML attribute or element content: the five markup characters as entities; control characters
   // that XML does not allow become '?'.
   void Xml(const CHAR16* s) {
+    struct Entity {
+      CHAR16 Char;
+      const CHAR16* Text;
+    };
+    static constexpr Entity kEntities[] = {
+        {u'&', u"&amp;"}, {u'<', u"&lt;"}, {u'>', u"&gt;"}, {u'"', u"&quot;"}, {u'\'', u"&apos;"}};
     for (; s != nullptr && *s != 0; ++s) {
-      switch (*s) {
-      case u'&':
-        Append(u"&amp;");
-        break;
-      case u'<':
-        Append(u"&lt;");
-        break;
-      case u'>':
-        Append(u"&gt;");
-        break;
-      case u'"':
-        Append(u"&quot;");
-        break;
-      case u'\'':
-        Append(u"&apos;");
-        break;
-      default:
+      const CHAR16* entity = nullptr;
+      for (const Entity& e : kEntities)
+        if (e.Char == *s)
+          entity = e.Text;
+      if (entity != nullptr)
+        Append(entity);
+      else
         Put(*s < 0x20 && *s != u'\n' && *s != u'\t' ? u'?' : *s);
-      }
     }
   }
   CHAR16* Take() {

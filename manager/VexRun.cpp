@@ -574,7 +574,7 @@ void PowerOff() {
 void ReportRefusedModule(const Settings& settings, EFI_STATUS status, UINTN first, UINTN last) {
   if (status == EFI_SECURITY_VIOLATION || status == EFI_ACCESS_DENIED)
     Say(u"VexRun: the firmware refused %s (%r): with Secure Boot on, the module must be signed with a key "
-        u"the machine trusts, and unchanged since\r\n",
+        u"the machine trusts, and not changed since it was signed\r\n",
         settings.module, status);
   if (gState->results != nullptr) {
     CHAR16 line[kLineChars];
