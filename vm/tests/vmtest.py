@@ -13,10 +13,10 @@ RUNNER = [sys.executable, "-m", "wcvm"]
 import wcvm  # noqa: E402
 
 
-def run_command(name, timeout=900):
+def run_command(name, *args, timeout=900):
     """One of the runner's table commands (matrix, faults) as a user runs it; its finished process."""
     env = dict(os.environ, PYTHONPATH=VM_DIR)
-    return subprocess.run([sys.executable, "-m", "wcvm", name], env=env, capture_output=True, text=True,
+    return subprocess.run([sys.executable, "-m", "wcvm", name, *args], env=env, capture_output=True, text=True,
                           timeout=timeout)
 
 

@@ -1,12 +1,14 @@
 """./wirecheck matrix: the seven tests on every NIC model, one boot per model, as a table of results,
 error codes and the figure that matters for each test.
 
-The boots run one after the other, so that no model's figures carry another boot's load."""
+The boots run one after the other by default, so that no model's figures carry another boot's load;
+--jobs 2 runs two at a time (the verdicts hold under that load, the figures are slower)."""
 import json
 import os
 import re
 import sys
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 from .config import NIC_MODELS, ROOT, HarnessError, Nic, VmConfig, chosen
 from .live import run_vm
@@ -147,16 +149,35 @@ def verdict(model, test, cell):
     return "explained" if (model, test) in EXPLAINED else "UNEXPECTED"
 
 
+def _jobs(argv):
+    """The --jobs N (or --jobs=N) among the arguments, and the arguments without it; None when N is
+    not a whole number from 1 to 4."""
+    jobs, rest, words = "1", [], iter(argv)
+    for word in words:
+        if word == "--jobs":
+            jobs = next(words, "")
+        elif word.startswith("--jobs="):
+            jobs = word[len("--jobs="):]
+        else:
+            rest.append(word)
+    if not jobs.isdigit() or not 1 <= int(jobs) <= 4:
+        print(f"wirecheck matrix: --jobs takes a number of boots at a time from 1 to 4, not '{jobs}'",
+              file=sys.stderr)
+        return None, rest
+    return int(jobs), rest
+
+
 def main(argv):
+    jobs, argv = _jobs(argv)
     models = chosen(argv, NIC_MODELS, "matrix", "NIC model")
-    if models is None:
+    if jobs is None or models is None:
         return 2
     start = time.time()
-    table = {}
     # Each model's boot leaves its files (serial log, logs, flags) in build/matrix/MODEL.
     work = os.path.join(ROOT, "build", "matrix")
-    for m in models:  # one boot at a time (above)
-        table[m] = run_model(m, work)
+    with ThreadPoolExecutor(max_workers=jobs) as pool:
+        futures = {m: pool.submit(run_model, m, work) for m in models}
+        table = {m: futures[m].result() for m in models}
     rows = []
     for test in ROWS:
         row = {"test": test, "cells": {}}
