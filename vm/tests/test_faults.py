@@ -9,7 +9,7 @@ import tempfile
 import unittest
 
 from vmtest import ROOT, boot, run_command
-from wcvm import HarnessError, Nic, read_pcap
+from wcvm import HarnessError, Nic, call_blocks, read_pcap
 
 
 def troubleshooting_codes():
@@ -34,6 +34,19 @@ class FaultTable(unittest.TestCase):
         self.assertEqual([r for r in table["rows"] if r["expected"][0] != "Passed" and r["seen"][0] == "Passed"], [])
         # Every code a fault ends in has its row in the README's troubleshooting table.
         self.assertEqual(sorted({r["seen"][1] for r in table["rows"]} - {0} - troubleshooting_codes()), [])
+        self.check_the_address_waits(os.path.join(ROOT, "build", "faults", "no-dhcp"))
+
+    def check_the_address_waits(self, files):
+        """No DHCP server: pingtest's second look after its wait, and the interactive test's wait
+        reported as progress and ended with its prompt."""
+        with open(os.path.join(files, "VexRun.log"), errors="replace") as f:
+            self.assertIn("EFI IP4 Protocol Mapping error again.", f.read())
+        with open(os.path.join(files, "VexRun.out"), errors="replace") as f:
+            blocks = dict(call_blocks(f.read()))
+        interactive = blocks["-test=interactivenetworktest"]
+        self.assertIn("PROMPT message=106 file=\\Wirecheck.msg.xml", interactive)
+        waits = [int(m.group(1)) for line in interactive for m in [re.search(r"PROGRESS \[[#.]+\]\s+(\d+)%", line)] if m]
+        self.assertTrue(any(30 < p < 60 for p in waits), waits)
 
 
 class ThePeerIsOnTheWire(unittest.TestCase):

@@ -1,6 +1,7 @@
 """interactivenetworktest in OVMF: the menu of NICs (scripted), the gateway path on a static
 configuration, the DHCP path, the cable prompts with a cable plugged in during prompt 104 over QMP,
-no DHCP server, no NIC, and the manager's menu protocols installed in part or not at all."""
+no NIC, and the manager's menu protocols installed in part or not at all. (A network without a DHCP
+server is one of the scripted network's faults.)"""
 import re
 import unittest
 
@@ -16,9 +17,9 @@ def block_text(vm, index):
 
 class MenuGatewayAndDhcpPaths(unittest.TestCase):
     """A virtio NIC with a static configuration whose gateway answers, an e1000 whose configured
-    gateway does not; twenty gateway-path runs watched by the handle check, then the DHCP path, the
-    cancel entry and the French menu."""
-    REPEATS = 20
+    gateway does not; gateway-path runs watched by the handle check (a leak per run shows as soon as
+    the second), then the DHCP path, the cancel entry and the French menu."""
+    REPEATS = 6
 
     @classmethod
     def setUpClass(cls):
@@ -51,7 +52,7 @@ class MenuGatewayAndDhcpPaths(unittest.TestCase):
         self.assertIn("MENU title=Sélectionnez la carte réseau à tester", french)
         self.assertIn("MENU cancel=Annuler le test", french)
 
-    def test_twenty_runs_leave_the_handle_database_unchanged(self):
+    def test_repeated_runs_leave_the_handle_database_unchanged(self):
         counts = [[int(v) for v in m.groups()] for m in re.finditer(
             r"HANDLES \w+ handles=(\d+)/(\d+) protocols=(\d+)/(\d+) opens=(\d+)/(\d+)", self.vm.output)]
         self.assertEqual([c for c in counts if c[4] != c[5]], [])
@@ -60,17 +61,16 @@ class MenuGatewayAndDhcpPaths(unittest.TestCase):
         self.assertLessEqual(abs(last[3] - first[2]), 1, counts)
 
 
-class CablePromptsAndNoServer(unittest.TestCase):
-    """An rtl8139 with a static configuration whose cable is plugged in while prompt 104 shows, a
-    virtio without cable, and a virtio on a network without DHCP server, on the console menu alone.
-    (OVMF's own DHCP client gives up on a NIC whose cable was out at boot, so the plugged NIC proves
-    itself through its gateway.)"""
+class CablePrompts(unittest.TestCase):
+    """An rtl8139 with a static configuration whose cable is plugged in while prompt 104 shows and a
+    virtio without cable, on the console menu alone. (The plugged NIC proves itself through its
+    gateway here; a cable plugged in on the firmware's DHCP policy is the plug test's.)"""
 
     @classmethod
     def setUpClass(cls):
-        nics = [Nic.parse("rtl8139:link=off,plug=104,ip=10.0.2.15/24,gw=10.0.2.2"), Nic.parse("virtio:link=off"), Nic.parse("virtio:net=none")]
-        script = "menu 1\nmenu 2\nmenu 2\nmenu 3\nprompt ok\nprompt abort\nprompt ok\nprompt ok\nprompt ok\n"
-        cls.vm = boot([TEST] * 4, nics=nics, script=script, ui="console", timeout=600)
+        nics = [Nic.parse("rtl8139:link=off,plug=104,ip=10.0.2.15/24,gw=10.0.2.2"), Nic.parse("virtio:link=off")]
+        script = "menu 1\nmenu 2\nmenu 2\nprompt ok\nprompt abort\nprompt ok\nprompt ok\n"
+        cls.vm = boot([TEST] * 3, nics=nics, script=script, ui="console", timeout=600)
 
     def test_cable_plugged_in_during_prompt_104(self):
         self.assertEqual(self.vm.results[0][:2], ("Passed", 0))
@@ -81,13 +81,6 @@ class CablePromptsAndNoServer(unittest.TestCase):
         self.assertEqual(self.vm.results[1][:2], ("Cancelled", 0x80000001))  # prompt 104 aborted
         self.assertEqual(self.vm.results[2][:2], ("Warning", 0x80160301))
         self.assertIn("PROMPT message=105", block_text(self.vm, 2))
-
-    def test_no_dhcp_server(self):
-        self.assertEqual(self.vm.results[3][:2], ("Failed", 0x80160302))
-        text = block_text(self.vm, 3)
-        self.assertIn("PROMPT message=106", text)
-        waits = [int(p) for p in re.findall(r"PROGRESS \[[#.]+\]\s+(\d+)%", text)]
-        self.assertTrue(any(30 < p < 60 for p in waits), waits)
 
 
 class OneNicOnDhcpAndWithoutMenusOrNics(unittest.TestCase):
