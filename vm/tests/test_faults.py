@@ -77,6 +77,9 @@ class ThePeerIsOnTheWire(unittest.TestCase):
         with self.assertRaises(HarnessError) as caught:
             boot(["-test=pingtest"], nics=[Nic(model="e1000", peer="none")], on_line=kill_peer, timeout=120)
         self.assertIn("the network peer of NIC 1 stopped during the run", str(caught.exception))
+        # What the VM's disk held is kept for diagnosis, beside the serial and peer logs.
+        kept = os.listdir(caught.exception.partial.files_dir)
+        self.assertTrue({"serial.log", "peer-1.log", "Wirecheck.efi", "calls.txt"} <= set(kept), kept)
 
 
 if __name__ == "__main__":

@@ -166,8 +166,6 @@ def run_vm(cfg):
         with open(os.path.join(last_dir, "serial.log"), "w") as f:
             f.write(serial)
         peers.keep_logs(last_dir)
-        if peers.failure:
-            raise HarnessError(peers.failure)
         subprocess.run(["mcopy", "-s", "-n", "-i", fat_partition(disk), "::/", last_dir + "/"], capture_output=True)
 
         if cfg.image:
@@ -189,6 +187,9 @@ def run_vm(cfg):
                 meanings.append(m.group(4) or "")
         run = VmRun(serial=serial, output=output, log=log or "", results=results, files_dir=last_dir,
                     elapsed=time.time() - start, line_times=_line_times(bytes(raw), arrivals), meanings=meanings)
+        if peers.failure:
+            # The disk's files are kept too: what the module logged up to the moment the network went.
+            raise HarnessError(f"{peers.failure} (files in {last_dir})", run)
         if unanswerable:
             raise HarnessError(f"{unanswerable} is waiting for an answer and there is no terminal to give one; "
                                f"answer it with --script FILE (a line 'prompt ok' or 'prompt abort', "
