@@ -155,7 +155,7 @@ EFI_STATUS EFIAPI FakeOpenProtocol(EFI_HANDLE handle, const EFI_GUID* guid, void
 EFI_STATUS EFIAPI FakeCloseProtocol(EFI_HANDLE handle, const EFI_GUID* guid, EFI_HANDLE agent,
                                     EFI_HANDLE controller) {
   // Not a counted use (the sweep leaves closes alone), but it can be made to fail by name.
-  if (F().failEvery == __func__)
+  if (F().FailsByName())
     return EFI_DEVICE_ERROR;
   size_t removed = std::erase_if(F().opens, [&](const FakeFirmware::Open& o) {
     return o.handle == handle && o.guid == *guid && o.agent == agent && o.controller == controller;

@@ -59,10 +59,12 @@ struct FakeFirmware {
   }
   const char* failedCall = nullptr; // the fake function whose use was failed
   std::string failEvery;            // every use of the fake function of this name fails
+  // TRUE when the calling fake function is the one failEvery names; counts nothing.
+  bool FailsByName(const char* call = __builtin_FUNCTION()) const { return failEvery == call; }
   // Counts one use; TRUE when this one is to fail.
   bool Fail(const char* call = __builtin_FUNCTION()) {
     ++uses;
-    if ((failAt == 0 || uses != failAt) && failEvery != call)
+    if ((failAt == 0 || uses != failAt) && !FailsByName(call))
       return false;
     ++failed;
     failedCall = call;

@@ -206,29 +206,29 @@ EFI_STATUS TransmitFrame(EFI_MANAGED_NETWORK_PROTOCOL* Mnp, EFI_MAC_ADDRESS* Des
     gMeasurement.Sending = true;
     status = Mnp->Transmit(Mnp, &t->Token);
     gMeasurement.Sending = false;
-    // Pushed back: the token completed as refused, or the managed network has no transmit buffer
-    // left for it (it keeps the frames the NIC has not sent yet).
+    // Refused: the token completed inside Transmit because the NIC's ring was still full.
     bool refused = !EFI_ERROR(status) && gMeasurement.Refused == t.Get();
-    bool pushedBack = refused || status == EFI_OUT_OF_RESOURCES;
-    if (!pushedBack && !EFI_ERROR(status))
+    if (!refused && !EFI_ERROR(status))
       break;
-    bool drainsLeft = pushedBack && DrainTimeLeft();
-    if (!refused && !drainsLeft) {
+    // Pushed back (refused, or the managed network has no transmit buffer left while it keeps the
+    // frames the NIC has not sent yet): let the NIC send what it holds, then try again.
+    if ((refused || status == EFI_OUT_OF_RESOURCES) && DrainTimeLeft()) {
+      gMeasurement.RefusedCount = gMeasurement.RefusedCount + 1;
+      Mnp->Poll(Mnp);
+      gBS->Stall(kDrainPause);
+      gMeasurement.DrainPauses = gMeasurement.DrainPauses + 1;
+      t->Token.Status = EFI_NOT_READY;
+      continue;
+    }
+    gBS->CloseEvent(t->Token.Event);
+    if (!refused) {
       LogPrint(u"Failed Transmit packet! (%r)\r\n", status);
-      gBS->CloseEvent(t->Token.Event);
       return status;
     }
+    // Refused for good: the burst goes on, and the wait finds this frame missing.
     gMeasurement.RefusedCount = gMeasurement.RefusedCount + 1;
-    if (!drainsLeft) {
-      CountFailure(EFI_DEVICE_ERROR);
-      gBS->CloseEvent(t->Token.Event);
-      return EFI_SUCCESS; // the burst goes on; the wait finds this frame missing
-    }
-    // Let the NIC send what it holds, then try again.
-    Mnp->Poll(Mnp);
-    gBS->Stall(kDrainPause);
-    gMeasurement.DrainPauses = gMeasurement.DrainPauses + 1;
-    t->Token.Status = EFI_NOT_READY;
+    CountFailure(EFI_DEVICE_ERROR);
+    return EFI_SUCCESS;
   }
   // Accepted: the token is the completion handler's now, which may already have freed it.
   t.Release();
