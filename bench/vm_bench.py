@@ -14,13 +14,18 @@
   time stamps (the worst ratio; target within 10 %).
 - SpeedTest's spread: 20 calls in one boot; the lowest and highest figure and the spread between
   them in percent of the lowest (target within 20 %).
+- The fault table and the compatibility matrix as the test suite runs them (two boots at a time):
+  their wall times (the fault table's target: within 8 minutes on two cores).
 """
+import json
 import re
+import subprocess
 import tempfile
 import os
 import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "vm"))
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+sys.path.insert(0, os.path.join(ROOT, "vm"))
 import wcvm  # noqa: E402
 
 
@@ -118,3 +123,20 @@ print(f"BENCH speedtest_20_calls_measured {len(speeds)} of 20")
 print(f"BENCH speedtest_20_calls_min {min(speeds)} Mbit/s")
 print(f"BENCH speedtest_20_calls_max {max(speeds)} Mbit/s")
 print(f"BENCH speedtest_20_calls_spread {100 * (max(speeds) - min(speeds)) / min(speeds):.0f} %")
+
+
+def table_command(name, *args):
+    """Runs one of the table commands as ./wirecheck does; its JSON file's record."""
+    done = subprocess.run([sys.executable, "-m", "wcvm", name, *args], capture_output=True, text=True,
+                          env=dict(os.environ, PYTHONPATH=os.path.join(ROOT, "vm")))
+    if done.returncode != 0:
+        raise SystemExit(f"vm_bench: wirecheck {name} exited {done.returncode}: {done.stdout[-500:]}{done.stderr[-500:]}")
+    with open(os.path.join(ROOT, "build", f"{name}.json")) as f:
+        return json.load(f)
+
+
+faults = table_command("faults")
+print(f"BENCH faults_table_wall {faults['wall_seconds']} s")
+print(f"BENCH faults_table_calls {len(faults['rows'])} calls")
+matrix = table_command("matrix", "--jobs", "2")
+print(f"BENCH matrix_jobs_2_wall {matrix['wall_seconds']} s")
