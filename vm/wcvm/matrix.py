@@ -2,7 +2,8 @@
 error codes and the figure that matters for each test.
 
 The boots run one after the other by default, so that no model's figures carry another boot's load;
---jobs 2 runs two at a time (the verdicts hold under that load, the figures are slower)."""
+--jobs 2 runs two at a time (the verdicts hold under that load, the figures are slower, and iPXE's
+virtio ROM stops in its bursts more often: an explained cell, below)."""
 import json
 import os
 import re
