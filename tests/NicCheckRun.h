@@ -54,6 +54,8 @@ public:
   explicit NicCheckRun(const NicCheckTest& Test) : test_(Test) {}
   void Execute();
   const NicTestOptions& Options() const { return options_; }
+  // What a test's check keeps from one check to the next within this run; 0 before the first.
+  UINT64& CheckMemo() { return checkMemo_; }
 
 private:
   bool ReadOptions();
@@ -65,4 +67,5 @@ private:
 
   const NicCheckTest& test_;
   NicTestOptions options_;
+  UINT64 checkMemo_ = 0;
 };

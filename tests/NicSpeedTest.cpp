@@ -42,7 +42,9 @@ constexpr NIC_SPEED_ENTRY kNicSpeedTable[] = {
 
 constexpr const CHAR16* kNetworkFile = u"Network.ini";
 constexpr const CHAR16* kSpeedSection = u"NIC_Speed";
-constexpr UINT32 kRowQuery = INI_CASE_INSENSITIVE | INI_TRIM | INI_NO_COMMENT | INI_SKIP_EMPTY;
+// The section's rows without its own header line.
+constexpr UINT32 kRowQuery =
+    INI_CASE_INSENSITIVE | INI_TRIM | INI_NO_SECTIONS | INI_NO_COMMENT | INI_SKIP_EMPTY;
 
 bool IsHexDigit(CHAR16 c) {
   return (c >= u'0' && c <= u'9') || (c >= u'a' && c <= u'f') || (c >= u'A' && c <= u'F');
@@ -132,7 +134,13 @@ CheckOutcome CheckRatedSpeed(NicCheckRun& Run, EFI_HANDLE Nic) {
     return Ended(Run, u"Failed get device vendor id.\r\n", EFI_SUCCESS);
   if (EFI_ERROR(PciConfigRead16(l.Segment, l.Bus, l.Device, l.Function, PCI_DEVICE_ID_OFFSET, &device)))
     return Ended(Run, u"Failed get device device id.\r\n", EFI_SUCCESS);
-  UINT32 mask = LookupNicSpeedMask(vendor, device);
+  // The NIC's rating is looked up (and the network INI file read) once per run, not per check:
+  // the run remembers the device it rated and its mask.
+  UINT64 deviceKey = (UINT64(vendor) << 48) | (UINT64(device) << 32);
+  UINT64& memo = Run.CheckMemo();
+  UINT32 mask =
+      memo != 0 && (memo & ~0xFFFFFFFFull) == deviceKey ? UINT32(memo) : LookupNicSpeedMask(vendor, device);
+  memo = deviceKey | mask;
   if (mask == 0)
     return Ended(Run, nullptr, EFI_UNSUPPORTED);
   UINT64 speed = Run.Options().NetworkSpeed;

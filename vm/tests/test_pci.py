@@ -74,7 +74,7 @@ class BridgeAndTwinNics(unittest.TestCase):
             ini = os.path.join(work, "Network.ini")
             with open(ini, "w", newline="") as f:
                 f.write("[NIC_Speed]\r\n8086:100e=0x80000003\r\n8086=3\r\n")
-            cls.vm = boot(["-test=IRQTest", "-test=IRQTest -index=2", "-test=NicSpeedTest",
+            cls.vm = boot(["-test=IRQTest", "-test=IRQTest -index=2", "-test=NicSpeedTest -testrepeats=3",
                            "-test=macaddresstest -DeviceID=100e -index=2 -debug",
                            "-test=macaddresstest -DeviceID=1234",
                            "-test=macaddresstest -verifyinvalidmacpattern=true -NetworkFile=none.ini",
@@ -90,6 +90,9 @@ class BridgeAndTwinNics(unittest.TestCase):
         self.assertEqual(self.vm.results[2], ("Passed", 0, "Success"))
         self.assertIn("Network.ini [NIC_Speed]: 8086:100E rated 0x80000003", self.vm.log)
         self.assertIn('Network.ini [NIC_Speed]: skipping "8086=3", not VVVV:DDDD=MASK', self.vm.log)
+        # Read once per call however many checks (three in the first call), its header not a row.
+        self.assertEqual(self.vm.log.count('skipping "8086=3"'), 2)
+        self.assertNotIn('skipping "[NIC_Speed]"', self.vm.log)
         self.assertEqual(self.vm.results[6], ("Failed", 0x80160601, "Success"))
 
     def test_mac_test_chooses_by_device_id_and_index(self):
