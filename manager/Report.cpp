@@ -25,16 +25,19 @@ public:
   }
   // JSON string content: quotes, backslashes and control characters escaped.
   void Json(const CHAR16* s) {
+    for (; s != nullptr && *s != 0; ++s)
+      JsonChar(*s);
+  }
+  // LF-separated lines as JSON strings, one per line, separated by commas.
+  void JsonLines(const CHAR16* s) {
+    Put(u'"');
     for (; s != nullptr && *s != 0; ++s) {
-      if (*s == u'"' || *s == u'\\') {
-        Put(u'\\');
-        Put(*s);
-      } else if (*s < 0x20) {
-        Format(u"\\u%04x", UINTN(*s));
-      } else {
-        Put(*s);
-      }
+      if (*s == u'\n')
+        Append(u"\", \"");
+      else
+        JsonChar(*s);
     }
+    Put(u'"');
   }
   // XML attribute or element content: the five markup characters as entities; control characters
   // that XML does not allow become '?'.
@@ -65,6 +68,16 @@ public:
   }
 
 private:
+  void JsonChar(CHAR16 c) {
+    if (c == u'"' || c == u'\\') {
+      Put(u'\\');
+      Put(c);
+    } else if (c < 0x20) {
+      Format(u"\\u%04x", UINTN(c));
+    } else {
+      Put(c);
+    }
+  }
   void Put(CHAR16 c) {
     if (failed_)
       return;
@@ -107,11 +120,6 @@ void AppendTestName(TextBuilder& out, const CHAR16* options, bool json) {
   out.Append(u"module");
 }
 
-const CHAR16* MeaningOf(UINTN error) {
-  const CHAR16* meaning = ErrorMeaningOf(error);
-  return meaning != nullptr ? meaning : u"unknown error code";
-}
-
 bool IsSkipped(UINTN result) {
   return result == TEST_RESULT_CANCELLED || result == TEST_RESULT_SKIPPED ||
          result == TEST_RESULT_NOT_AVAILABLE || result == TEST_RESULT_NOT_INSTALLED;
@@ -140,6 +148,11 @@ const CHAR16* ResultName(UINTN result) {
                                              u"Failed",       u"Skipped", u"NotAvailable",
                                              u"NotInstalled", u"Warning", u"SoftwareError"};
   return result < wc::ArrayCount(kNames) ? kNames[result] : u"Unknown";
+}
+
+const CHAR16* ReportMeaning(UINTN Error) {
+  const CHAR16* meaning = ErrorMeaningOf(Error);
+  return meaning != nullptr ? meaning : u"unknown error code";
 }
 
 void ReportLogTail::Add(const CHAR16* Text) {
@@ -202,7 +215,7 @@ CHAR16* BuildJunitReport(const ReportCase* Cases, UINTN Count) {
                             : kind == CaseKind::Error ? u"error"
                                                       : u"skipped";
     out.Format(u"\">\n<%s message=\"%s error=0x%x (", element, ResultName(c.Result), c.Error);
-    out.Xml(MeaningOf(c.Error));
+    out.Xml(ReportMeaning(c.Error));
     out.Format(u") status=%r\" type=\"%s\">", c.Status, ResultName(c.Result));
     out.Xml(c.Log);
     out.Format(u"</%s>\n</testcase>\n", element);
@@ -224,26 +237,13 @@ CHAR16* BuildJsonReport(const ReportCase* Cases, UINTN Count) {
     AppendTestName(out, c.Options, true);
     out.Format(u"\", \"result\": \"%s\", \"error\": \"0x%x\", \"status\": \"%r\", \"meaning\": \"",
                ResultName(c.Result), c.Error, c.Status);
-    out.Json(MeaningOf(c.Error));
+    out.Json(ReportMeaning(c.Error));
     out.Append(u"\", \"seconds\": ");
     AppendSeconds(out, c.Milliseconds);
     if (c.Result != TEST_RESULT_PASSED) {
       out.Append(u", \"log\": [");
-      // One string per line of the tail.
-      const CHAR16* line = c.Log;
-      for (bool first = true; line != nullptr && *line != 0; first = false) {
-        out.Append(first ? u"\"" : u", \"");
-        CHAR16 piece[kReportLineChars];
-        UINTN n = 0;
-        for (; *line != 0 && *line != u'\n'; ++line)
-          if (n + 1 < kReportLineChars)
-            piece[n++] = *line;
-        piece[n] = 0;
-        if (*line == u'\n')
-          ++line;
-        out.Json(piece);
-        out.Append(u"\"");
-      }
+      if (c.Log != nullptr && c.Log[0] != 0)
+        out.JsonLines(c.Log);
       out.Append(u"]");
     }
     out.Append(u"}");

@@ -27,6 +27,8 @@ struct ReportCase {
 
 // The name of a TestResult as the manager prints it.
 const CHAR16* ResultName(UINTN Result);
+// What an error code means, as the manager prints it ("unknown error code" for one nobody defines).
+const CHAR16* ReportMeaning(UINTN Error);
 
 // The tail's lines joined with LF, from pool (null when empty or out of memory).
 CHAR16* JoinLogTail(const ReportLogTail& Tail);

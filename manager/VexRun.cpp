@@ -23,13 +23,13 @@
 #include "base/Owners.h"
 #include "base/Print.h"
 #include "base/String.h"
-#include "frame/Module.h"
 #include "manager/Report.h"
 #include "manager/Script.h"
 #include "support/Clock.h"
 #include "support/DebugLog.h"
 #include "support/FileIo.h"
 #include "report/Messages.h"
+#include "report/Results.h"
 #include "uefi/Uefi.h"
 
 namespace {
@@ -523,9 +523,7 @@ void RunOneCall(const ModuleApi& api, EFI_HANDLE module, CHAR16* options) {
     Say(u"HANDLES %s handles=%d/%d protocols=%d/%d opens=%d/%d\r\n", same ? u"unchanged" : u"CHANGED",
         before.handles, after.handles, before.protocols, after.protocols, before.opens, after.opens);
   }
-  const CHAR16* meaning = ErrorMeaningOf(error);
-  if (meaning == nullptr)
-    meaning = u"unknown error code";
+  const CHAR16* meaning = ReportMeaning(error);
   Say(u"RESULT result=%s error=0x%x status=%r meaning=\"%s\"\r\n", ResultName(result), error, status,
       meaning);
   if (gState->results != nullptr) {

@@ -59,7 +59,7 @@ TEST(ManagerReport, EscapedCasesAndTheLastLogLines) {
   EXPECT_EQ(joined.substr(0, 7), u"line f\n"); // 16 lines seen, the last 12 kept
   EXPECT_EQ(joined.size(), 11 * 7 + kReportLineChars - 1);
 
-  std::u16string log = u"bad \"quote\" <tag> & \x01 end";
+  std::u16string log = u"bad \"quote\" <tag>\n& \x01 end"; // two lines of a tail
   ReportCase cases[] = {
       {u"-test=pingtest", TEST_RESULT_PASSED, 0, EFI_SUCCESS, 1234, nullptr},
       {u"-test=IRQTest -DeviceID=\"a<b>&'c\"", TEST_RESULT_FAILED, 0x80160701, EFI_SUCCESS, 50, log.data()},
@@ -71,7 +71,7 @@ TEST(ManagerReport, EscapedCasesAndTheLastLogLines) {
             std::u16string::npos);
   EXPECT_NE(
       json.find(u"\"meaning\": \"the IRQ test failed\", \"seconds\": 0.0, \"log\": [\"bad \\\"quote\\\" "
-                u"<tag> & \\u0001 end\"]"),
+                u"<tag>\", \"& \\u0001 end\"]"),
       std::u16string::npos);
   EXPECT_NE(json.find(u"\"seconds\": 1.2}"), std::u16string::npos);
   EXPECT_NE(json.find(u"\"meaning\": \"unknown error code\""), std::u16string::npos);
@@ -82,7 +82,7 @@ TEST(ManagerReport, EscapedCasesAndTheLastLogLines) {
             std::u16string::npos);
   EXPECT_NE(xml.find(u"name=\"-test=IRQTest -DeviceID=&quot;a&lt;b&gt;&amp;&apos;c&quot;\""),
             std::u16string::npos);
-  EXPECT_NE(xml.find(u"bad &quot;quote&quot; &lt;tag&gt; &amp; ? end</failure>"), std::u16string::npos);
+  EXPECT_NE(xml.find(u"bad &quot;quote&quot; &lt;tag&gt;\n&amp; ? end</failure>"), std::u16string::npos);
   EXPECT_NE(xml.find(u"<skipped message=\"Cancelled error=0x80000001"), std::u16string::npos);
   EXPECT_NE(xml.find(u"<error message=\"InProgress error=0x80169999 (unknown error code) status=Not Found\""),
             std::u16string::npos);
