@@ -17,6 +17,7 @@ from .config import (ESCAPE, LAST_DIR, MANAGER_LINES, OVMF_VARS, OVMF_VARS_SECUR
 from .disk import build_disk, fat_partition
 from .monitor import Monitor
 from .qemu import check_tools, qemu_command
+from .report import test_name
 
 # What the manager prints when it waits for a key that only a person can press.
 WAITING_LINES = ("Press a key to continue, ESC to abort.", "Choose an item with its number, ESC to cancel.")
@@ -320,8 +321,7 @@ class LivePrinter:
             self.inside = False
             return
         if line.startswith("CALL options="):
-            m = re.search(r"-test=(\S+)", line)
-            self.test = m.group(1).rstrip("'") if m else "module"
+            self.test = test_name(line.removeprefix("CALL options='").removesuffix("'"))
         progress = PROGRESS_LINE.match(line) if self.terminal else None
         if progress:
             self._draw_status(*progress.groups())

@@ -35,13 +35,18 @@ def call_blocks(text):
     return blocks
 
 
+def test_name(options):
+    """The test an option string names with -test=, "module" when it names none."""
+    m = re.search(r"-test=(\S+)", options)
+    return m.group(1) if m else "module"
+
+
 def cases(calls, run):
     times = call_seconds(run.line_times)
     blocks = [lines for _, lines in call_blocks(run.log)]
     out = []
     for index, (options, (result, error, status)) in enumerate(zip(calls, run.results)):
-        m = re.search(r"-test=(\S+)", options)
-        case = {"options": options, "test": m.group(1) if m else "module", "result": result,
+        case = {"options": options, "test": test_name(options), "result": result,
                 "error": f"0x{error:X}", "status": status,
                 "meaning": run.meanings[index] if index < len(run.meanings) else "",
                 "seconds": times[index] if index < len(times) else None}
