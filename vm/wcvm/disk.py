@@ -116,8 +116,9 @@ def sign_binaries(paths, key, cert):
                         ["sbverify", "--cert", cert, path]):
             done = subprocess.run(command, capture_output=True, text=True, stdin=subprocess.DEVNULL)
             if done.returncode != 0:
+                said = (done.stderr or done.stdout).strip().splitlines()
                 raise HarnessError(f"{command[0]} {os.path.basename(path)}: "
-                                   f"{(done.stderr or done.stdout).strip().splitlines()[-1:]}")
+                                   f"{said[-1] if said else f'exit status {done.returncode}'}")
 
 
 def build_image(path, calls, script="", files=(), sign=None):
