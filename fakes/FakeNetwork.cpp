@@ -215,6 +215,8 @@ EFI_STATUS EFIAPI Ip4Configure(EFI_IP4_PROTOCOL* self, EFI_IP4_CONFIG_DATA* conf
   }
   if (F().Fail())
     return EFI_DEVICE_ERROR;
+  if (EFI_ERROR(n.ip4ConfigureAnswer))
+    return n.ip4ConfigureAnswer;
   n.ip4Configured = true;
   n.ip4LeftBehind = n.childLeftBehind && !n.HasAddress();
   return n.HasAddress() ? EFI_SUCCESS : EFI_NO_MAPPING;

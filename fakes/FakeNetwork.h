@@ -66,7 +66,8 @@ struct FakeNic {
   // IPv4 child configured before the address came stays on the old one, without address, until it
   // is configured again.
   bool childLeftBehind = false;
-  UINT8 config[256] = {}; // PCI configuration space
+  EFI_STATUS ip4ConfigureAnswer = EFI_SUCCESS; // a configuration refused with this status (a firmware's own)
+  UINT8 config[256] = {};                      // PCI configuration space
   UINT64 frameTime = 120; // a transmitted frame's time on the wire (12 us: 1514 bytes at 1 Gbit/s)
   // Frames numbered from 1 by framesSent + framesRefused (reset them to count from a later point).
   std::set<UINTN> failedFrames;  // transmitted frames that complete with an error (the cable is pulled)

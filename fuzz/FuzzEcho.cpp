@@ -34,10 +34,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     rx->FragmentTable[i].FragmentBuffer = fragments[i].empty() ? nullptr : fragments[i].data();
   }
   EFI_IPv4_ADDRESS from = header.SourceAddress; // the check's later steps are reached too
-  for (PingVariant variant : {PingVariant::PingTest, PingVariant::Interactive}) {
-    ResetEchoReplyCount(variant);
-    CheckEchoReply(rx, from, variant);
-    CheckEchoReply(rx, EFI_IPv4_ADDRESS{{10, 0, 2, 2}}, variant);
+  static constexpr FirmwareTraits kFirmware = kAssumedFirmware;
+  EchoCounter counter = {0, 0};
+  for (bool printed : {true, false}) {
+    const EchoPolicy policy = {&counter, printed, AddressWait::OneTimer, &kFirmware};
+    CheckEchoReply(rx, from, policy);
+    CheckEchoReply(rx, EFI_IPv4_ADDRESS{{10, 0, 2, 2}}, policy);
   }
   return 0;
 }

@@ -19,7 +19,7 @@ static_assert(sizeof(NicAddr) == 35);
 // - Held: the IPv4 and DHCPv4 children of the ping and DHCP steps. The binding stays open (get-
 //   protocol, no controller) for the child's life, and the protocol is opened on the child with the
 //   child as controller, so that the firmware shows the module as the child's user until it closes.
-// - Short: the managed-network children of the readers and the speed test. The binding is opened
+// - Short: the managed-network children of the readers and of transmit bursts. The binding is opened
 //   with the service handle as controller only around CreateChild and DestroyChild, and the
 //   child's protocol is looked up with HandleProtocol; when only that lookup fails, the owner still
 //   holds the child and destroys it.

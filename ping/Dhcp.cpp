@@ -72,35 +72,3 @@ EFI_STATUS StartConfigureProcess(EFI_DHCP4_PROTOCOL* Dhcp4, EFI_DHCP4_CONFIG_DAT
   }
   return EFI_SUCCESS;
 }
-
-namespace {
-constexpr UINTN kDeniedRetries = 100;
-constexpr UINTN kDeniedPause = 200000;  // µs
-constexpr UINTN kTimeoutPause = 100000; // µs
-} // namespace
-
-EFI_STATUS ConfigureWithPingRetries(EFI_DHCP4_PROTOCOL* Dhcp4, EFI_DHCP4_CONFIG_DATA* ConfigData,
-                                    EFI_DHCP4_MODE_DATA* ModeData, DhcpRetryHook BeforeTimeoutRetry,
-                                    void* Context, bool* Interrupted) {
-  *Interrupted = false;
-  UINTN denied = 0;
-  bool timeoutRetried = false;
-  for (;;) {
-    EFI_STATUS status = StartConfigureProcess(Dhcp4, ConfigData, ModeData);
-    if (status == EFI_ACCESS_DENIED && denied < kDeniedRetries) {
-      ++denied;
-      gBS->Stall(kDeniedPause);
-      continue;
-    }
-    if (status == EFI_TIMEOUT && !timeoutRetried) {
-      timeoutRetried = true;
-      gBS->Stall(kTimeoutPause);
-      if (BeforeTimeoutRetry != nullptr && !BeforeTimeoutRetry(Context)) {
-        *Interrupted = true;
-        return status;
-      }
-      continue;
-    }
-    return status;
-  }
-}

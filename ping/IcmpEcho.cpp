@@ -9,32 +9,14 @@
 #include "report/Output.h"
 #include "support/Clock.h"
 #include "support/DebugLog.h"
-#include "support/Platform.h"
-
-// The current-platform flag of each variant (1 until its test sets it).
-static void SetCurrentPlatform(PingVariant Variant, BOOLEAN Current);
 
 namespace {
 
 constexpr UINT64 kOneSecond = 10000000;    // timer units of 100 ns
-constexpr UINT64 kMappingWait = 600000000; // 60 s, ping test
-constexpr UINTN kInteractiveMappingTicks = 60;
-constexpr UINTN kPollingPause = 10000;  // µs between looks while the address is awaited
-constexpr UINTN kMaxTimedRequests = 64; // requests whose send time is kept for round trips
-
-// The ping state the two variants each keep for the module's lifetime: the matching replies of the
-// last run (the reply check counts them), the echo identifier, and the current-platform flag their
-// tests decide.
-struct VariantState {
-  UINT32 replies;
-  UINT16 identifier;
-  BOOLEAN currentPlatform;
-};
-constinit VariantState gVariants[2] = {{0, 0, TRUE}, {0, 0, TRUE}};
-
-VariantState& StateOf(PingVariant v) {
-  return gVariants[UINTN(v) & 1];
-}
+constexpr UINT64 kMappingWait = 600000000; // 60 s in one timer
+constexpr UINTN kMappingTicks = 60;        // or 60 one-second ticks
+constexpr UINTN kPollingPause = 10000;     // µs between looks while the address is awaited
+constexpr UINTN kMaxTimedRequests = 64;    // requests whose send time is kept for round trips
 
 void EFIAPI IgnoreNotify(EFI_EVENT, void*) {}
 
@@ -52,19 +34,6 @@ void WriteLe16(UINT8* p, UINT16 v) {
   p[1] = UINT8(v >> 8);
 }
 
-// The counter's rate for round-trip times, calibrated once per module against Stall.
-UINT64 TscPerMicrosecond() {
-  static constinit UINT64 perUs = 0;
-  if (perUs == 0) {
-    UINT64 start = ReadTimeStampCounter();
-    gBS->Stall(10000);
-    perUs = (ReadTimeStampCounter() - start) / 10000;
-    if (perUs == 0)
-      perUs = 1;
-  }
-  return perUs;
-}
-
 bool IsConfigured(EFI_IP4_PROTOCOL* ip4, EFI_STATUS* status = nullptr) {
   EFI_IP4_MODE_DATA mode = {};
   EFI_STATUS s = ip4->GetModeData(ip4, &mode, nullptr, nullptr);
@@ -74,16 +43,6 @@ bool IsConfigured(EFI_IP4_PROTOCOL* ip4, EFI_STATUS* status = nullptr) {
 }
 
 } // namespace
-
-static void SetCurrentPlatform(PingVariant Variant, BOOLEAN Current) {
-  StateOf(Variant).currentPlatform = Current;
-}
-UINT32 EchoReplyCount(PingVariant Variant) {
-  return StateOf(Variant).replies;
-}
-void ResetEchoReplyCount(PingVariant Variant) {
-  StateOf(Variant).replies = 0;
-}
 
 UINT16 OnesComplementSum(const UINT8* Data, UINTN Length) {
   UINT32 sum = 0;
@@ -110,7 +69,7 @@ void SetEchoSequence(UINT8* Request, UINT16 BaseSum, UINT16 Sequence) {
 }
 
 BOOLEAN CheckEchoReply(const EFI_IP4_RECEIVE_DATA* RxData, const EFI_IPv4_ADDRESS& Destination,
-                       PingVariant Variant) {
+                       const EchoPolicy& Policy) {
   if (RxData == nullptr) {
     LogPrint(u"Invalid parameter passed!\r\n");
     return FALSE;
@@ -131,17 +90,16 @@ BOOLEAN CheckEchoReply(const EFI_IP4_RECEIVE_DATA* RxData, const EFI_IPv4_ADDRES
     LogPrint(u"It's not an ICMP echo reply packet.\r\n");
     return FALSE;
   }
-  VariantState& state = StateOf(Variant);
-  if (ReadLe16(icmp + 4) != state.identifier) {
+  if (ReadLe16(icmp + 4) != Policy.Counter->Identifier) {
     LogPrint(u"The Identifier differs.\r\n");
     return FALSE;
   }
-  if (Variant == PingVariant::PingTest)
-    ConsolePrint(u"Receive the packet from IP addr:%d.%d.%d.%d\r\n", source[0], source[1], source[2],
-                 source[3]);
+  constexpr const CHAR16* kCounted = u"Receive the packet from IP addr:%d.%d.%d.%d\r\n";
+  if (Policy.PrintReplies)
+    ConsolePrint(kCounted, source[0], source[1], source[2], source[3]);
   else
-    LogPrint(u"Receive the packet from IP addr:%d.%d.%d.%d\r\n", source[0], source[1], source[2], source[3]);
-  state.replies++;
+    LogPrint(kCounted, source[0], source[1], source[2], source[3]);
+  Policy.Counter->Replies++;
   return TRUE;
 }
 
@@ -154,8 +112,8 @@ namespace {
 // child last.
 class PingSession {
 public:
-  PingSession(PingVariant Variant, const EFI_IPv4_ADDRESS& Destination)
-      : variant_(Variant), state_(StateOf(Variant)), destination_(Destination) {}
+  PingSession(const EchoPolicy& Policy, const EFI_IPv4_ADDRESS& Destination)
+      : policy_(Policy), destination_(Destination) {}
   PingSession(const PingSession&) = delete;
   PingSession& operator=(const PingSession&) = delete;
   ~PingSession() {
@@ -189,8 +147,8 @@ public:
 private:
   // A first look of one second; TRUE when the address came within it.
   bool LookForAddress();
-  EFI_STATUS WaitLong();
-  EFI_STATUS WaitInteractive(const PingProgress* Progress);
+  EFI_STATUS WaitOneTimer();
+  EFI_STATUS WaitCountedTicks(const PingProgress* Progress);
   // After a link change the firmware's IPv4 driver, when its DHCP finishes, puts the address on a
   // new default interface; a child configured with the default address before that stays on the old
   // one and never gets the address. Once a second during the wait: when the NIC has an address and
@@ -204,8 +162,7 @@ private:
     session->ticks_ = session->ticks_ + 1;
   }
 
-  PingVariant variant_;
-  VariantState& state_;
+  const EchoPolicy& policy_;
   EFI_HANDLE service_ = nullptr;
   EFI_IPv4_ADDRESS destination_;
   Ip4Child child_;
@@ -220,7 +177,7 @@ private:
   EFI_IP4_COMPLETION_TOKEN rxToken_ = {};
   EFI_IP4_COMPLETION_TOKEN txToken_ = {};
   EFI_IP4_TRANSMIT_DATA txData_ = {};
-  volatile UINTN ticks_ = 0; // seconds of the interactive address wait, counted by its timer
+  volatile UINTN ticks_ = 0; // seconds of a counted address wait, counted by its timer
   UINT16 baseSum_ = 0;       // the checksum of request n is derived from this sum and n
   UINT16 sequence_ = 0;
   UINT64 sendTimes_[kMaxTimedRequests] = {};
@@ -263,7 +220,7 @@ bool PingSession::LookForAddress() {
     }
   }
   mappingTimer_.Close();
-  if (!state_.currentPlatform) {
+  if (!policy_.Firmware->CurrentPlatform) {
     EFI_IP4_MODE_DATA mode = {};
     ip4_->GetModeData(ip4_, &mode, nullptr, nullptr);
     DumpIp4ModeData(&mode);
@@ -271,8 +228,8 @@ bool PingSession::LookForAddress() {
   return configured;
 }
 
-// The ping test waits up to 60 seconds, polling.
-EFI_STATUS PingSession::WaitLong() {
+// Up to 60 seconds in one timer, polling.
+EFI_STATUS PingSession::WaitOneTimer() {
   EFI_STATUS status = mappingTimer_.Create(EVT_TIMER, TPL_CALLBACK);
   if (!EFI_ERROR(status))
     status = gBS->SetTimer(mappingTimer_.Get(), TimerRelative, kMappingWait);
@@ -286,21 +243,21 @@ EFI_STATUS PingSession::WaitLong() {
   return EFI_SUCCESS;
 }
 
-// The interactive test counts 60 one-second ticks (one on an older platform) and reports them.
-EFI_STATUS PingSession::WaitInteractive(const PingProgress* Progress) {
+// 60 one-second ticks (one on an older platform), each reported.
+EFI_STATUS PingSession::WaitCountedTicks(const PingProgress* Progress) {
   ticks_ = 0;
   EFI_STATUS status = mappingTimer_.Create(EVT_TIMER | EVT_NOTIFY_SIGNAL, TPL_CALLBACK, CountTick, this);
   if (!EFI_ERROR(status))
     status = gBS->SetTimer(mappingTimer_.Get(), TimerPeriodic, kOneSecond);
   if (EFI_ERROR(status))
     return status;
-  UINTN limit = state_.currentPlatform ? kInteractiveMappingTicks : 1;
+  const BOOLEAN current = policy_.Firmware->CurrentPlatform;
+  UINTN limit = current ? kMappingTicks : 1;
   while (ticks_ < limit) {
     ip4_->Poll(ip4_);
     if (IsConfigured(ip4_) || RejoinIfLeftBehind())
       break;
-    if (state_.currentPlatform && Progress != nullptr &&
-        EFI_ERROR(Progress->Report(Progress->Context, ticks_, limit)))
+    if (current && Progress != nullptr && EFI_ERROR(Progress->Report(Progress->Context, ticks_, limit)))
       return EFI_ABORTED;
   }
   gBS->SetTimer(mappingTimer_.Get(), TimerCancel, 0);
@@ -318,7 +275,7 @@ EFI_STATUS PingSession::AwaitAddress(const PingProgress* Progress) {
     DebugLogPrint(u"No timer to look at the NIC's own address during the wait\r\n");
     rejoinTimer_.Close();
   }
-  EFI_STATUS status = variant_ == PingVariant::PingTest ? WaitLong() : WaitInteractive(Progress);
+  EFI_STATUS status = policy_.Wait == AddressWait::OneTimer ? WaitOneTimer() : WaitCountedTicks(Progress);
   if (EFI_ERROR(status))
     return status;
   EFI_STATUS readStatus;
@@ -330,7 +287,8 @@ EFI_STATUS PingSession::AwaitAddress(const PingProgress* Progress) {
 }
 
 bool PingSession::RejoinIfLeftBehind() {
-  if (rejoined_ || !rejoinTimer_ || EFI_ERROR(gBS->CheckEvent(rejoinTimer_.Get())))
+  if (rejoined_ || !policy_.Firmware->Ip4Config2 || !rejoinTimer_ ||
+      EFI_ERROR(gBS->CheckEvent(rejoinTimer_.Get())))
     return false;
   EFI_IPv4_ADDRESS address = {};
   if (!NicHasStationAddress(service_, &address))
@@ -379,7 +337,7 @@ EFI_STATUS PingSession::Arm() {
     LogPrint(u"Failed to allocate memory resource.\r\n");
     return EFI_OUT_OF_RESOURCES;
   }
-  baseSum_ = BuildEchoRequest(request_.Get(), state_.identifier);
+  baseSum_ = BuildEchoRequest(request_.Get(), policy_.Counter->Identifier);
   txData_.DestinationAddress = destination_;
   txData_.TotalDataLength = kEchoRequestBytes;
   txData_.FragmentCount = 1;
@@ -395,13 +353,13 @@ EFI_STATUS PingSession::TakeReceived() {
   UINT64 arrived = ReadTimeStampCounter();
   ConsolePrint(u"Receive Packet......\r\n");
   EFI_IP4_RECEIVE_DATA* rx = rxToken_.Packet.RxData;
-  if (CheckEchoReply(rx, destination_, variant_)) {
+  if (CheckEchoReply(rx, destination_, policy_)) {
     const auto* icmp = static_cast<const UINT8*>(rx->FragmentTable[0].FragmentBuffer);
     UINT16 replySequence = ReadLe16(icmp + 6);
     const UINT8* d = destination_.Addr;
     if (replySequence <= sequence_ && replySequence < kMaxTimedRequests)
       LogPrint(u"Reply seq %d from %d.%d.%d.%d: time %d us\r\n", replySequence, d[0], d[1], d[2], d[3],
-               (arrived - sendTimes_[replySequence]) / TscPerMicrosecond());
+               (arrived - sendTimes_[replySequence]) / TimeStampCounterPerMicrosecond());
   }
   if (rx != nullptr)
     gBS->SignalEvent(rx->RecycleSignal);
@@ -414,7 +372,7 @@ EFI_STATUS PingSession::TakeReceived() {
 }
 
 EFI_STATUS PingSession::Exchange(UINT32 Count) {
-  TscPerMicrosecond(); // calibrated before the first request leaves, not while replies arrive
+  TimeStampCounterPerMicrosecond(); // calibrated before the first request leaves, not while replies arrive
   sendTimes_[0] = ReadTimeStampCounter();
   EFI_STATUS status = ip4_->Transmit(ip4_, &txToken_);
   if (EFI_ERROR(status)) {
@@ -448,7 +406,7 @@ EFI_STATUS PingSession::Exchange(UINT32 Count) {
       if (EFI_ERROR(status))
         return status;
     }
-    if (state_.replies >= Count) {
+    if (policy_.Counter->Replies >= Count) {
       ConsolePrint(u"All Received!\r\n");
       return status;
     }
@@ -462,10 +420,10 @@ EFI_STATUS PingSession::Exchange(UINT32 Count) {
 } // namespace
 
 EFI_STATUS ExecutePingProcess(EFI_HANDLE Ip4ServiceBindingHandle, const EFI_IPv4_ADDRESS& DestinationAddress,
-                              UINT32 Count, const PingProgress* Progress, PingVariant Variant) {
+                              UINT32 Count, const PingProgress* Progress, const EchoPolicy& Policy) {
   TracePrint(u"enter ExecutePingProcess()\r\n");
-  StateOf(Variant).replies = 0;
-  PingSession session(Variant, DestinationAddress);
+  Policy.Counter->Replies = 0;
+  PingSession session(Policy, DestinationAddress);
   EFI_STATUS status = session.Open(Ip4ServiceBindingHandle);
   if (EFI_ERROR(status))
     return status;
@@ -480,15 +438,4 @@ EFI_STATUS ExecutePingProcess(EFI_HANDLE Ip4ServiceBindingHandle, const EFI_IPv4
   if (EFI_ERROR(status))
     return status;
   return session.Exchange(Count);
-}
-
-void DecideCurrentPlatform(PingVariant Variant) {
-  constexpr UINT32 kCurrentUefi = 0x2001E;        // 2.30
-  constexpr UINT32 kCurrentUefiFamily1 = 0x2000A; // 2.10, on platform family 1
-  UINT32 revision = gST->Hdr.Revision;
-  UINTN family = GetPlatformFamilyId();
-  BOOLEAN current = revision >= kCurrentUefi || (revision >= kCurrentUefiFamily1 && family == 1);
-  if (!current)
-    LogPrint(u"Old UEFI 0x%x platform, family id 0x%x\r\n", revision, family);
-  SetCurrentPlatform(Variant, current);
 }

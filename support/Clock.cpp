@@ -11,7 +11,10 @@ UINT64 HardwareCounter() {
 #endif
 }
 
+// The counter's rate, once found: gFrequency measured against the real-time clock (ticks per second),
+// gQuickPerUs estimated against Stall (ticks per microsecond).
 constinit UINT64 gFrequency = 0;
+constinit UINT64 gQuickPerUs = 0;
 
 // Reads the real-time clock until its Second differs from Second; FALSE when a read fails.
 bool WaitForSecondChange(UINT8* Second) {
@@ -61,6 +64,21 @@ UINT64 TimeStampCounterFrequency(bool* Measured) {
   return gFrequency;
 }
 
+UINT64 TimeStampCounterPerMicrosecond() {
+  if (gFrequency >= 1000000)
+    return gFrequency / 1000000;
+  if (gQuickPerUs == 0) {
+    constexpr UINTN kEstimate = 10000; // µs
+    UINT64 start = ReadTimeStampCounter();
+    gBS->Stall(kEstimate);
+    gQuickPerUs = (ReadTimeStampCounter() - start) / kEstimate;
+    if (gQuickPerUs == 0)
+      gQuickPerUs = 1;
+  }
+  return gQuickPerUs;
+}
+
 void ResetTimeStampCounterFrequency() {
   gFrequency = 0;
+  gQuickPerUs = 0;
 }

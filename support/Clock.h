@@ -17,8 +17,12 @@ inline UINT64 ReadTimeStampCounter() {
 // clock cannot be read.
 UINT64 TimeStampCounterFrequency(bool* Measured = nullptr);
 
+// Ticks per microsecond, for round-trip times: the measured frequency when a caller has had it
+// measured, otherwise a quick estimate of 10 ms against Stall, made once. Never 0.
+UINT64 TimeStampCounterPerMicrosecond();
+
 // Whether the processor reports an invariant counter (CPUID 8000_0007h, EDX bit 8).
 bool TimeStampCounterInvariant();
 
-// Forgets the measured frequency (the host tests measure it again on a different clock).
+// Forgets the measured frequency and the estimate (the host tests measure it again on a different clock).
 void ResetTimeStampCounterFrequency();

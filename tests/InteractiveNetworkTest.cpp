@@ -6,10 +6,8 @@
 #include "nic/Inventory.h"
 #include "nic/NicAccess.h"
 #include "nic/NicConfig.h"
-#include "nic/ServiceChildren.h"
 #include "options/OptionStore.h"
-#include "ping/Dhcp.h"
-#include "ping/IcmpEcho.h"
+#include "ping/BringUp.h"
 #include "report/Output.h"
 #include "report/Progress.h"
 #include "report/TestRun.h"
@@ -66,8 +64,10 @@ constexpr const CHAR16* kMessageFile = u"Wirecheck.msg.xml";
 constexpr UINTN kPromptNoNic = 101, kPromptNoCableYet = 104, kPromptNoCable = 105;
 constexpr UINTN kPromptNotConfigured = 106, kPromptNotConfiguredNoLink = 107;
 constexpr UINTN kCableChecks = 5;
-constexpr UINTN kDhcpTries = 5;
 constexpr UINTN kSecond = 1000000;
+
+// This test's echo replies and identifier, apart from the ping test's.
+constinit EchoCounter gEchoes = {0, 0};
 
 class InteractiveRun : public TestRun {
 public:
@@ -101,8 +101,9 @@ private:
   // The NIC's existing configuration first: its default gateway answers one ping when it works.
   bool GatewayAnswers(EFI_IPv4_ADDRESS* Remote);
   bool ConfigureByDhcp(EFI_IPv4_ADDRESS* Remote);
-  bool RunDhcp(EFI_IPv4_ADDRESS* Remote);
   bool PingRemote(const EFI_IPv4_ADDRESS& Remote);
+  // Its pings: the reply lines logged, the address awaited in counted ticks.
+  EchoPolicy Echo() const { return {&gEchoes, false, AddressWait::CountedTicks, &firmware_}; }
 
   // From the second attempt on: the retry line and a report within the 30 points after Base.
   bool StartAttempt(UINT64 Attempt, UINTN Base) {
@@ -111,8 +112,14 @@ private:
     LogPrint(u"Retrying %d times...\r\n", Attempt);
     return Report(AtPercent(UINTN((Attempt + 1) * 30 / (retries_ + 1) + Base)));
   }
-  // The address wait's report, once per tick of its 60.
-  static EFI_STATUS AddressWaitProgress(void* Context, UINTN Ticks, UINTN Total);
+  // The bring-up's reports: the address wait's ticks fill 30 points after 30, and from the second
+  // DHCP attempt on each attempt its share of them.
+  static bool AddressWaitTick(void* Context, UINTN Ticks, UINTN Total) {
+    return static_cast<InteractiveRun*>(Context)->Report(AtPercent(Ticks * 30 / Total + kDhcpBase));
+  }
+  static bool BeforeDhcpAttempt(void* Context, UINTN Attempt, bool) {
+    return static_cast<InteractiveRun*>(Context)->StartAttempt(Attempt, kDhcpBase);
+  }
 
   CHAR8 language_[6] = {};
   UINT64 retries_ = 0;
@@ -120,8 +127,7 @@ private:
   OrderedListOwner nics_;
   NicInfo* selected_ = nullptr;
   UINTN failurePrompt_ = kPromptNotConfigured;
-  UINTN lastTick_ = 0;    // the address wait's last tick reported
-  bool answered_ = false; // the operator answered during the address wait
+  FirmwareTraits firmware_ = kAssumedFirmware;
 };
 
 bool InteractiveRun::ReadOptions() {
@@ -140,7 +146,7 @@ bool InteractiveRun::FindMenus() {
   if (EFI_ERROR(LocateMenuProtocols(&menus_)) ||
       EFI_ERROR(OrderedListCreate(nics_.Receive(), nullptr, FreeNicInfo)))
     return End(Outcome::Failed(ERROR_CODE_SOFTWARE));
-  DecideCurrentPlatform(PingVariant::Interactive);
+  firmware_ = ReadFirmwareTraits();
   return Report(kMenusFound);
 }
 
@@ -218,10 +224,9 @@ bool InteractiveRun::GatewayAnswers(EFI_IPv4_ADDRESS* Remote) {
   if (!EFI_ERROR(status) && selected_->Ip4Config2InterfaceInfo != nullptr)
     *Remote = DefaultGateway(selected_->Ip4Config2InterfaceInfo);
   LogPrint(u"GetNicConfig(), Status(%r), ConfigInfo(%x)\r\n", status, selected_->Ip4Config2InterfaceInfo);
-  if ((Remote->Addr[0] | Remote->Addr[1] | Remote->Addr[2] | Remote->Addr[3]) == 0)
+  if (IsZeroAddress(*Remote))
     return false;
-  status = ExecutePingProcess(selected_->Ip4ServiceBindingProtocolHandle, *Remote, 1, nullptr,
-                              PingVariant::Interactive);
+  status = ExecutePingProcess(selected_->Ip4ServiceBindingProtocolHandle, *Remote, 1, nullptr, Echo());
   if (EFI_ERROR(status)) {
     LogPrint(u"Failed to try to ping gateway ip!(%r)\r\n", status);
     return false;
@@ -230,75 +235,60 @@ bool InteractiveRun::GatewayAnswers(EFI_IPv4_ADDRESS* Remote) {
   return true;
 }
 
-EFI_STATUS InteractiveRun::AddressWaitProgress(void* Context, UINTN Ticks, UINTN Total) {
-  auto* run = static_cast<InteractiveRun*>(Context);
-  if (Ticks == 0 || Ticks == run->lastTick_ || Total == 0)
-    return EFI_SUCCESS;
-  if (!run->Report(AtPercent(Ticks * 30 / Total + 30))) {
-    run->answered_ = true;
-    return EFI_ABORTED;
-  }
-  run->lastTick_ = Ticks;
-  return EFI_SUCCESS;
-}
-
 bool InteractiveRun::ConfigureByDhcp(EFI_IPv4_ADDRESS* Remote) {
   LogPrint(u"Network not configured correctly, starting configure with DHCP...\r\n");
   if (selected_->Dhcp4ServiceBindingProtocolHandle == nullptr) {
     LogPrint(u"DHCPv4 Service Binding Protocol not supported for current NIC device!\r\n");
     return End(Outcome::Failed(ERROR_CODE_SOFTWARE));
   }
-  EFI_STATUS status = SetNicConfig();
-  if (EFI_ERROR(status)) {
-    LogPrint(u"Failed SetNicConfig().(%r)\r\n", status);
-    return End(Outcome::Ended(status == EFI_OUT_OF_RESOURCES ? TEST_RESULT_FAILED : TEST_RESULT_WARNING,
-                              ERROR_CODE_SOFTWARE));
-  }
-  // A cable plugged in at the prompt finds the firmware's DHCP given up; it is started again.
-  RestartStalledDhcp(selected_->Ip4Config2ProtocolHandle != nullptr ? selected_->Ip4Config2ProtocolHandle
-                                                                    : selected_->NicHandle);
-  // The NIC's own address first: it shows that the stack is configured at all.
-  lastTick_ = 0;
-  answered_ = false;
-  const PingProgress progress = {AddressWaitProgress, this};
-  status = ExecutePingProcess(selected_->Ip4ServiceBindingProtocolHandle, EFI_IPv4_ADDRESS{}, 0, &progress,
-                              PingVariant::Interactive);
-  if (status == EFI_ABORTED && answered_)
-    return false; // the operator cancelled or failed the test during the wait
-  if (EFI_ERROR(status)) {
+  // Every NIC switched to DHCP, the address awaited with a report a second, then retries + 1
+  // attempts of DHCP, each on a new child of five tries a second apart, only a bound lease counting.
+  const BringUpPolicy policy = {
+      .Rewrite = ConfigRewrite::PolicyToDhcp,
+      .Echo = Echo(),
+      .Dhcp = {.Attempts = UINTN(retries_) + 1,
+               .TriesPerChild = 5,
+               .TryPause = kSecond,
+               .RefusalRepeats = 0,
+               .RefusalPause = 0,
+               .TimeoutRepeats = 0,
+               .TimeoutPause = 0,
+               .RequireBound = true},
+      .HoldChild = false,
+  };
+  const BringUpHooks hooks = {this, AddressWaitTick, BeforeDhcpAttempt};
+  Ipv4BringUp up(policy, hooks);
+  BringUpResult result =
+      up.Run({.Ip4 = selected_->Ip4ServiceBindingProtocolHandle,
+              .Dhcp4 = selected_->Dhcp4ServiceBindingProtocolHandle,
+              .Config2 = selected_->Ip4Config2ProtocolHandle != nullptr ? selected_->Ip4Config2ProtocolHandle
+                                                                        : selected_->NicHandle});
+  switch (result.Reason) {
+  case BringUpReason::Up:
+    LogPrint(u"Configure Network completed!\r\n");
+    *Remote = up.Lease().ServerAddress;
+    return true;
+  case BringUpReason::OperatorAnswered:
+    return false; // the report that took the answer ended the run with it
+  case BringUpReason::RewriteFailed:
+    LogPrint(u"Failed SetNicConfig().(%r)\r\n", result.Status);
+    return End(
+        Outcome::Ended(result.Status == EFI_OUT_OF_RESOURCES ? TEST_RESULT_FAILED : TEST_RESULT_WARNING,
+                       ERROR_CODE_SOFTWARE));
+  case BringUpReason::NoAddress:
     PromptMessage(failurePrompt_, kMessageFile);
-    LogPrint(u"Failed configure network!(%r)\r\n", status);
+    LogPrint(u"Failed configure network!(%r)\r\n", result.Status);
     return End(Outcome::Failed(kNotConfigured));
-  }
-  return RunDhcp(Remote);
-}
-
-bool InteractiveRun::RunDhcp(EFI_IPv4_ADDRESS* Remote) {
-  UINT32 timeouts[1];
-  EFI_DHCP4_CONFIG_DATA config = MakeDhcpConfig(timeouts);
-  EFI_DHCP4_MODE_DATA mode = {};
-  for (UINT64 attempt = 0; attempt <= retries_; ++attempt) {
-    if (!StartAttempt(attempt, kDhcpBase))
-      return false;
-    Dhcp4Child dhcp;
-    EFI_STATUS status = dhcp.Open(selected_->Dhcp4ServiceBindingProtocolHandle, gImageHandle);
-    if (EFI_ERROR(status)) {
-      LogPrint(u"Failed open DHCPv4 Protocol!(%r)\r\n", status);
-      return End(Outcome::Failed(ERROR_CODE_SOFTWARE));
-    }
-    for (UINTN tryNumber = 0; tryNumber < kDhcpTries; ++tryNumber) {
-      status = StartConfigureProcess(dhcp.Get(), &config, &mode);
-      if (EFI_ERROR(status) && status != EFI_ACCESS_DENIED && status != EFI_TIMEOUT) {
-        LogPrint(u"Failed configure network!(%r)\r\n", status);
-        return End(Outcome::Failed(ERROR_CODE_SOFTWARE));
-      }
-      if (!EFI_ERROR(status) && mode.State == Dhcp4Bound) {
-        LogPrint(u"Configure Network completed!\r\n");
-        *Remote = mode.ServerAddress;
-        return true;
-      }
-      gBS->Stall(kSecond);
-    }
+  case BringUpReason::DhcpChildFailed:
+    LogPrint(u"Failed open DHCPv4 Protocol!(%r)\r\n", result.Status);
+    return End(Outcome::Failed(ERROR_CODE_SOFTWARE));
+  case BringUpReason::DhcpFailed:
+    LogPrint(u"Failed configure network!(%r)\r\n", result.Status);
+    return End(Outcome::Failed(ERROR_CODE_SOFTWARE));
+  case BringUpReason::DhcpTimedOut:
+  case BringUpReason::DhcpRefused:
+  case BringUpReason::DhcpNotBound:
+    break;
   }
   PromptMessage(failurePrompt_, kMessageFile);
   LogPrint(u"Network Configure not completed!\r\n");
@@ -310,8 +300,8 @@ bool InteractiveRun::PingRemote(const EFI_IPv4_ADDRESS& Remote) {
   for (UINT64 attempt = 0; attempt <= retries_; ++attempt) {
     if (!StartAttempt(attempt, kPingBase))
       return false;
-    EFI_STATUS status = ExecutePingProcess(selected_->Ip4ServiceBindingProtocolHandle, Remote, 3, nullptr,
-                                           PingVariant::Interactive);
+    EFI_STATUS status =
+        ExecutePingProcess(selected_->Ip4ServiceBindingProtocolHandle, Remote, 3, nullptr, Echo());
     if (status == EFI_SUCCESS) {
       LogPrint(u"Ping DHCP Server successed!\r\n");
       Show(kDone);

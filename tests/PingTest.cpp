@@ -2,13 +2,9 @@
 #include "base/Globals.h"
 #include "base/Owners.h"
 #include "base/String.h"
-#include "nic/HiiConfig.h"
 #include "nic/NicAccess.h"
-#include "nic/NicConfig.h"
-#include "nic/ServiceChildren.h"
 #include "options/OptionStore.h"
-#include "ping/Dhcp.h"
-#include "ping/IcmpEcho.h"
+#include "ping/BringUp.h"
 #include "report/Output.h"
 #include "report/TestRun.h"
 
@@ -103,10 +99,30 @@ constexpr NicChoiceTexts kChoiceTexts = {
     .NotThere = u"The NIC is not found!\r\n",
 };
 
-// The last DHCP exchange's addresses. They outlive the run: a later attempt or run hands the
-// server address to its first IPv4 configuration (which sends nothing to it).
+// The last DHCP exchange's addresses, kept for the module's lifetime.
 constinit EFI_IPv4_ADDRESS gServerAddress = {};
 constinit EFI_IPv4_ADDRESS gClientAddress = {};
+
+// This test's echo replies and identifier, apart from the interactive test's.
+constinit EchoCounter gEchoes = {0, 0};
+
+// What the bring-up does for this test: the stored configuration rewritten through HII, one
+// 60-second wait for the address, and DHCP on one child held through the ping, a refusal while
+// another DHCP client is active asked again up to 100 times 0.2 s apart, a time-out once after
+// 0.1 s and a progress step, the first success taken whatever its state.
+constexpr DhcpTries kDhcpTries = {
+    .Attempts = 1,
+    .TriesPerChild = 1,
+    .TryPause = 0,
+    .RefusalRepeats = 100,
+    .RefusalPause = 200000,
+    .TimeoutRepeats = 1,
+    .TimeoutPause = 100000,
+    .RequireBound = false,
+};
+
+// How an attempt ended, apart from its verdict: only a missing NIC ends the retries.
+enum class AttemptEnd { Judged, NicMissing, Interrupted };
 
 class PingRun : public TestRun {
 public:
@@ -116,17 +132,19 @@ private:
   bool ReadOptions();
   // One progress step of the run's own scale; FALSE when the operator answered.
   bool Step();
-  // One attempt; its verdict is in attempt_. EFI_NOT_FOUND: the NIC itself is missing.
-  EFI_STATUS RunPingTest();
-  EFI_STATUS Fails(UINTN ErrorCode, EFI_STATUS Status) {
+  // One attempt; its verdict is in attempt_.
+  AttemptEnd RunPingTest();
+  AttemptEnd Fails(UINTN ErrorCode, AttemptEnd How = AttemptEnd::Judged) {
     attempt_.ErrorCode = ErrorCode;
-    return Status;
+    return How;
   }
-  EFI_STATUS ConfigureByDhcp(EFI_HANDLE Nic, Dhcp4Child& Dhcp);
+  // The NIC's address and its DHCP server; FALSE when the attempt ends there.
+  bool BringUp(EFI_HANDLE Nic, Ipv4BringUp& Up);
   // The NIC to ping, by -devicepath text or -index position among the handles.
   EFI_HANDLE ChoosePingTarget();
 
   PingOptions o_ = {};
+  FirmwareTraits firmware_ = kAssumedFirmware;
   ProgressPoint position_ = kStart;
   bool interrupted_ = false;
   struct {
@@ -201,7 +219,7 @@ void PingRun::Execute() {
   TracePrint(u"enter PingTest()\r\n");
   if (!Report(position_) || !ReadOptions())
     return;
-  DecideCurrentPlatform(PingVariant::PingTest);
+  firmware_ = ReadFirmwareTraits();
   if (!Step())
     return;
   for (UINT8 attempt = 0; attempt <= o_.retries; ++attempt) {
@@ -209,10 +227,10 @@ void PingRun::Execute() {
       ConsolePrint(u"Retry......\r\n");
     if (!Step())
       return;
-    EFI_STATUS status = RunPingTest();
-    if (interrupted_)
+    AttemptEnd end = RunPingTest();
+    if (end == AttemptEnd::Interrupted)
       return; // cancelled or failed by the operator
-    if (status == EFI_NOT_FOUND) {
+    if (end == AttemptEnd::NicMissing) {
       LogPrint(u"RunPingTest() error!\r\n");
       End(Outcome::Ended(attempt_.Result, attempt_.ErrorCode));
       return;
@@ -224,7 +242,7 @@ void PingRun::Execute() {
   End(Outcome::Ended(attempt_.Result, attempt_.ErrorCode));
 }
 
-EFI_STATUS PingRun::RunPingTest() {
+AttemptEnd PingRun::RunPingTest() {
   TracePrint(u"enter RunPingTest()\r\n");
   attempt_ = {TEST_RESULT_FAILED, ERROR_CODE_NONE};
 
@@ -235,85 +253,84 @@ EFI_STATUS PingRun::RunPingTest() {
   case NicChoice::Chosen:
     break;
   case NicChoice::NoNic:
-    return Fails(ERROR_CODE_NO_NIC, EFI_NOT_FOUND);
+    return Fails(ERROR_CODE_NO_NIC, AttemptEnd::NicMissing);
   case NicChoice::NotThere:
-    return Fails(ERROR_CODE_NIC_NOT_FOUND, EFI_NOT_FOUND);
+    return Fails(ERROR_CODE_NIC_NOT_FOUND, AttemptEnd::NicMissing);
   case NicChoice::LookupFailed:
-    return Fails(ERROR_CODE_SOFTWARE, status);
+    return Fails(ERROR_CODE_SOFTWARE);
   }
 
   if (!WaitForCable(nic)) {
     LogPrint(u"Media cable not detected!\r\n");
-    return Fails(kNoCable, EFI_SUCCESS);
+    return Fails(kNoCable);
   }
   if (!Step())
-    return EFI_SUCCESS;
+    return AttemptEnd::Interrupted;
 
-  status = SetNicByHii();
-  if (EFI_ERROR(status) && status != EFI_ALREADY_STARTED) {
-    LogPrint(u"Failed SetNicByHii (%r)\r\n", status);
-    return Fails(ERROR_CODE_SOFTWARE, status);
-  }
-
-  // A cable plugged in after the firmware's DHCP gave up would leave the address wait empty-handed.
-  RestartStalledDhcp(nic);
-  status = ExecutePingProcess(nic, gServerAddress, 0, nullptr, PingVariant::PingTest);
-  if (EFI_ERROR(status)) {
-    LogPrint(u"ExecutePingProcess (%r)\r\n", status);
-    return Fails(kConfigFailed, status);
-  }
-
-  // The DHCPv4 child stays until the attempt ends, ping included.
-  Dhcp4Child dhcp;
-  status = ConfigureByDhcp(nic, dhcp);
-  if (EFI_ERROR(status) || interrupted_)
-    return status;
+  // The DHCPv4 child the bring-up holds stays until the attempt ends, ping included.
+  const BringUpPolicy policy = {
+      .Rewrite = ConfigRewrite::StoredThroughHii,
+      .Echo = {&gEchoes, true, AddressWait::OneTimer, &firmware_},
+      .Dhcp = kDhcpTries,
+      .HoldChild = true,
+  };
+  const BringUpHooks hooks = {this, nullptr,
+                              [](void* run, UINTN, bool) { return static_cast<PingRun*>(run)->Step(); }};
+  Ipv4BringUp up(policy, hooks);
+  if (!BringUp(nic, up))
+    return interrupted_ ? AttemptEnd::Interrupted : AttemptEnd::Judged;
 
   EFI_HANDLE target = ChoosePingTarget();
   if (target == nullptr) {
     LogPrint(u"The network card you searched is not found!\r\n");
-    return Fails(ERROR_CODE_NIC_NOT_FOUND, EFI_NOT_FOUND);
+    return Fails(ERROR_CODE_NIC_NOT_FOUND, AttemptEnd::NicMissing);
   }
-  status = ExecutePingProcess(target, gServerAddress, o_.testRepeats, nullptr, PingVariant::PingTest);
+  status = ExecutePingProcess(target, gServerAddress, o_.testRepeats, nullptr, policy.Echo);
   if (status != EFI_SUCCESS) {
     LogPrint(u"ExecutePingProcess() error (%r)\r\n", status);
-    return Fails(ErrorCodeFor(status, {{EFI_TIMEOUT, kPingTimedOut}, {EFI_NO_MAPPING, kDhcpRefused}}),
-                 status);
+    return Fails(ErrorCodeFor(status, {{EFI_TIMEOUT, kPingTimedOut}, {EFI_NO_MAPPING, kDhcpRefused}}));
   }
   attempt_.Result = TEST_RESULT_PASSED;
-  return EFI_SUCCESS;
+  return AttemptEnd::Judged;
 }
 
-// DHCP on a DHCPv4 child of the NIC, with the ping test's retries; the server and client addresses
-// it learns are kept.
-EFI_STATUS PingRun::ConfigureByDhcp(EFI_HANDLE Nic, Dhcp4Child& Dhcp) {
-  EFI_STATUS status = Dhcp.Open(Nic, gImageHandle);
-  if (EFI_ERROR(status)) {
-    LogPrint(u"OpenDhcp4Protocol() error (%r)\r\n", status);
-    return Fails(ERROR_CODE_SOFTWARE, status);
-  }
-  UINT32 timeouts[1];
-  EFI_DHCP4_CONFIG_DATA config = MakeDhcpConfig(timeouts);
-  EFI_DHCP4_MODE_DATA mode = {};
-  bool interrupted = false;
-  status = ConfigureWithPingRetries(
-      Dhcp.Get(), &config, &mode, [](void* run) { return static_cast<PingRun*>(run)->Step(); }, this,
-      &interrupted);
-  if (interrupted)
-    return EFI_SUCCESS;
-  if (EFI_ERROR(status)) {
-    LogPrint(u"StartConfigureProcess() error (%r)\r\n", status);
-    return Fails(ErrorCodeFor(status, {{EFI_TIMEOUT, kConfigFailed}, {EFI_ACCESS_DENIED, kDhcpRefused}}),
-                 status);
+bool PingRun::BringUp(EFI_HANDLE Nic, Ipv4BringUp& Up) {
+  BringUpResult up = Up.Run({.Ip4 = Nic, .Dhcp4 = Nic, .Config2 = Nic});
+  switch (up.Reason) {
+  case BringUpReason::Up:
+    break;
+  case BringUpReason::OperatorAnswered:
+    return false;
+  case BringUpReason::RewriteFailed:
+    LogPrint(u"Failed SetNicByHii (%r)\r\n", up.Status);
+    Fails(ERROR_CODE_SOFTWARE);
+    return false;
+  case BringUpReason::NoAddress:
+    LogPrint(u"ExecutePingProcess (%r)\r\n", up.Status);
+    Fails(kConfigFailed);
+    return false;
+  case BringUpReason::DhcpChildFailed:
+    LogPrint(u"OpenDhcp4Protocol() error (%r)\r\n", up.Status);
+    Fails(ERROR_CODE_SOFTWARE);
+    return false;
+  case BringUpReason::DhcpTimedOut:
+  case BringUpReason::DhcpRefused:
+  case BringUpReason::DhcpNotBound:
+  case BringUpReason::DhcpFailed:
+    LogPrint(u"StartConfigureProcess() error (%r)\r\n", up.Status);
+    Fails(up.Reason == BringUpReason::DhcpTimedOut  ? kConfigFailed
+          : up.Reason == BringUpReason::DhcpRefused ? kDhcpRefused
+                                                    : ERROR_CODE_SOFTWARE);
+    return false;
   }
   attempt_.ErrorCode = ERROR_CODE_NONE;
-  gServerAddress = mode.ServerAddress;
-  gClientAddress = mode.ClientAddress;
+  gServerAddress = Up.Lease().ServerAddress;
+  gClientAddress = Up.Lease().ClientAddress;
   const UINT8* s = gServerAddress.Addr;
   const UINT8* c = gClientAddress.Addr;
   LogPrint(u"Server Address: %d.%d.%d.%d\r\n", s[0], s[1], s[2], s[3]);
   LogPrint(u"Client Address: %d.%d.%d.%d\r\n", c[0], c[1], c[2], c[3]);
-  return EFI_SUCCESS;
+  return true;
 }
 
 // A handle whose device path cannot be opened is passed over, and its failure stays in the

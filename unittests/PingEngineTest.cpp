@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/Globals.h"
+#include "ping/BringUp.h"
 #include "ping/Dhcp.h"
 #include "ping/IcmpEcho.h"
 #include "report/Output.h"
@@ -16,6 +17,10 @@ namespace {
 
 constexpr UINT64 kSecond = 10000000;
 const EFI_IPv4_ADDRESS kServer = {{10, 0, 2, 2}};
+constinit EchoCounter gEchoes = {};
+constexpr FirmwareTraits kFirmware = kAssumedFirmware;
+// The ping test's way of using the engine: replies printed, one 60-second wait for the address.
+constexpr EchoPolicy kEcho = {&gEchoes, true, AddressWait::OneTimer, &kFirmware};
 
 struct PingEngineTest : ::testing::Test {
   FakeFirmware fw;
@@ -31,9 +36,7 @@ struct PingEngineTest : ::testing::Test {
     EXPECT_EQ(nic.badChecksums, 0u);
     gImageHandle = nullptr;
   }
-  EFI_STATUS Ping(UINT32 count) {
-    return ExecutePingProcess(nic.handle, kServer, count, nullptr, PingVariant::PingTest);
-  }
+  EFI_STATUS Ping(UINT32 count) { return ExecutePingProcess(nic.handle, kServer, count, nullptr, kEcho); }
   double Seconds() const { return double(fw.now) / kSecond; }
 };
 
@@ -52,7 +55,8 @@ TEST(EchoRequest, IncrementalChecksumMatchesAFullOne) {
 TEST(EchoReply, RefusedPacketsDoNotCount) {
   FakeFirmware fw;
   ResetOutputState();
-  ResetEchoReplyCount(PingVariant::Interactive);
+  EchoCounter counter = {0, 0};
+  const EchoPolicy logged = {&counter, false, AddressWait::CountedTicks, &kFirmware};
   EFI_IP4_HEADER header{};
   header.Protocol = 1;
   header.SourceAddress = kServer;
@@ -62,30 +66,35 @@ TEST(EchoReply, RefusedPacketsDoNotCount) {
   rx.DataLength = sizeof(icmp);
   rx.FragmentCount = 1;
   rx.FragmentTable[0] = {sizeof(icmp), icmp};
-  EXPECT_TRUE(CheckEchoReply(&rx, kServer, PingVariant::Interactive));
+  EXPECT_TRUE(CheckEchoReply(&rx, kServer, logged));
 
-  EXPECT_FALSE(CheckEchoReply(nullptr, kServer, PingVariant::Interactive));
+  EXPECT_FALSE(CheckEchoReply(nullptr, kServer, logged));
   header.Protocol = 17;
-  EXPECT_FALSE(CheckEchoReply(&rx, kServer, PingVariant::Interactive));
+  EXPECT_FALSE(CheckEchoReply(&rx, kServer, logged));
   header.Protocol = 1;
   rx.DataLength = 15;
-  EXPECT_FALSE(CheckEchoReply(&rx, kServer, PingVariant::Interactive));
+  EXPECT_FALSE(CheckEchoReply(&rx, kServer, logged));
   rx.DataLength = sizeof(icmp);
   header.SourceAddress = {{10, 0, 2, 3}};
-  EXPECT_FALSE(CheckEchoReply(&rx, kServer, PingVariant::Interactive));
+  EXPECT_FALSE(CheckEchoReply(&rx, kServer, logged));
   header.SourceAddress = kServer;
   icmp[0] = 8; // a request, not a reply
-  EXPECT_FALSE(CheckEchoReply(&rx, kServer, PingVariant::Interactive));
+  EXPECT_FALSE(CheckEchoReply(&rx, kServer, logged));
   icmp[0] = 0;
   icmp[1] = 1;
-  EXPECT_FALSE(CheckEchoReply(&rx, kServer, PingVariant::Interactive));
+  EXPECT_FALSE(CheckEchoReply(&rx, kServer, logged));
   icmp[1] = 0;
   icmp[4] = 7; // another pinger's identifier
-  EXPECT_FALSE(CheckEchoReply(&rx, kServer, PingVariant::Interactive));
+  EXPECT_FALSE(CheckEchoReply(&rx, kServer, logged));
   icmp[4] = 0;
   rx.FragmentTable[0].FragmentLength = 4; // too short to hold an ICMP header
-  EXPECT_FALSE(CheckEchoReply(&rx, kServer, PingVariant::Interactive));
-  EXPECT_EQ(EchoReplyCount(PingVariant::Interactive), 1u);
+  EXPECT_FALSE(CheckEchoReply(&rx, kServer, logged));
+  EXPECT_EQ(counter.Replies, 1u);
+  counter.Identifier = 7; // a caller with an identifier of its own takes that pinger's replies
+  icmp[4] = 7;
+  rx.FragmentTable[0].FragmentLength = sizeof(icmp);
+  EXPECT_TRUE(CheckEchoReply(&rx, kServer, logged));
+  EXPECT_EQ(counter.Replies, 2u);
 }
 
 TEST_F(PingEngineTest, AllRepliesArrive) {
@@ -95,7 +104,7 @@ TEST_F(PingEngineTest, AllRepliesArrive) {
     EXPECT_EQ(nic.pingsSent[i].second, i);
     EXPECT_NEAR(double(nic.pingsSent[i].first) / kSecond, double(i), 0.01); // one request a second
   }
-  EXPECT_EQ(EchoReplyCount(PingVariant::PingTest), 5u);
+  EXPECT_EQ(gEchoes.Replies, 5u);
   EXPECT_LT(Seconds(), 4.1);
 }
 
@@ -110,7 +119,7 @@ TEST_F(PingEngineTest, PartialAnswersTimeOutOnTheFourthTick) {
   nic.unanswered = {1, 2};
   EXPECT_EQ(Ping(3), EFI_TIMEOUT);
   EXPECT_EQ(nic.pingsSent.size(), 3u);
-  EXPECT_EQ(EchoReplyCount(PingVariant::PingTest), 1u);
+  EXPECT_EQ(gEchoes.Replies, 1u);
   EXPECT_NEAR(Seconds(), 4.0, 0.05);
 }
 
@@ -155,6 +164,13 @@ struct DhcpProcess : ::testing::Test {
     nic.dhcpDenials = nic.dhcpTimeouts = 0;
     fw.now = 0;
   }
+  // The same, keeping the refusals and time-outs the test set up.
+  void ResetKeepingFaults() {
+    UINTN denials = nic.dhcpDenials, timeouts = nic.dhcpTimeouts;
+    Reset();
+    nic.dhcpDenials = denials;
+    nic.dhcpTimeouts = timeouts;
+  }
 };
 
 TEST_F(DhcpProcess, BoundLeaseExchangeAndRefusal) {
@@ -181,53 +197,99 @@ TEST_F(DhcpProcess, BoundLeaseExchangeAndRefusal) {
   EXPECT_EQ(StartConfigureProcess(nullptr, &config, &mode), EFI_INVALID_PARAMETER);
 }
 
-TEST_F(DhcpProcess, PingTestRetryPolicy) {
-  bool interrupted = false;
-  static int hookCalls;
-  hookCalls = 0;
-  auto hook = [](void* allow) {
+// The bring-up's DHCP tries, as the two ping tests set them, on a NIC that has its address.
+struct BringUpTries : DhcpProcess {
+  static inline int hookCalls = 0;
+  static inline bool allow = true;
+  static bool Hook(void*, UINTN, bool) {
     ++hookCalls;
-    return *static_cast<bool*>(allow);
-  };
-  bool allow = true;
-  auto run = [&] { return ConfigureWithPingRetries(dhcp, &config, &mode, hook, &allow, &interrupted); };
+    return allow;
+  }
+  BringUpHooks hooks = {nullptr, nullptr, Hook};
+  BringUpResult Run(const DhcpTries& tries, bool holdChild) {
+    ResetKeepingFaults();
+    hookCalls = 0;
+    gImageHandle = reinterpret_cast<EFI_HANDLE>(0x1000);
+    BringUpPolicy policy = {ConfigRewrite::PolicyToDhcp, kEcho, tries, holdChild};
+    BringUpResult result;
+    {
+      Ipv4BringUp up(policy, hooks);
+      result = up.Run({nic.handle, nic.handle, nic.handle});
+      if (result.Reason == BringUpReason::Up)
+        mode = up.Lease();
+      // A held child stays while the bring-up does, whatever DHCP gave; otherwise each attempt's goes
+      // with the attempt.
+      if (!holdChild || result.Reason == BringUpReason::Up) {
+        EXPECT_EQ(nic.LiveChildren(), holdChild ? 1u : 0u);
+      }
+    }
+    EXPECT_EQ(nic.LiveChildren(), 0u); // whatever the bring-up held is gone with it
+    gImageHandle = nullptr;
+    return result;
+  }
+};
 
-  Reset();
+TEST_F(BringUpTries, PingTestRefusalsTimeOutsAndTheOperator) {
+  const DhcpTries ping = {1, 1, 0, 100, 200000, 1, 100000, false};
   nic.dhcpDenials = 5;
-  EXPECT_EQ(run(), EFI_SUCCESS);
+  BringUpResult result = Run(ping, true);
+  EXPECT_EQ(result.Reason, BringUpReason::Up);
   EXPECT_EQ(nic.dhcpConfigures, 6u);
-  EXPECT_NEAR(double(fw.now) / kSecond, 1.0, 0.01); // five pauses of 0.2 s
+  EXPECT_NEAR(double(fw.now) / kSecond, 1.0, 0.05); // five pauses of 0.2 s
+  EXPECT_EQ(mode.ServerAddress.Addr[3], 2);
 
-  Reset();
   nic.dhcpDenials = 1000;
-  EXPECT_EQ(run(), EFI_ACCESS_DENIED);
+  result = Run(ping, true);
+  EXPECT_EQ(result.Reason, BringUpReason::DhcpRefused);
   EXPECT_EQ(nic.dhcpConfigures, 101u); // the first call and 100 more
-  EXPECT_NEAR(double(fw.now) / kSecond, 20.0, 0.01);
+  EXPECT_NEAR(double(fw.now) / kSecond, 20.0, 0.05);
 
-  Reset();
+  nic.dhcpDenials = 0;
   nic.dhcpTimeouts = 1;
-  EXPECT_EQ(run(), EFI_SUCCESS);
+  EXPECT_EQ(Run(ping, true).Reason, BringUpReason::Up);
   EXPECT_EQ(nic.dhcpStarts, 2u);
-  EXPECT_EQ(hookCalls, 1); // a progress step before the one retry
+  EXPECT_EQ(hookCalls, 1); // a progress step before the one repeat
 
-  Reset();
   nic.dhcpTimeouts = 1000;
-  EXPECT_EQ(run(), EFI_TIMEOUT);
+  result = Run(ping, true);
+  EXPECT_EQ(result.Reason, BringUpReason::DhcpTimedOut);
+  EXPECT_EQ(result.Status, EFI_TIMEOUT);
   EXPECT_EQ(nic.dhcpStarts, 2u);
-  EXPECT_FALSE(interrupted);
 
-  Reset();
   nic.dhcpTimeouts = 1000;
   allow = false; // the operator cancels at the progress step
-  EXPECT_EQ(run(), EFI_TIMEOUT);
+  EXPECT_EQ(Run(ping, true).Reason, BringUpReason::OperatorAnswered);
   EXPECT_EQ(nic.dhcpStarts, 1u);
-  EXPECT_TRUE(interrupted);
+  allow = true;
 
-  Reset();
-  fw.FailUse(2); // the child's Configure, after its GetModeData
-  EXPECT_EQ(run(), EFI_DEVICE_ERROR);
-  EXPECT_EQ(std::string(fw.failedCall), "DhcpConfigure");
-  EXPECT_EQ(nic.dhcpConfigures, 0u); // other errors are not retried
+  fw.failEvery = "DhcpConfigure";
+  result = Run(ping, true);
+  fw.failEvery.clear();
+  EXPECT_EQ(result.Reason, BringUpReason::DhcpFailed);
+  EXPECT_EQ(result.Status, EFI_DEVICE_ERROR);
+  EXPECT_EQ(nic.dhcpConfigures, 0u); // other errors are not tried again
+}
+
+TEST_F(BringUpTries, InteractiveAttemptsEachOnANewChild) {
+  const DhcpTries interactive = {3, 5, 1000000, 0, 0, 0, 0, true};
+  nic.dhcpTimeouts = 1000;
+  BringUpResult result = Run(interactive, false);
+  EXPECT_EQ(result.Reason, BringUpReason::DhcpTimedOut);
+  EXPECT_EQ(nic.dhcpStarts, 15u);                   // three attempts of five tries
+  EXPECT_EQ(hookCalls, 2);                          // before the second and the third attempt
+  EXPECT_NEAR(double(fw.now) / kSecond, 15.0, 0.1); // a second after each try
+
+  nic.dhcpTimeouts = 0;
+  nic.dhcpDenials = 7; // refusals count as failed tries: the second attempt's second try binds
+  result = Run(interactive, false);
+  EXPECT_EQ(result.Reason, BringUpReason::Up);
+  EXPECT_EQ(nic.dhcpConfigures, 8u);
+  EXPECT_EQ(mode.State, Dhcp4Bound);
+
+  nic.mappedAt = ~0ull; // no address: DHCP is never tried
+  nic.dhcpDenials = 0;
+  EXPECT_EQ(Run({1, 1, 0, 0, 0, 0, 0, true}, false).Reason, BringUpReason::NoAddress);
+  EXPECT_EQ(nic.dhcpConfigures, 0u);
 }
 
 } // namespace

@@ -1,0 +1,31 @@
+// What the network tests assume of the firmware, read from the firmware once per run and logged in
+// one place. A port to a firmware whose network stack behaves differently starts here: each field
+// says what the firmware showed and which step of the tests it decides, and the steps read the
+// field instead of asking the firmware again.
+#pragma once
+#include "uefi/Base.h"
+
+struct FirmwareTraits {
+  UINT32 UefiRevision;  // the system table header's
+  UINTN PlatformFamily; // from SMBIOS; 0 unknown
+  // UEFI 2.30 or later, or 2.10 or later on platform family 1. On an older platform the first look
+  // for an address traces the IPv4 mode data, and an address wait counted in ticks lasts one.
+  BOOLEAN CurrentPlatform;
+  // The NICs' IPv4 configuration is kept by IPv4 configuration 2 (EDK2's network stack). There a
+  // NIC whose cable came after the firmware's DHCP gave up needs its DHCP policy set again, and an
+  // IPv4 child configured before the address came can be left on the old default interface and
+  // must be configured again. Without the protocol neither step runs.
+  bool Ip4Config2;
+};
+
+// Reads the traits. An old platform gets the line "Old UEFI 0x%x platform, family id 0x%x"; what
+// was found goes to the debug log.
+FirmwareTraits ReadFirmwareTraits();
+
+// The traits a run has before it reads them: a current platform with EDK2's network stack.
+constexpr FirmwareTraits kAssumedFirmware = {0, 0, TRUE, true};
+
+// TRUE for 0.0.0.0.
+inline bool IsZeroAddress(const EFI_IPv4_ADDRESS& Address) {
+  return (Address.Addr[0] | Address.Addr[1] | Address.Addr[2] | Address.Addr[3]) == 0;
+}
