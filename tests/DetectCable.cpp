@@ -7,29 +7,41 @@
 #include "base/String.h"
 #include "nic/MediaCheck.h"
 #include "nic/NicAccess.h"
-#include "options/OptionStore.h"
 #include "report/Output.h"
 #include "report/TestRun.h"
 #include "support/DebugLog.h"
 #include "support/FileIo.h"
-#include "tests/CommonOptions.h"
+#include "options/Declared.h"
 #include "text/OrderedList.h"
 
 EFI_STATUS DetectCable(UINTN* Result, UINTN* ErrorCode);
 
 namespace {
 
-constexpr OptionInfo kOptions[] = {
-    {.Name = u"-flagfiledir",
-     .Description = u"Location of flags directory.",
-     .Type = OPTION_TYPE_STRING,
-     .Default = u"\\flags"},
-    {.Name = u"-flagfilename",
-     .Description = u"Base name of the flag file.",
-     .Type = OPTION_TYPE_STRING,
-     .Default = u"Network"},
-    kOptionsEnd,
+struct DetectCableCmdOption {
+  const CHAR16* FlagFileDir;
+  const CHAR16* FlagFileName;
 };
+
+constexpr auto kOptions = DeclareOptions<DetectCableCmdOption>(
+    OptionField<DetectCableCmdOption>({.Name = u"-flagfiledir",
+                                       .Description = u"Location of flags directory.",
+                                       .Type = OPTION_TYPE_STRING,
+                                       .Default = u"\\flags"},
+                                      [](DetectCableCmdOption& o, const OptionRead& v) {
+                                        Store(o.FlagFileDir, v);
+                                        TracePrint(u"FlagFileDir:%s\r\n", o.FlagFileDir);
+                                        return EFI_SUCCESS;
+                                      }),
+    OptionField<DetectCableCmdOption>({.Name = u"-flagfilename",
+                                       .Description = u"Base name of the flag file.",
+                                       .Type = OPTION_TYPE_STRING,
+                                       .Default = u"Network"},
+                                      [](DetectCableCmdOption& o, const OptionRead& v) {
+                                        Store(o.FlagFileName, v);
+                                        TracePrint(u"FlagFileName:%s\r\n", o.FlagFileName);
+                                        return EFI_SUCCESS;
+                                      }));
 
 // This test reads no answer at its progress reports.
 constexpr ProgressPoint kStart = {1, 10};
@@ -50,11 +62,6 @@ constexpr MediaCheckRules kMediaRules = {
     .StatusRead = u"GetStatus of Simple Network Protocol, Status = %r.\r\n",
     .StatusFailed = u"Failed to GetStatus of Simple Network Protocol, Status = %r.\r\n",
     .Present = nullptr,
-};
-
-struct DetectCableCmdOption {
-  const CHAR16* FlagFileDir;
-  const CHAR16* FlagFileName;
 };
 
 // A listing of the flag directory, given back with its names.
@@ -114,20 +121,7 @@ private:
 };
 
 bool DetectCableRun::ReadOptions() {
-  const CHAR16* names[] = {u"-flagfiledir", u"-flagfilename"};
-  const CHAR16** values[] = {&options_.FlagFileDir, &options_.FlagFileName};
-  const CHAR16* traces[] = {u"FlagFileDir:%s\r\n", u"FlagFileName:%s\r\n"};
-  for (UINTN i = 0; i < 2; ++i) {
-    UINT64 value = 0;
-    EFI_STATUS status = GetOptionValue(names[i], &value, nullptr);
-    if (EFI_ERROR(status)) {
-      LogPrint(u"Failed to get value of option %s - %r\r\n", names[i], status);
-      return Fail(EFI_SUCCESS);
-    }
-    *values[i] = OptionText(value);
-    TracePrint(traces[i], *values[i]);
-  }
-  return true;
+  return !EFI_ERROR(kOptions.Reader().Read(options_)) || Fail(EFI_SUCCESS);
 }
 
 // Empties the flag directory of files whose names begin with the flag name, or makes the directory.
@@ -271,7 +265,7 @@ extern const TestInfo kDetectCableTest = {
     .Name = u"detectcable",
     .Description = u"This test is used to generate flag files depending on which network card and network "
                    u"cables are connected.",
-    .Options = kOptions,
+    .Options = kOptions.Rows,
     .Procedure = DetectCable,
     .RunTime = 10,
     .ErrorGroup = TestErrorGroup(1),

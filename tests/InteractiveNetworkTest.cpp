@@ -6,31 +6,41 @@
 #include "nic/Inventory.h"
 #include "nic/NicAccess.h"
 #include "nic/NicConfig.h"
-#include "options/OptionStore.h"
 #include "ping/BringUp.h"
 #include "report/Output.h"
 #include "report/Progress.h"
 #include "report/TestRun.h"
 #include "support/DebugLog.h"
-#include "tests/CommonOptions.h"
+#include "options/Declared.h"
 
 EFI_STATUS InteractiveNetworkTest(UINTN* Result, UINTN* ErrorCode);
 
 namespace {
 
-constexpr OptionInfo kOptions[] = {
-    {.Name = u"-Lang",
-     .Description = u"Specify the language for prompt message.",
-     .Type = OPTION_TYPE_STRING,
-     .Default = u"eng"},
-    {.Name = u"-retries",
-     .Description = u"Number of retries in case of failure.",
-     .Type = OPTION_TYPE_INTEGER,
-     .Default = u"0",
-     .Low = u"0",
-     .High = u"10"},
-    kOptionsEnd,
+struct InteractiveOptions {
+  CHAR8 Language[6]; // the low byte of each character, at most five
+  UINT64 Retries;
 };
+
+constexpr auto kOptions = DeclareOptions<InteractiveOptions>(
+    OptionField<InteractiveOptions>({.Name = u"-Lang",
+                                     .Description = u"Specify the language for prompt message.",
+                                     .Type = OPTION_TYPE_STRING,
+                                     .Default = u"eng"},
+                                    [](InteractiveOptions& o, const OptionRead& v) {
+                                      const CHAR16* text = OptionText(v.Value);
+                                      for (UINTN i = 0; text != nullptr && i < 5 && text[i] != 0; ++i)
+                                        o.Language[i] = CHAR8(text[i]);
+                                      return EFI_SUCCESS;
+                                    }),
+    OptionField<InteractiveOptions>(
+        {.Name = u"-retries",
+         .Description = u"Number of retries in case of failure.",
+         .Type = OPTION_TYPE_INTEGER,
+         .Default = u"0",
+         .Low = u"0",
+         .High = u"10"},
+        [](InteractiveOptions& o, const OptionRead& v) { return Store(o.Retries, v); }));
 
 constexpr UINTN kGroup = TestErrorGroup(2);
 constexpr UINTN kNoCable = kGroup + 0x01;
@@ -110,7 +120,7 @@ private:
     if (Attempt == 0)
       return true;
     LogPrint(u"Retrying %d times...\r\n", Attempt);
-    return Report(AtPercent(UINTN((Attempt + 1) * 30 / (retries_ + 1) + Base)));
+    return Report(AtPercent(UINTN((Attempt + 1) * 30 / (options_.Retries + 1) + Base)));
   }
   // The bring-up's reports: the address wait's ticks fill 30 points after 30, and from the second
   // DHCP attempt on each attempt its share of them.
@@ -121,8 +131,7 @@ private:
     return static_cast<InteractiveRun*>(Context)->StartAttempt(Attempt, kDhcpBase);
   }
 
-  CHAR8 language_[6] = {};
-  UINT64 retries_ = 0;
+  InteractiveOptions options_ = {};
   NicMenuProtocols menus_ = {};
   OrderedListOwner nics_;
   NicInfo* selected_ = nullptr;
@@ -131,14 +140,9 @@ private:
 };
 
 bool InteractiveRun::ReadOptions() {
-  UINT64 lang = 0;
-  if (EFI_ERROR(GetOptionValue(u"-Lang", &lang, nullptr)) ||
-      EFI_ERROR(GetOptionValue(u"-retries", &retries_, nullptr)))
+  // A getter failure ends the test without a line of its own.
+  if (EFI_ERROR(kOptions.Reader().Read(options_, nullptr, true)))
     return End(Outcome::Failed(ERROR_CODE_SOFTWARE));
-  // The low byte of each character, at most five.
-  const CHAR16* text = OptionText(lang);
-  for (UINTN i = 0; text != nullptr && i < 5 && text[i] != 0; ++i)
-    language_[i] = CHAR8(text[i]);
   return true;
 }
 
@@ -152,7 +156,7 @@ bool InteractiveRun::FindMenus() {
 
 bool InteractiveRun::ChooseNic() {
   UINT64 count = 0;
-  EFI_STATUS status = BuildNicInventory(language_, nics_.Get(), &count);
+  EFI_STATUS status = BuildNicInventory(options_.Language, nics_.Get(), &count);
   if (status == EFI_NOT_FOUND || (!EFI_ERROR(status) && count == 0)) {
     PromptMessage(kPromptNoNic, kMessageFile);
     LogPrint(u"No NIC device is found!\r\n");
@@ -166,7 +170,7 @@ bool InteractiveRun::ChooseNic() {
   if (!Report(kNicsFound))
     return false;
   if (count >= 2) {
-    status = SelectNic(menus_, language_, nics_.Get(), &selected_);
+    status = SelectNic(menus_, options_.Language, nics_.Get(), &selected_);
     if (status == EFI_ABORTED)
       return End(Outcome::Ended(TEST_RESULT_CANCELLED, ERROR_CODE_OPERATOR_ABORT));
     if (EFI_ERROR(status))
@@ -246,7 +250,7 @@ bool InteractiveRun::ConfigureByDhcp(EFI_IPv4_ADDRESS* Remote) {
   const BringUpPolicy policy = {
       .Rewrite = ConfigRewrite::PolicyToDhcp,
       .Echo = Echo(),
-      .Dhcp = {.Attempts = UINTN(retries_) + 1,
+      .Dhcp = {.Attempts = UINTN(options_.Retries) + 1,
                .TriesPerChild = 5,
                .TryPause = kSecond,
                .RefusalRepeats = 0,
@@ -297,7 +301,7 @@ bool InteractiveRun::ConfigureByDhcp(EFI_IPv4_ADDRESS* Remote) {
 
 bool InteractiveRun::PingRemote(const EFI_IPv4_ADDRESS& Remote) {
   LogPrint(u"Starting Ping Remote IP Address...\r\n");
-  for (UINT64 attempt = 0; attempt <= retries_; ++attempt) {
+  for (UINT64 attempt = 0; attempt <= options_.Retries; ++attempt) {
     if (!StartAttempt(attempt, kPingBase))
       return false;
     EFI_STATUS status =
@@ -321,7 +325,7 @@ bool InteractiveRun::PingRemote(const EFI_IPv4_ADDRESS& Remote) {
 extern const TestInfo kInteractiveNetworkTest = {
     .Name = u"interactivenetworktest",
     .Description = u"This test will verifies the network interface controller is working properly.",
-    .Options = kOptions,
+    .Options = kOptions.Rows,
     .Procedure = InteractiveNetworkTest,
     .RunTime = 60,
     .ErrorGroup = kGroup,

@@ -9,8 +9,8 @@ EFI_STATUS IrqTest(UINTN* Result, UINTN* ErrorCode);
 
 namespace {
 
-constexpr OptionInfo kOptions[] = {kRetriesOption, kTestRepeatsOption, kIndexOption, kDeviceIdOption,
-                                   kOptionsEnd};
+constexpr auto kOptions =
+    DeclareOptions<NicTestOptions>(kRetriesOption, kTestRepeatsOption, kIndexOption, kDeviceIdOption);
 
 constexpr UINTN kGroup = TestErrorGroup(6);
 constexpr UINTN kIrqTestFailed = kGroup + 0x01;
@@ -32,7 +32,7 @@ CheckOutcome CheckInterruptLine(NicCheckRun& Run, EFI_HANDLE Nic) {
 }
 
 constexpr NicCheckTest kTest = {
-    .Reads = {NicOption::Retries, NicOption::TestRepeats, NicOption::Index, NicOption::DeviceId},
+    .Options = kOptions.Reader(),
     .Repeats = true,
     .WaitsForCable = false,
     .Check = CheckInterruptLine,
@@ -46,7 +46,7 @@ constexpr NicCheckTest kTest = {
 extern const TestInfo kIrqTest = {
     .Name = u"IRQTest",
     .Description = u"This test verifies the NIC IRQ.",
-    .Options = kOptions,
+    .Options = kOptions.Rows,
     .Procedure = IrqTest,
     .RunTime = 10,
     .ErrorGroup = kGroup,

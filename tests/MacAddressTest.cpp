@@ -16,20 +16,28 @@ EFI_STATUS VerifyMacAddress(CHAR16** Patterns, UINTN PatternCount, const EFI_MAC
 
 namespace {
 
-constexpr OptionInfo kOptions[] = {
-    kRetriesOption,
-    kIndexOption,
-    {.Name = u"-verifyinvalidmacpattern",
-     .Description = u"Verify mac address with regular expression.",
-     .Type = OPTION_TYPE_BOOLEAN,
-     .Default = u"FALSE"},
+// The file's path is made absolute from the current directory; an option with no value at all
+// leaves the plain name.
+constexpr auto kOptions = DeclareOptions<NicTestOptions>(
+    kRetriesOption, kIndexOption,
+    NicOptionDecl{{.Name = u"-verifyinvalidmacpattern",
+                   .Description = u"Verify mac address with regular expression.",
+                   .Type = OPTION_TYPE_BOOLEAN,
+                   .Default = u"FALSE"},
+                  [](NicTestOptions& o, const OptionRead& v) { return Store(o.VerifyInvalidMacPattern, v); }},
     kDeviceIdOption,
-    {.Name = u"-NetworkFile",
-     .Description = u"Specified network INI file.",
-     .Type = OPTION_TYPE_STRING,
-     .Default = u"Network.ini"},
-    kOptionsEnd,
-};
+    NicOptionDecl{{.Name = u"-NetworkFile",
+                   .Description = u"Specified network INI file.",
+                   .Type = OPTION_TYPE_STRING,
+                   .Default = kNetworkIni},
+                  [](NicTestOptions& o, const OptionRead& v) {
+                    const CHAR16* given = OptionText(v.Value);
+                    SPrint(o.NetworkFile, sizeof(o.NetworkFile), u"%s",
+                           given != nullptr ? given : kNetworkIni);
+                    if (given != nullptr)
+                      FileIoResolvePath(o.NetworkFile, sizeof(o.NetworkFile));
+                    return EFI_SUCCESS;
+                  }});
 
 constexpr UINTN kGroup = TestErrorGroup(3);
 constexpr UINTN kMacTestFailed = kGroup + 0x02;
@@ -84,8 +92,7 @@ CheckOutcome CheckMacAddress(NicCheckRun& Run, EFI_HANDLE Nic) {
 }
 
 constexpr NicCheckTest kTest = {
-    .Reads = {NicOption::Retries, NicOption::Index, NicOption::VerifyInvalidMacPattern, NicOption::DeviceId,
-              NicOption::NetworkFile},
+    .Options = kOptions.Reader(),
     .Repeats = false,
     .WaitsForCable = false,
     .Check = CheckMacAddress,
@@ -99,7 +106,7 @@ constexpr NicCheckTest kTest = {
 extern const TestInfo kMacAddressTest = {
     .Name = u"macaddresstest",
     .Description = u"This test verifies the NIC MAC address.",
-    .Options = kOptions,
+    .Options = kOptions.Rows,
     .Procedure = MacAddressTest,
     .RunTime = 10,
     .ErrorGroup = kGroup,

@@ -1,12 +1,8 @@
 #include "tests/NicCheckRun.h"
-#include "base/Cxx.h"
 #include "base/Owners.h"
-#include "base/Print.h"
 #include "nic/NicAccess.h"
 #include "nic/Pci.h"
-#include "options/OptionStore.h"
 #include "report/Output.h"
-#include "support/FileIo.h"
 
 namespace {
 
@@ -20,72 +16,7 @@ constexpr NicChoiceTexts kChoiceTexts = {
     .NotThere = u"The specified Network Device is not found.\r\n",
 };
 
-// Each option's name, in the order of NicOption.
-constexpr const CHAR16* kOptionNames[] = {
-    u"",
-    u"-retries",
-    u"-testrepeats",
-    u"-index",
-    u"-DeviceID",
-    u"-NetworkSpeed",
-    u"-PacketsCount",
-    u"-verifyinvalidmacpattern",
-    u"-NetworkFile",
-};
-static_assert(wc::ArrayCount(kOptionNames) == UINTN(NicOption::NetworkFile) + 1);
-
 } // namespace
-
-bool NicCheckRun::ReadOption(NicOption Option) {
-  const CHAR16* name = kOptionNames[UINTN(Option)];
-  UINT64 value = 0;
-  EFI_STATUS status = Option == NicOption::VerifyInvalidMacPattern
-                          ? GetOptionBoolean(name, &options_.VerifyInvalidMacPattern, nullptr)
-                          : GetOptionValue(name, &value, nullptr);
-  if (EFI_ERROR(status)) {
-    LogPrint(u"Failed to get value of option %s - %r\r\n", name, status);
-    return false;
-  }
-  switch (Option) {
-  case NicOption::Retries:
-    options_.Retries = value;
-    break;
-  case NicOption::TestRepeats:
-    options_.TestRepeats = value;
-    break;
-  case NicOption::Index:
-    options_.Index = value;
-    break;
-  case NicOption::DeviceId: // hexadecimal text, kept to 16 bits; empty or missing is 0
-    options_.DeviceId = OptionText(value) != nullptr && OptionText(value)[0] != 0
-                            ? UINT16(StrToInteger(OptionText(value), nullptr, TRUE))
-                            : 0;
-    break;
-  case NicOption::NetworkSpeed:
-    options_.NetworkSpeed = value;
-    break;
-  case NicOption::PacketsCount:
-    options_.PacketsCount = value;
-    break;
-  case NicOption::NetworkFile:
-    if (OptionText(value) != nullptr) {
-      SPrint(options_.NetworkFile, sizeof(options_.NetworkFile), u"%s", OptionText(value));
-      FileIoResolvePath(options_.NetworkFile, sizeof(options_.NetworkFile));
-    }
-    break;
-  case NicOption::VerifyInvalidMacPattern:
-  case NicOption::None:
-    break;
-  }
-  return true;
-}
-
-bool NicCheckRun::ReadOptions() {
-  for (const NicOption* o = test_.Reads; *o != NicOption::None; ++o)
-    if (!ReadOption(*o))
-      return false;
-  return true;
-}
 
 bool NicCheckRun::StartAttempt(Attempts& Attempts, EFI_HANDLE* Nic) {
   if (!Attempts.Begin())
@@ -134,7 +65,7 @@ void NicCheckRun::Execute() {
   Show(Attempts::kOpening);
   // The root-bridge table lives for the run: whichever way it ends, nothing of it stays allocated.
   PciRootBridgeTableOwner table;
-  if (!ReadOptions() || EFI_ERROR(table.Build())) {
+  if (EFI_ERROR(test_.Options.Read(options_)) || EFI_ERROR(table.Build())) {
     End(Outcome::Failed(ERROR_CODE_SOFTWARE));
     return;
   }

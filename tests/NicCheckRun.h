@@ -4,30 +4,7 @@
 #pragma once
 #include "report/Attempts.h"
 #include "report/TestRun.h"
-
-// The options these tests read, in the order each test's description lists them.
-enum class NicOption : UINT8 {
-  None, // ends the list
-  Retries,
-  TestRepeats,
-  Index,
-  DeviceId,
-  NetworkSpeed,
-  PacketsCount,
-  VerifyInvalidMacPattern,
-  NetworkFile,
-};
-
-struct NicTestOptions {
-  UINT64 Retries = 0;
-  UINT64 TestRepeats = 1;
-  UINT64 Index = 1;
-  UINT16 DeviceId = 0; // 0: any device
-  UINT64 NetworkSpeed = 0;
-  UINT64 PacketsCount = 0;
-  BOOLEAN VerifyInvalidMacPattern = FALSE;
-  CHAR16 NetworkFile[256] = u"Network.ini"; // resolved against the current directory
-};
+#include "tests/CommonOptions.h"
 
 class NicCheckRun;
 
@@ -36,7 +13,7 @@ enum class CheckOutcome { Passed, Failed, Ended };
 using NicCheck = CheckOutcome (*)(NicCheckRun& Run, EFI_HANDLE Nic);
 
 struct NicCheckTest {
-  NicOption Reads[8];
+  OptionReader<NicTestOptions> Options; // the test's declared options, read at the run's start
   // Each attempt reports 5 points once its NIC is chosen and splits the rest of its share over
   // -testrepeats checks; otherwise an attempt is one check and one report.
   bool Repeats;
@@ -58,8 +35,6 @@ public:
   UINT64& CheckMemo() { return checkMemo_; }
 
 private:
-  bool ReadOptions();
-  bool ReadOption(NicOption Option);
   // Starts the attempt and chooses its NIC; FALSE when the run ends there.
   bool StartAttempt(Attempts& Attempts, EFI_HANDLE* Nic);
   // The attempt's checks; FALSE when the run ends there.

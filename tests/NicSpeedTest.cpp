@@ -29,8 +29,8 @@ UINT32 LookupNicSpeedMask(UINT16 VendorId, UINT16 DeviceId);
 
 namespace {
 
-constexpr OptionInfo kOptions[] = {kRetriesOption,  kTestRepeatsOption,  kIndexOption,
-                                   kDeviceIdOption, kNetworkSpeedOption, kOptionsEnd};
+constexpr auto kOptions = DeclareOptions<NicTestOptions>(kRetriesOption, kTestRepeatsOption, kIndexOption,
+                                                         kDeviceIdOption, kNetworkSpeedOption);
 
 constexpr UINTN kGroup = TestErrorGroup(5);
 constexpr UINTN kSpeedTestFailed = kGroup + 0x01;
@@ -40,7 +40,6 @@ constexpr NIC_SPEED_ENTRY kNicSpeedTable[] = {
     {0x10EC, 0x8168, 0x80000003}, // Realtek RTL8111/8168
 };
 
-constexpr const CHAR16* kNetworkFile = u"Network.ini";
 constexpr const CHAR16* kSpeedSection = u"NIC_Speed";
 // The section's rows without its own header line.
 constexpr UINT32 kRowQuery =
@@ -88,7 +87,7 @@ bool ParseSpeedRow(const CHAR16* line, NIC_SPEED_ENTRY* row) {
 // and skipped; a missing file or section adds nothing.
 UINT32 FileSpeedMask(UINT16 VendorId, UINT16 DeviceId) {
   CHAR16 path[kFileIoPathChars];
-  SPrint(path, sizeof(path), u"%s", kNetworkFile);
+  SPrint(path, sizeof(path), u"%s", kNetworkIni);
   FileIoResolveModulePath(path, sizeof(path));
   IniDocumentOwner doc;
   EFI_STATUS status = IniOpen(path, INI_ENCODING_DETECT, doc.Receive());
@@ -103,12 +102,12 @@ UINT32 FileSpeedMask(UINT16 VendorId, UINT16 DeviceId) {
   for (UINTN i = 0; i < rows.Count; ++i) {
     NIC_SPEED_ENTRY row = {};
     if (!ParseSpeedRow(rows.Strings[i], &row)) {
-      LogPrint(u"%s [%s]: skipping \"%s\", not VVVV:DDDD=MASK\r\n", kNetworkFile, kSpeedSection,
+      LogPrint(u"%s [%s]: skipping \"%s\", not VVVV:DDDD=MASK\r\n", kNetworkIni, kSpeedSection,
                rows.Strings[i]);
       continue;
     }
     if (mask == 0 && row.VendorId == VendorId && row.DeviceId == DeviceId) {
-      LogPrint(u"%s [%s]: %04x:%04x rated 0x%x\r\n", kNetworkFile, kSpeedSection, VendorId, DeviceId,
+      LogPrint(u"%s [%s]: %04x:%04x rated 0x%x\r\n", kNetworkIni, kSpeedSection, VendorId, DeviceId,
                row.SpeedMask);
       mask = row.SpeedMask;
     }
@@ -149,8 +148,7 @@ CheckOutcome CheckRatedSpeed(NicCheckRun& Run, EFI_HANDLE Nic) {
 }
 
 constexpr NicCheckTest kTest = {
-    .Reads = {NicOption::Retries, NicOption::TestRepeats, NicOption::Index, NicOption::DeviceId,
-              NicOption::NetworkSpeed},
+    .Options = kOptions.Reader(),
     .Repeats = true,
     .WaitsForCable = false,
     .Check = CheckRatedSpeed,
@@ -173,7 +171,7 @@ UINT32 LookupNicSpeedMask(UINT16 VendorId, UINT16 DeviceId) {
 extern const TestInfo kNicSpeedTest = {
     .Name = u"NicSpeedTest",
     .Description = u"This test verifies the NIC speed.",
-    .Options = kOptions,
+    .Options = kOptions.Rows,
     .Procedure = NicSpeedTest,
     .RunTime = 10,
     .ErrorGroup = kGroup,

@@ -3,7 +3,7 @@
 #include "base/Owners.h"
 #include "base/String.h"
 #include "nic/NicAccess.h"
-#include "options/OptionStore.h"
+#include "options/Declared.h"
 #include "ping/BringUp.h"
 #include "report/Output.h"
 #include "report/TestRun.h"
@@ -12,40 +12,97 @@ EFI_STATUS PingTest(UINTN* Result, UINTN* ErrorCode);
 
 namespace {
 
-constexpr OptionInfo kOptions[] = {
-    {.Name = u"-retries",
-     .Description = u"Number of allowed retries in case of test failure.",
-     .Type = OPTION_TYPE_INTEGER,
-     .Default = u"0",
-     .Low = u"0",
-     .High = u"5"},
-    {.Name = u"-testrepeats",
-     .Description = u"The number of times to run the testing portion of the test, default is 1.",
-     .Type = OPTION_TYPE_INTEGER,
-     .Default = u"1",
-     .Low = u"1",
-     .High = u"50"},
-    {.Name = u"-index",
-     .Description = u"Index of network card to test, default is 1. This option is mutually exclusive from "
-                    u"DevicePath option.",
-     .Type = OPTION_TYPE_INTEGER,
-     .Default = u"1",
-     .Low = u"1",
-     .High = u"128"},
-    {.Name = u"-devicepath",
-     .Description = u"DevicePath of Network controller to be tested. This option is mutually exclusive from "
-                    u"Index option.",
-     .Type = OPTION_TYPE_STRING},
-    {.Name = u"-dhcpping",
-     .Description = u"Check if pinging the DHCP server. Default is true.",
-     .Type = OPTION_TYPE_BOOLEAN,
-     .Default = u"true"},
-    {.Name = u"-localping",
-     .Description = u"Check if pinging the Local interface. Default is false.",
-     .Type = OPTION_TYPE_BOOLEAN,
-     .Default = u"false"},
-    {},
+struct PingOptions {
+  UINT16 retries;
+  UINT16 testRepeats;
+  UINT16 index;
+  BOOLEAN indexGiven;
+  const CHAR16* devicePath;
+  BOOLEAN dhcpPing;
+  BOOLEAN localPing;
+  BOOLEAN devicePathGiven;
 };
+
+// Each option is traced as it is read; a ping of a kind the test does not make refuses the run with
+// EFI_UNSUPPORTED.
+constexpr auto kOptions =
+    DeclareOptions<PingOptions>(
+        OptionField<PingOptions>({.Name = u"-retries",
+                                  .Description = u"Number of allowed retries in case of test failure.",
+                                  .Type = OPTION_TYPE_INTEGER,
+                                  .Default = u"0",
+                                  .Low = u"0",
+                                  .High = u"5"},
+                                 [](PingOptions& o, const OptionRead& v) {
+                                   Store(o.retries, v);
+                                   TracePrint(u"Retries:%d\r\n", o.retries);
+                                   return EFI_SUCCESS;
+                                 }),
+        OptionField<PingOptions>(
+            {.Name = u"-testrepeats",
+             .Description = u"The number of times to run the testing portion of the test, default is 1.",
+             .Type = OPTION_TYPE_INTEGER,
+             .Default = u"1",
+             .Low = u"1",
+             .High = u"50"},
+            [](PingOptions& o, const OptionRead& v) {
+              Store(o.testRepeats, v);
+              TracePrint(u"TestRepeats:%d\r\n", o.testRepeats);
+              return EFI_SUCCESS;
+            }),
+        OptionField<PingOptions>(
+            {.Name = u"-index",
+             .Description = u"Index of network card to test, default is 1. This option is mutually exclusive "
+                            u"from DevicePath option.",
+             .Type = OPTION_TYPE_INTEGER,
+             .Default = u"1",
+             .Low = u"1",
+             .High = u"128"},
+            [](PingOptions& o, const OptionRead& v) {
+              Store(o.index, v);
+              o.indexGiven = v.Given;
+              TracePrint(u"Index:%d\r\n", o.index);
+              return EFI_SUCCESS;
+            }),
+        OptionField<PingOptions>(
+            {.Name = u"-devicepath",
+             .Description = u"DevicePath of Network controller to be tested. This option is mutually "
+                            u"exclusive from Index option.",
+             .Type = OPTION_TYPE_STRING},
+            [](PingOptions& o, const OptionRead& v) {
+              Store(o.devicePath, v);
+              o.devicePathGiven = v.Given;
+              TracePrint(u"DevicePath:%s\r\n", o.devicePath);
+              return EFI_SUCCESS;
+            }),
+        OptionField<PingOptions>({.Name = u"-dhcpping",
+                                  .Description = u"Check if pinging the DHCP server. Default is true.",
+                                  .Type = OPTION_TYPE_BOOLEAN,
+                                  .Default = u"true"},
+                                 [](PingOptions& o, const OptionRead& v) {
+                                   Store(o.dhcpPing, v);
+                                   if (!o.dhcpPing) {
+                                     LogPrint(u"NON-DHCP ping is unsupported now.\r\n");
+                                     return EFI_UNSUPPORTED;
+                                   }
+                                   TracePrint(u"DHCPPing:%s\r\n", u"true");
+                                   return EFI_SUCCESS;
+                                 }),
+        OptionField<PingOptions>({.Name = u"-localping",
+                                  .Description = u"Check if pinging the Local interface. Default is false.",
+                                  .Type = OPTION_TYPE_BOOLEAN,
+                                  .Default = u"false"},
+                                 [](PingOptions& o, const OptionRead& v) {
+                                   Store(o.localPing, v);
+                                   if (o.localPing) {
+                                     LogPrint(u"Local ping is unsupported now.\r\n");
+                                     return EFI_UNSUPPORTED;
+                                   }
+                                   TracePrint(u"LocalPing:%s\r\n", u"false");
+                                   return EFI_SUCCESS;
+                                 }))
+        // Read as the test has always read them: the NIC's position before the repeats, the path last.
+        .ReadInOrder({0, 2, 1, 4, 5, 3});
 
 constexpr UINTN kGroup = TestErrorGroup(0);
 constexpr UINTN kConfigFailed = kGroup + 0x01;
@@ -62,17 +119,6 @@ constexpr ErrorMeaning kErrors[] = {
      u"DHCP was refused (another DHCP client active), or there was no IPv4 address for the ping"},
     {kNoCable, u"no cable"},
     {},
-};
-
-struct PingOptions {
-  UINT16 retries;
-  UINT16 testRepeats;
-  UINT16 index;
-  BOOLEAN indexGiven;
-  const CHAR16* devicePath;
-  BOOLEAN dhcpPing;
-  BOOLEAN localPing;
-  BOOLEAN devicePathGiven;
 };
 
 // The first progress position of every run: each run reports its own progress from the start.
@@ -166,50 +212,9 @@ bool PingRun::Step() {
 }
 
 bool PingRun::ReadOptions() {
-  UINT64 value = 0;
-  BOOLEAN flag = FALSE;
-  auto fail = [this](const CHAR16* name, EFI_STATUS status) {
-    LogPrint(u"Failed to get value of option %s - %r\r\n", name, status);
-    return End(Outcome::Failed(ERROR_CODE_SOFTWARE));
-  };
-  EFI_STATUS status = GetOptionValue(u"-retries", &value, nullptr);
-  if (EFI_ERROR(status))
-    return fail(u"-retries", status);
-  o_.retries = UINT16(value);
-  TracePrint(u"Retries:%d\r\n", o_.retries);
-  status = GetOptionValue(u"-index", &value, &o_.indexGiven);
-  if (EFI_ERROR(status))
-    return fail(u"-index", status);
-  o_.index = UINT16(value);
-  TracePrint(u"Index:%d\r\n", o_.index);
-  status = GetOptionValue(u"-testrepeats", &value, nullptr);
-  if (EFI_ERROR(status))
-    return fail(u"-testrepeats", status);
-  o_.testRepeats = UINT16(value);
-  TracePrint(u"TestRepeats:%d\r\n", o_.testRepeats);
-  status = GetOptionBoolean(u"-dhcpping", &flag, nullptr);
-  if (EFI_ERROR(status))
-    return fail(u"-dhcpping", status);
-  o_.dhcpPing = flag;
-  if (!flag) {
-    LogPrint(u"NON-DHCP ping is unsupported now.\r\n");
-    return End(Outcome::Failed(kPingKindUnsupported));
-  }
-  TracePrint(u"DHCPPing:%s\r\n", u"true");
-  status = GetOptionBoolean(u"-localping", &flag, nullptr);
-  if (EFI_ERROR(status))
-    return fail(u"-localping", status);
-  o_.localPing = flag;
-  if (flag) {
-    LogPrint(u"Local ping is unsupported now.\r\n");
-    return End(Outcome::Failed(kPingKindUnsupported));
-  }
-  TracePrint(u"LocalPing:%s\r\n", u"false");
-  status = GetOptionValue(u"-devicepath", &value, &o_.devicePathGiven);
-  if (EFI_ERROR(status))
-    return fail(u"-devicepath", status);
-  o_.devicePath = OptionText(value);
-  TracePrint(u"DevicePath:%s\r\n", o_.devicePath);
+  bool refused = false;
+  if (EFI_ERROR(kOptions.Reader().Read(o_, &refused)))
+    return End(Outcome::Failed(refused ? kPingKindUnsupported : ERROR_CODE_SOFTWARE));
   if (o_.indexGiven && o_.devicePathGiven)
     return End(Outcome::Failed(ERROR_CODE_INVALID_OPTIONS));
   return true;
@@ -358,7 +363,7 @@ EFI_HANDLE PingRun::ChoosePingTarget() {
 extern const TestInfo kPingTest = {
     .Name = u"pingtest",
     .Description = u"This test verifies the ability to transmit/receive data over network.",
-    .Options = kOptions,
+    .Options = kOptions.Rows,
     .Procedure = PingTest,
     .RunTime = 10,
     .ErrorGroup = kGroup,

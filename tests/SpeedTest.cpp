@@ -20,20 +20,15 @@ EFI_STATUS TransmitFrame(EFI_MANAGED_NETWORK_PROTOCOL* Mnp, EFI_MAC_ADDRESS* Des
 
 namespace {
 
-constexpr OptionInfo kOptions[] = {
-    kRetriesOption,
-    kTestRepeatsOption,
-    kIndexOption,
-    kDeviceIdOption,
-    kNetworkSpeedOption,
-    {.Name = u"-PacketsCount",
-     .Description = u"Count of packets to send.",
-     .Type = OPTION_TYPE_INTEGER,
-     .Default = u"5000",
-     .Low = u"1000",
-     .High = u"99999"},
-    kOptionsEnd,
-};
+constexpr auto kOptions = DeclareOptions<NicTestOptions>(
+    kRetriesOption, kTestRepeatsOption, kIndexOption, kDeviceIdOption, kNetworkSpeedOption,
+    NicOptionDecl{{.Name = u"-PacketsCount",
+                   .Description = u"Count of packets to send.",
+                   .Type = OPTION_TYPE_INTEGER,
+                   .Default = u"5000",
+                   .Low = u"1000",
+                   .High = u"99999"},
+                  [](NicTestOptions& o, const OptionRead& v) { return Store(o.PacketsCount, v); }});
 
 constexpr UINTN kGroup = TestErrorGroup(4);
 constexpr UINTN kSpeedTestFailed = kGroup + 0x01;
@@ -139,8 +134,7 @@ CheckOutcome CheckSpeed(NicCheckRun& Run, EFI_HANDLE Nic) {
 }
 
 constexpr NicCheckTest kTest = {
-    .Reads = {NicOption::Retries, NicOption::TestRepeats, NicOption::Index, NicOption::DeviceId,
-              NicOption::NetworkSpeed, NicOption::PacketsCount},
+    .Options = kOptions.Reader(),
     .Repeats = true,
     .WaitsForCable = true,
     .Check = CheckSpeed,
@@ -154,7 +148,7 @@ constexpr NicCheckTest kTest = {
 extern const TestInfo kSpeedTest = {
     .Name = u"SpeedTest",
     .Description = u"This test verifies the network speed.",
-    .Options = kOptions,
+    .Options = kOptions.Rows,
     .Procedure = SpeedTest,
     .RunTime = 10,
     .ErrorGroup = kGroup,
