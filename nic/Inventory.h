@@ -1,10 +1,9 @@
 // The NIC inventory: one record per controller of the firmware's network stack, with the IPv4 and
 // DHCPv4 service bindings and the IPv4 configuration of the same MAC address, the controller's
-// name as its driver gives it, and the menu through which the operator picks one NIC.
+// name as its driver gives it.
 #pragma once
 #include "text/OrderedList.h"
 #include "uefi/protocol/Ip4Config2.h"
-#include "uefi/protocol/Vex.h"
 
 struct NicInfo {
   EFI_MAC_ADDRESS MacAddress; // all 32 bytes of the MAC node that ends the controller's device path
@@ -41,20 +40,3 @@ enum : UINT32 {
 // pool buffer; EFI_NOT_FOUND when none.
 EFI_STATUS FindRelatedHandles(EFI_HANDLE Driver, EFI_HANDLE Controller, UINT32 Mask, EFI_HANDLE** Handles,
                               UINTN* Count);
-
-// The manager's menu protocols; the graphics one is used when present.
-struct NicMenuProtocols {
-  VEX_GRAPHICS_LIB_PROTOCOL* Graphics;
-  VEX_CONSOLE_LIB_PROTOCOL* Console;
-};
-EFI_STATUS LocateMenuProtocols(NicMenuProtocols* Menus);
-
-// Shows the NIC selection menu (at most ten NICs and a cancel entry) and returns the chosen record;
-// EFI_ABORTED for the cancel entry.
-EFI_STATUS SelectNic(const NicMenuProtocols& Menus, const CHAR8* Language, ORDERED_LIST* List,
-                     NicInfo** Selected);
-
-// The media check of one NIC: brings an idle NIC up just long enough to read its media state and
-// leaves it stopped again. EFI_UNSUPPORTED when the NIC cannot report media presence; *MediaPresent
-// is written only when the state was read.
-EFI_STATUS CheckNicMedia(const NicInfo* Nic, UINT8* MediaPresent);

@@ -1,68 +1,95 @@
 #include "nic/MediaCheck.h"
 #include "base/Globals.h"
 #include "base/Owners.h"
-#include "report/Output.h"
+#include "nic/ServiceChildren.h"
 
 namespace {
 
 // An idle NIC: started, initialized, read, and stopped again.
-EFI_STATUS ReadIdle(EFI_SIMPLE_NETWORK_PROTOCOL* snp, const MediaCheckRules& rules, MediaState* state) {
-  LogPrintGiven(rules.Starting);
-  EFI_STATUS status = snp->Start(snp);
-  if (EFI_ERROR(status)) {
-    LogPrintGiven(rules.StartFailed, status);
-    return status;
+void ReadIdle(EFI_SIMPLE_NETWORK_PROTOCOL* snp, bool stopAfterFailedInitialize, MediaReport* report) {
+  report->Status = snp->Start(snp);
+  if (EFI_ERROR(report->Status)) {
+    report->Step = MediaStep::StartFailed;
+    return;
   }
-  status = snp->Initialize(snp, 0, 0);
-  if (EFI_ERROR(status)) {
-    LogPrintGiven(rules.InitializeFailed, status);
-    if (rules.StopAfterFailedInitialize)
+  report->Status = snp->Initialize(snp, 0, 0);
+  if (EFI_ERROR(report->Status)) {
+    report->Step = MediaStep::InitializeFailed;
+    if (stopAfterFailedInitialize)
       snp->Stop(snp);
-    return status;
+    return;
   }
-  state->Present = snp->Mode->MediaPresent;
-  LogPrintGiven(rules.Present, UINTN(state->Present));
+  report->Present = snp->Mode->MediaPresent;
+  report->Step = MediaStep::Read;
   snp->Shutdown(snp);
   snp->Stop(snp);
-  return EFI_SUCCESS;
 }
 
 // A NIC somebody runs: its driver refreshes the media state when asked for its status.
-EFI_STATUS ReadRunning(EFI_SIMPLE_NETWORK_PROTOCOL* snp, const MediaCheckRules& rules, MediaState* state) {
-  LogPrintGiven(rules.Running, UINTN(snp->Mode->State));
+void ReadRunning(EFI_SIMPLE_NETWORK_PROTOCOL* snp, MediaReport* report) {
   UINT32 interrupts = 0;
-  EFI_STATUS status = snp->GetStatus(snp, &interrupts, nullptr);
-  LogPrintGiven(rules.StatusRead, status);
-  if (EFI_ERROR(status)) {
-    LogPrintGiven(rules.StatusFailed, status);
-    return status;
+  report->StatusRead = snp->GetStatus(snp, &interrupts, nullptr);
+  report->Status = report->StatusRead;
+  if (EFI_ERROR(report->Status)) {
+    report->Step = MediaStep::StatusFailed;
+    return;
   }
-  state->Present = snp->Mode->MediaPresent;
-  LogPrintGiven(rules.Present, UINTN(state->Present));
+  report->Present = snp->Mode->MediaPresent;
+  report->Step = MediaStep::Read;
+}
+
+EFI_STATUS ReadThroughSimpleNetwork(EFI_HANDLE nic, bool stopAfterFailedInitialize, MediaReport* report) {
+  wc::OpenedProtocol<EFI_SIMPLE_NETWORK_PROTOCOL> snp;
+  report->Status = snp.Open(nic, EFI_SIMPLE_NETWORK_PROTOCOL_GUID, gImageHandle, nullptr,
+                            EFI_OPEN_PROTOCOL_BY_HANDLE_PROTOCOL);
+  if (EFI_ERROR(report->Status)) {
+    report->Step = MediaStep::OpenFailed;
+    return report->Status;
+  }
+  EFI_SIMPLE_NETWORK_PROTOCOL* p = snp.Get();
+  if (p == nullptr || p->Mode == nullptr) {
+    report->Step = MediaStep::NoModeData; // a driver without mode data cannot say anything about the cable
+    return report->Status = EFI_DEVICE_ERROR;
+  }
+  report->Permanent = p->Mode->PermanentAddress;
+  if (!p->Mode->MediaPresentSupported) {
+    report->Step = MediaStep::NotSupported;
+    return report->Status = EFI_UNSUPPORTED;
+  }
+  report->FoundState = p->Mode->State;
+  report->FoundRunning = p->Mode->State == EfiSimpleNetworkInitialized;
+  if (report->FoundRunning)
+    ReadRunning(p, report);
+  else
+    ReadIdle(p, stopAfterFailedInitialize, report);
+  return report->Status;
+}
+
+EFI_STATUS ReadThroughManagedNetwork(EFI_HANDLE nic, MediaReport* report) {
+  BOOLEAN supported = FALSE, present = FALSE;
+  report->Status = ReadMediaState(gImageHandle, nic, &supported, &present);
+  if (EFI_ERROR(report->Status)) {
+    report->Step = MediaStep::OpenFailed;
+    return report->Status;
+  }
+  if (!supported) {
+    report->Step = MediaStep::NotSupported;
+    return report->Status = EFI_UNSUPPORTED;
+  }
+  report->Step = MediaStep::Read;
+  report->Present = present;
   return EFI_SUCCESS;
 }
 
 } // namespace
 
-EFI_STATUS CheckMedia(EFI_HANDLE Nic, const MediaCheckRules& Rules, MediaState* State) {
-  wc::OpenedProtocol<EFI_SIMPLE_NETWORK_PROTOCOL> snp;
-  EFI_STATUS status = snp.Open(Nic, EFI_SIMPLE_NETWORK_PROTOCOL_GUID, gImageHandle, nullptr,
-                               EFI_OPEN_PROTOCOL_BY_HANDLE_PROTOCOL);
-  if (EFI_ERROR(status)) {
-    LogPrintGiven(Rules.OpenFailed, status);
-    return status;
-  }
-  EFI_SIMPLE_NETWORK_PROTOCOL* p = snp.Get();
-  if (p == nullptr || p->Mode == nullptr)
-    return EFI_DEVICE_ERROR; // a driver without mode data cannot say anything about the cable
-  if (!p->Mode->MediaPresentSupported) {
-    LogPrintGiven(Rules.NotSupported);
-    return EFI_UNSUPPORTED;
-  }
-  MediaState read = {false, p->Mode->PermanentAddress};
-  status = p->Mode->State == EfiSimpleNetworkInitialized ? ReadRunning(p, Rules, &read)
-                                                         : ReadIdle(p, Rules, &read);
-  if (!EFI_ERROR(status))
-    *State = read;
-  return status;
+EFI_STATUS ReadMedia(EFI_HANDLE Nic, MediaPath Path, bool StopAfterFailedInitialize, MediaReport* Report) {
+  *Report = {};
+  Report->Step = MediaStep::OpenFailed;
+  return Path == MediaPath::SimpleNetwork ? ReadThroughSimpleNetwork(Nic, StopAfterFailedInitialize, Report)
+                                          : ReadThroughManagedNetwork(Nic, Report);
+}
+
+void StallMicroseconds(UINTN Microseconds) {
+  gBS->Stall(Microseconds);
 }

@@ -6,14 +6,8 @@
 #include "base/String.h"
 #include "nic/Pci.h"
 #include "nic/ServiceChildren.h"
-#include "report/Output.h"
-#include "report/Progress.h"
-#include "report/Messages.h"
 
 namespace {
-constexpr UINTN kCableChecks = 6;
-constexpr UINTN kCablePause = 1000000; // µs between cable checks
-constexpr UINTN kPromptConnectCable = 25;
 constexpr UINTN kMacNodeBytes = 4 + sizeof(EFI_MAC_ADDRESS);
 } // namespace
 
@@ -81,39 +75,15 @@ EFI_STATUS SelectNicHandle(const wc::HandleBuffer& Handles, UINT16 DeviceId, UIN
   return EFI_NOT_FOUND;
 }
 
-NicChoice ChooseNic(const NicChoiceTexts& Texts, UINT16 DeviceId, UINT64 Index, wc::HandleBuffer& Handles,
-                    EFI_HANDLE* Nic, EFI_STATUS* Status) {
+NicChoice ChooseNic(UINT16 DeviceId, UINT64 Index, wc::HandleBuffer& Handles, EFI_HANDLE* Nic,
+                    EFI_STATUS* Status) {
   *Nic = nullptr;
   *Status = Handles.Locate(EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID);
-  if (*Status == EFI_NOT_FOUND) {
-    for (const CHAR16* const* line = Texts.NoHandles; *line != nullptr; ++line)
-      LogPrint(*line);
+  if (*Status == EFI_NOT_FOUND)
     return NicChoice::NoNic;
-  }
-  if (EFI_ERROR(*Status)) {
-    for (const CHAR16* const* line = Texts.LookupFailed; *line != nullptr; ++line)
-      LogPrint(*line, *Status);
+  if (EFI_ERROR(*Status))
     return NicChoice::LookupFailed;
-  }
-  if (Texts.Found != nullptr)
-    LogPrint(Texts.Found, Handles.Count());
-  if (EFI_ERROR(SelectNicHandle(Handles, DeviceId, Index, ReadNicDeviceId, Nic))) {
-    LogPrint(Texts.NotThere);
+  if (EFI_ERROR(SelectNicHandle(Handles, DeviceId, Index, ReadNicDeviceId, Nic)))
     return NicChoice::NotThere;
-  }
   return NicChoice::Chosen;
-}
-
-bool WaitForCable(EFI_HANDLE Nic) {
-  for (UINTN check = 0; check < kCableChecks; ++check) {
-    BOOLEAN supported = FALSE;
-    BOOLEAN present = FALSE;
-    ReadMediaState(gImageHandle, Nic, &supported, &present);
-    if (!supported || present)
-      return true;
-    if (check == 0)
-      PromptMessage(kPromptConnectCable, kMessageFileName);
-    gBS->Stall(kCablePause);
-  }
-  return false;
 }

@@ -1,7 +1,7 @@
 // Building blocks every NIC test chooses its NIC with: the handles that carry a protocol (see
 // wc::HandleBuffer), each handle's device path, its text and its closing MAC node, the choice by
-// position, by PCI device ID and position, and the wait for a cable. Each test keeps its own
-// messages and its own order of these steps.
+// position, by PCI device ID and position. Each test keeps its own messages and its own order of
+// these steps.
 #pragma once
 #include "base/Owners.h"
 #include "uefi/protocol/DevicePath.h"
@@ -28,22 +28,9 @@ using NicDeviceIdReader = EFI_STATUS (*)(EFI_HANDLE Nic, UINT16* DeviceId);
 EFI_STATUS SelectNicHandle(const wc::HandleBuffer& Handles, UINT16 DeviceId, UINT64 Index,
                            NicDeviceIdReader ReadDeviceId, EFI_HANDLE* Nic);
 
-// What a test logs when it cannot choose its NIC; each test words it in its own way. The line
-// lists end with a null entry.
-struct NicChoiceTexts {
-  const CHAR16* const* NoHandles;    // no handle carries the managed-network service binding
-  const CHAR16* const* LookupFailed; // each with %r: the handle lookup failed otherwise
-  const CHAR16* Found;               // %x the number of handles found; may be null
-  const CHAR16* NotThere;            // the position or device ID names no handle
-};
 enum class NicChoice { Chosen, NoNic, NotThere, LookupFailed };
 // Chooses the NIC a network test runs on among the handles that carry the managed-network service
 // binding (left in Handles): by DeviceId and Index as SelectNicHandle does, reading device IDs from
 // PCI configuration. *Status is the lookup's status when it failed.
-NicChoice ChooseNic(const NicChoiceTexts& Texts, UINT16 DeviceId, UINT64 Index, wc::HandleBuffer& Handles,
-                    EFI_HANDLE* Nic, EFI_STATUS* Status);
-
-// Waits for the NIC's cable: up to six media checks one second apart, showing prompt 25 (connect
-// the cable) after the first check that sees none. A NIC that cannot report its media, or whose
-// media state cannot be read, counts as connected. FALSE when six checks saw no cable.
-bool WaitForCable(EFI_HANDLE Nic);
+NicChoice ChooseNic(UINT16 DeviceId, UINT64 Index, wc::HandleBuffer& Handles, EFI_HANDLE* Nic,
+                    EFI_STATUS* Status);

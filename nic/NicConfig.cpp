@@ -3,6 +3,7 @@
 #include "base/Memory.h"
 #include "base/Owners.h"
 #include "nic/HiiConfig.h"
+#include "nic/MediaCheck.h"
 #include "nic/ServiceChildren.h"
 #include "report/Output.h"
 #include "support/DebugLog.h"
@@ -274,8 +275,9 @@ bool RestartStalledDhcp(EFI_HANDLE Nic) {
   EFI_IPv4_ADDRESS address = {};
   if (!ReadStationAddress(config.Get(), &address) || !IsZero(address))
     return false;
-  BOOLEAN supported = FALSE, present = FALSE;
-  if (EFI_ERROR(ReadMediaState(gImageHandle, Nic, &supported, &present)) || (supported && !present))
+  MediaReport media = {};
+  EFI_STATUS read = ReadMedia(Nic, MediaPath::ManagedNetworkChild, false, &media);
+  if ((EFI_ERROR(read) && read != EFI_UNSUPPORTED) || (read == EFI_SUCCESS && !media.Present))
     return false;
   UINT32 dhcp = Ip4Config2PolicyDhcp;
   EFI_STATUS status = config->SetData(config.Get(), Ip4Config2DataTypePolicy, sizeof(dhcp), &dhcp);

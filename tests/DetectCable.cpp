@@ -5,7 +5,7 @@
 #include "base/Memory.h"
 #include "base/Owners.h"
 #include "base/String.h"
-#include "nic/MediaCheck.h"
+#include "tests/NicSteps.h"
 #include "nic/NicAccess.h"
 #include "report/Output.h"
 #include "report/TestRun.h"
@@ -51,13 +51,13 @@ constexpr ProgressPoint kDone = {99, 0};
 constexpr UINTN kPathBytes = 512;
 
 // The media check as this test makes it: a NIC whose Initialize fails is stopped again, as it was.
-constexpr MediaCheckRules kMediaRules = {
+constexpr bool kStopAfterFailedInitialize = true;
+constexpr MediaWords kMediaWords = {
     .OpenFailed = u"Failed to open Simple Network Protocol, Status = %r.\r\n",
     .NotSupported = u"Simple Network Protocol MediaPresent is not supported.",
     .Starting = nullptr,
     .StartFailed = u"Failed to start Simple Network Protocol, Status = %r.\r\n",
     .InitializeFailed = u"Failed to initialize Simple Network Protocol, Status = %r.\r\n",
-    .StopAfterFailedInitialize = true,
     .Running = u"Mode->State = %x.\r\n",
     .StatusRead = u"GetStatus of Simple Network Protocol, Status = %r.\r\n",
     .StatusFailed = u"Failed to GetStatus of Simple Network Protocol, Status = %r.\r\n",
@@ -224,11 +224,12 @@ EFI_STATUS DetectCableRun::CheckMediaPresent(EFI_HANDLE Handle, BOOLEAN* MediaPr
     }
     LogPrint(u"the NIC device path:%s\r\n", text.Get());
   }
-  MediaState media = {};
+  MediaReport media = {};
   LogPrint(u"DeviceHandle = %x.\r\n", Handle);
   LogPrint(u"&SimpleNetworkProtocolGuid = %x.\r\n", &EFI_SIMPLE_NETWORK_PROTOCOL_GUID);
   LogPrint(u"&pSimpleNetworkProtocol = %x.\r\n", &media);
-  EFI_STATUS status = CheckMedia(Handle, kMediaRules, &media);
+  EFI_STATUS status = ReadMedia(Handle, MediaPath::SimpleNetwork, kStopAfterFailedInitialize, &media);
+  SayMedia(media, kMediaWords);
   if (status == EFI_UNSUPPORTED)
     return EFI_SUCCESS; // no media report: not a MAC-layer NIC, no number
   if (EFI_ERROR(status))

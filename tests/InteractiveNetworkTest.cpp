@@ -4,8 +4,10 @@
 #include "base/Globals.h"
 #include "base/Owners.h"
 #include "nic/Inventory.h"
+#include "tests/NicMenu.h"
 #include "nic/NicAccess.h"
 #include "nic/NicConfig.h"
+#include "tests/NicSteps.h"
 #include "ping/BringUp.h"
 #include "report/Output.h"
 #include "report/Progress.h"
@@ -74,6 +76,19 @@ constexpr const CHAR16* kMessageFile = u"Wirecheck.msg.xml";
 constexpr UINTN kPromptNoNic = 101, kPromptNoCableYet = 104, kPromptNoCable = 105;
 constexpr UINTN kPromptNotConfigured = 106, kPromptNotConfiguredNoLink = 107;
 constexpr UINTN kCableChecks = 5;
+
+// The media read as this test words it; a NIC whose Initialize fails is left started.
+constexpr MediaWords kMediaWords = {
+    .OpenFailed = u"Failed Open Simple Network Protocol!(%r)\r\n",
+    .NotSupported = u"Media Present Not Supported!\r\n",
+    .Starting = u"Start and initialize NIC device...\r\n",
+    .StartFailed = u"Failed Start NIC device!(%r)\r\n",
+    .InitializeFailed = u"Failed Initialize NIC device!(%r)\r\n",
+    .Running = u"NIC device has been initialized.\r\n",
+    .StatusRead = nullptr,
+    .StatusFailed = u"Failed Get NIC Status!(%r)\r\n",
+    .Present = u"Media Present Status is %d\r\n",
+};
 constexpr UINTN kSecond = 1000000;
 
 // This test's echo replies and identifier, apart from the ping test's.
@@ -187,29 +202,41 @@ bool InteractiveRun::ChooseNic() {
 bool InteractiveRun::WaitForCable() {
   LogPrint(u"Starting Detect Cable...\r\n");
   EFI_STATUS status = EFI_SUCCESS;
-  for (UINTN pass = 0; pass < 2; ++pass) {
-    if (pass == 1) {
-      if (PromptMessage(kPromptNoCableYet, kMessageFile) == EFI_ABORTED)
-        return End(Outcome::Ended(TEST_RESULT_CANCELLED, ERROR_CODE_OPERATOR_ABORT));
-      LogPrint(u"Retrying %d times...\r\n", 1);
-      Show(kCableAgain);
+  // Two passes of five reads, a second before each; between them the operator is asked for the cable.
+  // A NIC that cannot report its media counts as cabled; a read that fails otherwise ends the test.
+  constexpr CableWaitPlan kPlan = {.Passes = 2, .Checks = kCableChecks, .Pause = kSecond, .PauseFirst = true};
+  auto check = [&] {
+    MediaReport media = {};
+    status = ReadMedia(selected_->NicHandle, MediaPath::SimpleNetwork, false, &media);
+    SayMedia(media, kMediaWords);
+    if (status == EFI_UNSUPPORTED) {
+      failurePrompt_ = kPromptNotConfiguredNoLink;
+      return CableSeen::Present;
     }
-    for (UINTN check = 0; check < kCableChecks; ++check) {
-      gBS->Stall(kSecond);
-      UINT8 present = 0;
-      status = CheckNicMedia(selected_, &present);
-      if (status == EFI_UNSUPPORTED) {
-        failurePrompt_ = kPromptNotConfiguredNoLink;
-        present = 1;
-      } else if (EFI_ERROR(status)) {
-        LogPrint(u"Failed detect cable!(%r)\r\n", status);
-        return End(Outcome::Ended(TEST_RESULT_WARNING, ERROR_CODE_SOFTWARE));
-      }
-      if (present) {
-        LogPrint(u"Network cable detected!\r\n");
-        return Report(kCabled);
-      }
+    if (EFI_ERROR(status)) {
+      LogPrint(u"Failed detect cable!(%r)\r\n", status);
+      End(Outcome::Ended(TEST_RESULT_WARNING, ERROR_CODE_SOFTWARE));
+      return CableSeen::Stop;
     }
+    return media.Present ? CableSeen::Present : CableSeen::Absent;
+  };
+  auto noCableYet = [&](UINTN pass, UINTN checkNumber) {
+    if (pass != 0 || checkNumber + 1 != kCableChecks)
+      return true;
+    if (PromptMessage(kPromptNoCableYet, kMessageFile) == EFI_ABORTED)
+      return End(Outcome::Ended(TEST_RESULT_CANCELLED, ERROR_CODE_OPERATOR_ABORT));
+    LogPrint(u"Retrying %d times...\r\n", 1);
+    Show(kCableAgain);
+    return true;
+  };
+  switch (::WaitForCable(kPlan, check, noCableYet, StallMicroseconds)) {
+  case CableWaitEnd::Cabled:
+    LogPrint(u"Network cable detected!\r\n");
+    return Report(kCabled);
+  case CableWaitEnd::Stopped:
+    return false;
+  case CableWaitEnd::NoCable:
+    break;
   }
   PromptMessage(kPromptNoCable, kMessageFile);
   LogPrint(u"Network cable not detected!(%r)\r\n", status);

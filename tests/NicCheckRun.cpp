@@ -1,6 +1,7 @@
 #include "tests/NicCheckRun.h"
 #include "base/Owners.h"
 #include "nic/NicAccess.h"
+#include "tests/NicSteps.h"
 #include "nic/Pci.h"
 #include "report/Output.h"
 
@@ -23,7 +24,7 @@ bool NicCheckRun::StartAttempt(Attempts& Attempts, EFI_HANDLE* Nic) {
     return false;
   wc::HandleBuffer handles;
   EFI_STATUS status = EFI_SUCCESS;
-  switch (ChooseNic(kChoiceTexts, options_.DeviceId, options_.Index, handles, Nic, &status)) {
+  switch (ChooseNicSaying(kChoiceTexts, options_.DeviceId, options_.Index, handles, Nic, &status)) {
   case NicChoice::Chosen:
     return true;
   case NicChoice::NoNic:
@@ -75,7 +76,7 @@ void NicCheckRun::Execute() {
     do {
       if (!StartAttempt(attempts, &nic))
         return;
-    } while (test_.WaitsForCable && !WaitForCable(nic));
+    } while (test_.WaitsForCable && !WaitForCableAtPrompt(nic));
     if (!Check(attempts, nic))
       return;
   }

@@ -3,6 +3,7 @@
 #include "base/Owners.h"
 #include "base/String.h"
 #include "nic/NicAccess.h"
+#include "tests/NicSteps.h"
 #include "options/Declared.h"
 #include "ping/BringUp.h"
 #include "report/Output.h"
@@ -254,7 +255,7 @@ AttemptEnd PingRun::RunPingTest() {
   // The cable check, the first IPv4 configuration and DHCP run on the NIC at -index.
   EFI_HANDLE nic = nullptr;
   EFI_STATUS status = EFI_SUCCESS;
-  switch (ChooseNic(kChoiceTexts, 0, o_.index, handles_, &nic, &status)) {
+  switch (ChooseNicSaying(kChoiceTexts, 0, o_.index, handles_, &nic, &status)) {
   case NicChoice::Chosen:
     break;
   case NicChoice::NoNic:
@@ -265,7 +266,7 @@ AttemptEnd PingRun::RunPingTest() {
     return Fails(ERROR_CODE_SOFTWARE);
   }
 
-  if (!WaitForCable(nic)) {
+  if (!WaitForCableAtPrompt(nic)) {
     LogPrint(u"Media cable not detected!\r\n");
     return Fails(kNoCable);
   }

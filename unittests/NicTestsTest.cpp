@@ -27,6 +27,7 @@
 #include "nic/HiiConfig.h"
 #include "nic/NicConfig.h"
 #include "nic/Inventory.h"
+#include "nic/MediaCheck.h"
 #include "nic/NicAccess.h"
 #include "nic/Pci.h"
 #include "options/OptionStore.h"
@@ -953,28 +954,67 @@ TEST(InteractiveOnFakes, NoNicAndNoMenuProtocol) {
   EXPECT_EQ(w.mgr.prompts, (std::vector<UINTN>{101}));
 }
 
-TEST(InteractiveOnFakes, MediaCheckPutsTheNicBackAsItFoundIt) {
+// One media read, both ways: through the simple network an idle NIC is started and put back, a
+// running one asked for its status; through a managed-network child the mode data says it.
+TEST(MediaRead, PutsTheNicBackAsItFoundItAndReportsEachStep) {
   FakeFirmware fw;
   FakeNic nic{fw, 3, 0x56};
-  NicInfo info = {};
-  info.NicHandle = nic.handle;
-  UINT8 present = 7;
+  gImageHandle = kImage;
+  MediaReport media = {};
   nic.mode.State = EfiSimpleNetworkStopped; // nobody had started it: left stopped
-  EXPECT_EQ(CheckNicMedia(&info, &present), EFI_SUCCESS);
-  EXPECT_EQ(present, 1);
+  EXPECT_EQ(ReadMedia(nic.handle, MediaPath::SimpleNetwork, false, &media), EFI_SUCCESS);
+  EXPECT_TRUE(media.Present);
+  EXPECT_FALSE(media.FoundRunning);
+  EXPECT_EQ(media.Permanent.Addr[5], 0x56);
   EXPECT_EQ(nic.mode.State, EfiSimpleNetworkStopped);
   nic.mode.State = EfiSimpleNetworkStarted; // started, not initialized: Start refuses
-  EXPECT_EQ(CheckNicMedia(&info, &present), EFI_ALREADY_STARTED);
+  EXPECT_EQ(ReadMedia(nic.handle, MediaPath::SimpleNetwork, false, &media), EFI_ALREADY_STARTED);
+  EXPECT_EQ(media.Step, MediaStep::StartFailed);
   nic.mode.State = EfiSimpleNetworkInitialized; // running: read, left running
   nic.link = false;
-  EXPECT_EQ(CheckNicMedia(&info, &present), EFI_SUCCESS);
-  EXPECT_EQ(present, 0);
+  EXPECT_EQ(ReadMedia(nic.handle, MediaPath::SimpleNetwork, false, &media), EFI_SUCCESS);
+  EXPECT_FALSE(media.Present);
+  EXPECT_TRUE(media.FoundRunning);
+  EXPECT_EQ(media.StatusRead, EFI_SUCCESS);
   EXPECT_EQ(nic.mode.State, EfiSimpleNetworkInitialized);
+  EXPECT_EQ(ReadMedia(nic.handle, MediaPath::ManagedNetworkChild, false, &media), EFI_SUCCESS);
+  EXPECT_FALSE(media.Present);
   nic.mode.MediaPresentSupported = FALSE;
-  present = 7;
-  EXPECT_EQ(CheckNicMedia(&info, &present), EFI_UNSUPPORTED);
-  EXPECT_EQ(present, 7);
+  EXPECT_EQ(ReadMedia(nic.handle, MediaPath::SimpleNetwork, false, &media), EFI_UNSUPPORTED);
+  EXPECT_EQ(media.Step, MediaStep::NotSupported);
+  EXPECT_EQ(ReadMedia(nic.handle, MediaPath::ManagedNetworkChild, false, &media), EFI_UNSUPPORTED);
   EXPECT_TRUE(fw.opens.empty());
+  EXPECT_EQ(nic.LiveChildren(), 0u);
+  gImageHandle = nullptr;
+}
+
+// The cable wait's shape: pauses before or after each read, the caller's hook after each read that
+// saw none, and the caller's own stop.
+TEST(MediaRead, CableWaitPassesChecksPausesAndHooks) {
+  static std::vector<UINTN> pauses;
+  pauses.clear();
+  auto pause = [](UINTN us) { pauses.push_back(us); };
+  std::vector<std::pair<UINTN, UINTN>> hooks;
+  int reads = 0;
+  auto absent = [&] { return ++reads == 7 ? CableSeen::Present : CableSeen::Absent; };
+  auto hook = [&](UINTN pass, UINTN check) {
+    hooks.push_back({pass, check});
+    return true;
+  };
+  EXPECT_EQ(WaitForCable(CableWaitPlan{2, 5, 10, true}, absent, hook, pause), CableWaitEnd::Cabled);
+  EXPECT_EQ(reads, 7);
+  EXPECT_EQ(pauses.size(), 7u); // before each read
+  EXPECT_EQ(hooks.back(), (std::pair<UINTN, UINTN>{1, 0}));
+  reads = -100;
+  pauses.clear();
+  hooks.clear();
+  EXPECT_EQ(WaitForCable(CableWaitPlan{1, 6, 10, false}, absent, hook, pause), CableWaitEnd::NoCable);
+  EXPECT_EQ(pauses.size(), 6u); // after each read that saw none, the last included
+  EXPECT_EQ(hooks.size(), 6u);
+  auto stop = [](UINTN, UINTN) { return false; };
+  EXPECT_EQ(WaitForCable(CableWaitPlan{1, 6, 10, false}, absent, stop, pause), CableWaitEnd::Stopped);
+  auto failing = [] { return CableSeen::Stop; };
+  EXPECT_EQ(WaitForCable(CableWaitPlan{1, 6, 10, false}, failing, hook, pause), CableWaitEnd::Stopped);
 }
 
 // The controller-name walk over a handle database of two drivers: one manages the PCI function and

@@ -1,0 +1,78 @@
+#include "tests/NicSteps.h"
+#include "report/Output.h"
+#include "report/Progress.h"
+
+void SayMedia(const MediaReport& Report, const MediaWords& Words) {
+  switch (Report.Step) {
+  case MediaStep::OpenFailed:
+    LogPrintGiven(Words.OpenFailed, Report.Status);
+    return;
+  case MediaStep::NoModeData:
+    return;
+  case MediaStep::NotSupported:
+    LogPrintGiven(Words.NotSupported);
+    return;
+  default:
+    break;
+  }
+  if (Report.FoundRunning) {
+    LogPrintGiven(Words.Running, UINTN(Report.FoundState));
+    LogPrintGiven(Words.StatusRead, Report.StatusRead);
+    if (Report.Step == MediaStep::StatusFailed) {
+      LogPrintGiven(Words.StatusFailed, Report.Status);
+      return;
+    }
+  } else {
+    LogPrintGiven(Words.Starting);
+    if (Report.Step == MediaStep::StartFailed) {
+      LogPrintGiven(Words.StartFailed, Report.Status);
+      return;
+    }
+    if (Report.Step == MediaStep::InitializeFailed) {
+      LogPrintGiven(Words.InitializeFailed, Report.Status);
+      return;
+    }
+  }
+  LogPrintGiven(Words.Present, UINTN(Report.Present));
+}
+
+NicChoice ChooseNicSaying(const NicChoiceTexts& Texts, UINT16 DeviceId, UINT64 Index,
+                          wc::HandleBuffer& Handles, EFI_HANDLE* Nic, EFI_STATUS* Status) {
+  NicChoice choice = ChooseNic(DeviceId, Index, Handles, Nic, Status);
+  switch (choice) {
+  case NicChoice::NoNic:
+    for (const CHAR16* const* line = Texts.NoHandles; *line != nullptr; ++line)
+      LogPrint(*line);
+    break;
+  case NicChoice::LookupFailed:
+    for (const CHAR16* const* line = Texts.LookupFailed; *line != nullptr; ++line)
+      LogPrint(*line, *Status);
+    break;
+  case NicChoice::NotThere:
+  case NicChoice::Chosen:
+    LogPrintGiven(Texts.Found, Handles.Count());
+    if (choice == NicChoice::NotThere)
+      LogPrint(Texts.NotThere);
+    break;
+  }
+  return choice;
+}
+
+namespace {
+constexpr CableWaitPlan kCablePlan = {.Passes = 1, .Checks = 6, .Pause = 1000000, .PauseFirst = false};
+constexpr UINTN kPromptConnectCable = 25;
+} // namespace
+
+bool WaitForCableAtPrompt(EFI_HANDLE Nic) {
+  auto check = [Nic] {
+    MediaReport media = {};
+    EFI_STATUS status = ReadMedia(Nic, MediaPath::ManagedNetworkChild, false, &media);
+    return EFI_ERROR(status) || media.Present ? CableSeen::Present : CableSeen::Absent;
+  };
+  auto noCableYet = [](UINTN, UINTN check) {
+    if (check == 0)
+      PromptMessage(kPromptConnectCable, u"Wirecheck.msg.xml");
+    return true;
+  };
+  return WaitForCable(kCablePlan, check, noCableYet, StallMicroseconds) == CableWaitEnd::Cabled;
+}
