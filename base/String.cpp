@@ -131,6 +131,14 @@ const CHAR16* StrFind(const CHAR16* Haystack, const CHAR16* Needle) {
   }
 }
 
+CHAR16* StrFindLastChar(CHAR16* s, CHAR16 c) {
+  CHAR16* last = nullptr;
+  for (; s != nullptr && *s != 0; ++s)
+    if (*s == c)
+      last = s;
+  return last;
+}
+
 const CHAR16* StrFindChar(const CHAR16* s, CHAR16 c) {
   for (; s != nullptr && *s != 0; ++s)
     if (*s == c)

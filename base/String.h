@@ -40,6 +40,8 @@ CHAR16* StrDuplicate(const CHAR16* Source);
 
 const CHAR16* StrFind(const CHAR16* Haystack, const CHAR16* Needle);
 const CHAR16* StrFindChar(const CHAR16* s, CHAR16 c);
+// The last c in s, or null.
+CHAR16* StrFindLastChar(CHAR16* s, CHAR16 c);
 
 UINTN AsciiStrLen(const CHAR8* s);
 BOOLEAN AsciiToUnicode(CHAR16* Destination, UINTN DestinationSize, const CHAR8* Source);

@@ -24,8 +24,3 @@ FirmwareTraits ReadFirmwareTraits();
 
 // The traits a run has before it reads them: a current platform with EDK2's network stack.
 constexpr FirmwareTraits kAssumedFirmware = {0, 0, TRUE, true};
-
-// TRUE for 0.0.0.0.
-inline bool IsZeroAddress(const EFI_IPv4_ADDRESS& Address) {
-  return (Address.Addr[0] | Address.Addr[1] | Address.Addr[2] | Address.Addr[3]) == 0;
-}

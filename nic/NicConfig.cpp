@@ -257,10 +257,6 @@ bool ReadStationAddress(EFI_IP4_CONFIG2_PROTOCOL* config, EFI_IPv4_ADDRESS* addr
   return true;
 }
 
-bool IsZero(const EFI_IPv4_ADDRESS& a) {
-  return (a.Addr[0] | a.Addr[1] | a.Addr[2] | a.Addr[3]) == 0;
-}
-
 } // namespace
 
 bool RestartStalledDhcp(EFI_HANDLE Nic) {
@@ -273,7 +269,7 @@ bool RestartStalledDhcp(EFI_HANDLE Nic) {
       policy != Ip4Config2PolicyDhcp)
     return false;
   EFI_IPv4_ADDRESS address = {};
-  if (!ReadStationAddress(config.Get(), &address) || !IsZero(address))
+  if (!ReadStationAddress(config.Get(), &address) || !IsZeroAddress(address))
     return false;
   MediaReport media = {};
   EFI_STATUS read = ReadMedia(Nic, MediaPath::ManagedNetworkChild, false, &media);
@@ -290,7 +286,8 @@ bool RestartStalledDhcp(EFI_HANDLE Nic) {
 bool NicHasStationAddress(EFI_HANDLE Nic, EFI_IPv4_ADDRESS* Address) {
   Config2 config;
   EFI_IPv4_ADDRESS address = {};
-  if (EFI_ERROR(OpenConfig(Nic, config)) || !ReadStationAddress(config.Get(), &address) || IsZero(address))
+  if (EFI_ERROR(OpenConfig(Nic, config)) || !ReadStationAddress(config.Get(), &address) ||
+      IsZeroAddress(address))
     return false;
   if (Address != nullptr)
     *Address = address;
@@ -303,11 +300,7 @@ EFI_IPv4_ADDRESS DefaultGateway(const EFI_IP4_CONFIG2_INTERFACE_INFO* Info) {
     return none;
   for (UINT32 i = 0; i < Info->RouteTableSize; ++i) {
     const EFI_IP4_ROUTE_TABLE& route = Info->RouteTable[i];
-    bool anySubnet = (route.SubnetAddress.Addr[0] | route.SubnetAddress.Addr[1] |
-                      route.SubnetAddress.Addr[2] | route.SubnetAddress.Addr[3]) == 0;
-    bool anyMask = (route.SubnetMask.Addr[0] | route.SubnetMask.Addr[1] | route.SubnetMask.Addr[2] |
-                    route.SubnetMask.Addr[3]) == 0;
-    if (anySubnet && anyMask)
+    if (IsZeroAddress(route.SubnetAddress) && IsZeroAddress(route.SubnetMask))
       return route.GatewayAddress;
   }
   return none;

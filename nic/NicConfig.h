@@ -17,6 +17,11 @@ EFI_STATUS SetNicConfig();
 // under way just goes on), and logs it. TRUE when it did.
 bool RestartStalledDhcp(EFI_HANDLE Nic);
 
+// TRUE for 0.0.0.0.
+inline bool IsZeroAddress(const EFI_IPv4_ADDRESS& Address) {
+  return (Address.Addr[0] | Address.Addr[1] | Address.Addr[2] | Address.Addr[3]) == 0;
+}
+
 // TRUE when the NIC's IPv4 configuration has a station address; *Address, when given, gets it.
 bool NicHasStationAddress(EFI_HANDLE Nic, EFI_IPv4_ADDRESS* Address);
 

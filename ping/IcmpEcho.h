@@ -37,6 +37,17 @@ struct EchoPolicy {
   const FirmwareTraits* Firmware;
 };
 
+// One ping run on a new IPv4 child of the NIC's IPv4 service: the child is configured for ICMP with
+// the NIC's default address; when the driver has no address yet (EFI_NO_MAPPING) the engine looks
+// for one second, then waits as the policy says (the long wait is logged as a mapping error, and a
+// child the firmware left on an old default interface is configured again once, logged). With the
+// address, Count echo requests go to DestinationAddress one a second, and replies from it carrying
+// the policy's identifier are counted. Count 0 only brings the address up. Returns EFI_SUCCESS when
+// the child was configured and Count replies came; EFI_TIMEOUT when replies were missing (the run
+// gives up about two seconds after the last request); EFI_NO_MAPPING when no address came;
+// EFI_ABORTED when the progress callback refused; EFI_OUT_OF_RESOURCES without memory for the
+// request; otherwise the failing firmware status. Everything the run made is released before it
+// returns.
 EFI_STATUS ExecutePingProcess(EFI_HANDLE Ip4ServiceBindingHandle, const EFI_IPv4_ADDRESS& DestinationAddress,
                               UINT32 Count, const PingProgress* Progress, const EchoPolicy& Policy);
 

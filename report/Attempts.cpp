@@ -2,8 +2,7 @@
 #include "report/Output.h"
 
 bool Attempts::Report() {
-  UINTN capped = percent_ < 99 ? percent_ : 99;
-  return run_.Report({percent_, (99 - capped) * 10 / 98});
+  return run_.Report(ProgressAt(percent_, 10));
 }
 
 bool Attempts::Begin() {

@@ -16,7 +16,7 @@
 class Attempts {
 public:
   // The first report of a run, before its options are read.
-  static constexpr ProgressPoint kOpening = {1, 10};
+  static constexpr ProgressPoint kOpening = ProgressAt(1, 10);
 
   Attempts(TestRun& Run, UINT64 Retries) : run_(Run), retries_(Retries) {}
 

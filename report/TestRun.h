@@ -21,6 +21,19 @@ struct ProgressPoint {
   UINTN Seconds;
 };
 
+// The progress arithmetic every test uses. A position on a test's line: Horizon seconds stand for
+// the 98 points from 1 % to 99 %, so the seconds left are (99 - percent) x Horizon / 98 (a position
+// past 99 % has none left).
+constexpr ProgressPoint ProgressAt(UINTN Percent, UINTN Horizon) {
+  return {Percent, (99 - (Percent < 99 ? Percent : 99)) * Horizon / 98};
+}
+// One of Steps equal steps over 100 % and Horizon seconds: 100 / Steps points on, Horizon / Steps
+// seconds off (never below 0).
+constexpr ProgressPoint ProgressStep(ProgressPoint At, UINTN Steps, UINTN Horizon) {
+  UINTN less = Horizon / Steps;
+  return {At.Percent + 100 / Steps, At.Seconds > less ? At.Seconds - less : 0};
+}
+
 // How a run ends: the test result, the error code beside it, and the status the procedure returns
 // (did the module's own code work). Where a test reports a firmware failure by the status alone,
 // the outcome leaves the caller's result and error code as they were.

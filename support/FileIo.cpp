@@ -130,10 +130,7 @@ EFI_STATUS CreateDirectoryTree(EFI_FILE_PROTOCOL* root, CHAR16* path) {
   }
   if (status != EFI_NOT_FOUND)
     return status;
-  CHAR16* last = nullptr;
-  for (CHAR16* p = path; *p != 0; ++p)
-    if (*p == u'\\')
-      last = p;
+  CHAR16* last = StrFindLastChar(path, u'\\');
   if (last != nullptr && last != path) {
     *last = 0;
     status = CreateDirectoryTree(root, path);
@@ -150,10 +147,7 @@ EFI_STATUS CreateDirectoryTree(EFI_FILE_PROTOCOL* root, CHAR16* path) {
 
 // Creates the missing parent directories of a file's path inside the volume.
 EFI_STATUS CreateParents(EFI_FILE_PROTOCOL* root, CHAR16* path) {
-  CHAR16* last = nullptr;
-  for (CHAR16* p = path; *p != 0; ++p)
-    if (*p == u'\\')
-      last = p;
+  CHAR16* last = StrFindLastChar(path, u'\\');
   if (last == nullptr || last == path)
     return EFI_SUCCESS;
   *last = 0;
@@ -278,10 +272,7 @@ EFI_STATUS FileIoInitialize(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE* SystemTabl
   }
   if (namesFile) {
     text[tailEnd] = 0;
-    CHAR16* lastSlash = nullptr;
-    for (CHAR16* p = text; *p != 0; ++p)
-      if (*p == u'\\')
-        lastSlash = p;
+    CHAR16* lastSlash = StrFindLastChar(text, u'\\');
     if (lastSlash != nullptr)
       lastSlash[1] = 0;
     else

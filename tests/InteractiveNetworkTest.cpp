@@ -56,21 +56,21 @@ constexpr ErrorMeaning kErrors[] = {
     {},
 };
 
-// The progress bar runs from 1 % to 99 % over these positions; the DHCP and ping attempts and the
-// address wait fill the 30 points after 30 and after 60 (AttemptPoint, the wait's own scale).
-constexpr ProgressPoint kStart = {1, 60};
-constexpr ProgressPoint kMenusFound = {5, 57};
-constexpr ProgressPoint kNicsFound = {10, 54};
-constexpr ProgressPoint kNicChosen = {20, 48};
-constexpr ProgressPoint kCableAgain = {25, 45};
-constexpr ProgressPoint kCabled = {30, 42};
-constexpr ProgressPoint kConfigured = {60, 23};
-constexpr ProgressPoint kDone = {99, 0};
-constexpr UINTN kDhcpBase = 30, kPingBase = 60;
-
+// The progress bar runs from 1 % to 99 % over these positions, 60 seconds from end to end; the DHCP
+// and ping attempts and the address wait fill the 30 points after 30 and after 60.
 constexpr ProgressPoint AtPercent(UINTN Percent) {
-  return {Percent, (99 - Percent) * 60 / 98};
+  return ProgressAt(Percent, 60);
 }
+constexpr ProgressPoint kStart = AtPercent(1);
+constexpr ProgressPoint kMenusFound = AtPercent(5);
+constexpr ProgressPoint kNicsFound = AtPercent(10);
+constexpr ProgressPoint kNicChosen = AtPercent(20);
+constexpr ProgressPoint kCableAgain = AtPercent(25);
+constexpr ProgressPoint kCabled = AtPercent(30);
+constexpr ProgressPoint kConfigured = AtPercent(60);
+constexpr ProgressPoint kDone = AtPercent(99);
+static_assert(kMenusFound.Seconds == 57 && kCabled.Seconds == 42 && kConfigured.Seconds == 23);
+constexpr UINTN kDhcpBase = 30, kPingBase = 60;
 
 constexpr const CHAR16* kMessageFile = u"Wirecheck.msg.xml";
 constexpr UINTN kPromptNoNic = 101, kPromptNoCableYet = 104, kPromptNoCable = 105;

@@ -123,8 +123,8 @@ constexpr ErrorMeaning kErrors[] = {
 };
 
 // The first progress position of every run: each run reports its own progress from the start.
-constexpr ProgressPoint kStart = {1, 30};
-constexpr ProgressPoint kDone = {99, 0};
+constexpr ProgressPoint kStart = ProgressAt(1, 30);
+constexpr ProgressPoint kDone = ProgressAt(99, 30);
 
 constexpr const CHAR16* kNoHandles[] = {
     u"No NIC is found!\r\n",
@@ -204,10 +204,7 @@ private:
 // A step adds 100 / steps percent and takes 30 / steps seconds off, with
 // steps = (retries + 1) x 3 + 2.
 bool PingRun::Step() {
-  UINTN steps = (UINTN(o_.retries) + 1) * 3 + 2;
-  position_.Percent += 100 / steps;
-  UINTN less = 30 / steps;
-  position_.Seconds = position_.Seconds > less ? position_.Seconds - less : 0;
+  position_ = ProgressStep(position_, (UINTN(o_.retries) + 1) * 3 + 2, 30);
   interrupted_ = !Report(position_);
   return !interrupted_;
 }
