@@ -80,7 +80,7 @@ int main() {
     CHAR16* text = nullptr;
     FileData2XmlDocString(reinterpret_cast<const UINT8*>(xml.data()), xml.size(), &text);
     XmlNode* doc = nullptr;
-    _XmlLoadString(text, &doc, TRUE);
+    XmlLoadString(text, &doc, TRUE);
     XmlFreeDocument(doc);
     FreePool(text);
   });

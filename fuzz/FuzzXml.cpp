@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::abort();
   for (BOOLEAN repair : {FALSE, TRUE}) {
     XmlNode* doc = nullptr;
-    if (EFI_ERROR(_XmlLoadString(text, &doc, repair)))
+    if (EFI_ERROR(XmlLoadString(text, &doc, repair)))
       continue;
     for (UINTN direction = 0; direction <= 2; ++direction)
       for (XmlNode* n = doc; n != nullptr; n = XmlNextNode(n, direction, nullptr))

@@ -295,6 +295,112 @@ bool Same(const CHAR16* text, const CHAR16* wanted, BOOLEAN pattern) {
   return !EFI_ERROR(MatchingStringAndRegularExpression(text, wanted, TRUE, &matched)) && matched;
 }
 
+// The attributes of the start tag at Tag into the element: counted, then copied (values cut to 511
+// characters, then decoded). An attribute given twice is refused.
+EFI_STATUS ReadAttributes(const CHAR16* tag, XmlNode* node) {
+  Span name;
+  bool open = false;
+  UINTN count = 0;
+  ScanStartTag(tag, &name, &open, [&](const Span&, const Span&) {
+    ++count;
+    return true;
+  });
+  if (count == 0)
+    return EFI_SUCCESS;
+  node->Attributes = static_cast<XmlAttribute*>(AllocateZeroPool(count * sizeof(XmlAttribute)));
+  if (node->Attributes == nullptr)
+    return EFI_OUT_OF_RESOURCES;
+  EFI_STATUS status = EFI_SUCCESS;
+  ScanStartTag(tag, &name, &open, [&](const Span& attrName, const Span& attrValue) {
+    for (UINTN i = 0; i < node->AttributeCount; ++i) {
+      if (SpanEquals(attrName, node->Attributes[i].Name)) {
+        status = EFI_UNSUPPORTED;
+        return false;
+      }
+    }
+    XmlAttribute& a = node->Attributes[node->AttributeCount];
+    a.Name = CopySpan(attrName, false);
+    Span cut = attrValue;
+    if (cut.Length() > kAttributeValueChars - 1)
+      cut.end = cut.begin + kAttributeValueChars - 1;
+    a.Value = CopySpan(cut, true);
+    ++node->AttributeCount;
+    if (a.Name == nullptr || a.Value == nullptr) {
+      status = EFI_OUT_OF_RESOURCES;
+      return false;
+    }
+    return true;
+  });
+  return status;
+}
+
+// The grammar both passes read, walked once: after white space, a declaration, a comment or a start
+// tag (none of them once the current element has its text), an end tag, or text right after an open
+// start tag; anything else is stray. An end tag changes nothing until its reader says it closed an
+// element (a stray one that the repair blanks leaves the state as it was).
+enum class XmlToken { End, Declaration, Comment, StartTag, EndTag, Text, Stray };
+
+class XmlWalk {
+public:
+  struct Step {
+    XmlToken Kind;
+    const CHAR16* At;   // where the token starts
+    const CHAR16* Next; // where the walk goes on
+    Declaration Decl;   // a declaration's parts
+    Span Name;          // a tag's name, a comment's or a text's characters
+    bool Open;          // a start tag that is not empty
+  };
+
+  explicit XmlWalk(const CHAR16* Document) : p_(Document + (Document[0] == 0xFEFF ? 1 : 0)) {}
+
+  Step Next() {
+    Step s = {};
+    p_ = SkipWs(p_);
+    s.At = p_;
+    if (*p_ == 0) {
+      s.Kind = XmlToken::End;
+      return s;
+    }
+    if (!textSeen_) {
+      if ((s.Next = ScanDeclaration(p_, &s.Decl)) != nullptr)
+        return Took(s, XmlToken::Declaration);
+      if ((s.Next = ScanComment(p_, &s.Name)) != nullptr)
+        return Took(s, XmlToken::Comment);
+      s.Next = ScanStartTag(p_, &s.Name, &s.Open, [](const Span&, const Span&) { return true; });
+      if (s.Next != nullptr)
+        return Took(s, XmlToken::StartTag);
+    }
+    if ((s.Next = ScanEndTag(p_, &s.Name)) != nullptr) {
+      s.Kind = XmlToken::EndTag;
+      p_ = s.Next;
+      return s;
+    }
+    if (afterOpenStartTag_ && (s.Next = ScanText(p_, &s.Name)) != nullptr) {
+      textSeen_ = true;
+      return Took(s, XmlToken::Text);
+    }
+    s.Kind = XmlToken::Stray;
+    return s;
+  }
+  // The end tag just walked closed an element.
+  void Closed() {
+    afterOpenStartTag_ = false;
+    textSeen_ = false;
+  }
+
+private:
+  Step Took(Step& s, XmlToken kind) {
+    s.Kind = kind;
+    afterOpenStartTag_ = kind == XmlToken::StartTag && s.Open;
+    p_ = s.Next;
+    return s;
+  }
+
+  const CHAR16* p_;
+  bool afterOpenStartTag_ = false;
+  bool textSeen_ = false;
+};
+
 } // namespace
 
 EFI_STATUS FileData2XmlDocString(const UINT8* Data, UINTN Size, CHAR16** String) {
@@ -319,8 +425,6 @@ EFI_STATUS ValidateXmlDocString(const CHAR16* Document, BOOLEAN Repair, CHAR16**
   if (!stack)
     return EFI_OUT_OF_RESOURCES;
   UINTN depth = 0;
-  bool afterStartTag = false;
-  bool textSeen = false;
   auto fail = [&](const CHAR16* message, const CHAR16* at) {
     DebugLogPrint(message, LineOf(Document, UINTN(at - base)));
     return EFI_UNSUPPORTED;
@@ -336,10 +440,11 @@ EFI_STATUS ValidateXmlDocString(const CHAR16* Document, BOOLEAN Repair, CHAR16**
            (tag[name.Length()] == u'>' || IsWs(tag[name.Length()]));
   };
 
-  const CHAR16* p = base + (base[0] == 0xFEFF ? 1 : 0);
+  XmlWalk walk(base);
   for (;;) {
-    p = SkipWs(p);
-    if (*p == 0) {
+    XmlWalk::Step step = walk.Next();
+    const CHAR16* p = step.At;
+    if (step.Kind == XmlToken::End) {
       if (depth == 0)
         break;
       if (!Repair)
@@ -367,41 +472,24 @@ EFI_STATUS ValidateXmlDocString(const CHAR16* Document, BOOLEAN Repair, CHAR16**
       copy.Reset(repaired);
       break;
     }
-    const CHAR16* next = nullptr;
-    if (!textSeen) {
-      Declaration declaration;
-      Span text;
-      if ((next = ScanDeclaration(p, &declaration)) != nullptr || (next = ScanComment(p, &text)) != nullptr) {
-        afterStartTag = false;
-        p = next;
-        continue;
-      }
-      Span name;
-      bool open = false;
-      next = ScanStartTag(p, &name, &open, [](const Span&, const Span&) { return true; });
-      if (next != nullptr) {
-        if (open)
-          stack[depth++] = UINTN(p - base);
-        afterStartTag = open;
-        p = next;
-        continue;
-      }
-    }
-    Span name;
-    next = ScanEndTag(p, &name);
-    if (next == nullptr) {
-      Span text;
-      if (afterStartTag && (next = ScanText(p, &text)) != nullptr) {
-        afterStartTag = false;
-        textSeen = true;
-        p = next;
-        continue;
-      }
+    switch (step.Kind) {
+    case XmlToken::StartTag:
+      if (step.Open)
+        stack[depth++] = UINTN(p - base);
+      continue;
+    case XmlToken::Declaration:
+    case XmlToken::Comment:
+    case XmlToken::Text:
+      continue;
+    case XmlToken::Stray:
       return fail(u"ValidateXmlDocString: extraneous XML substring/item.  Line %d\r\n", p);
+    case XmlToken::EndTag:
+    case XmlToken::End:
+      break;
     }
     UINTN found = depth;
     for (UINTN i = depth; i-- > 0;) {
-      if (startTagIs(stack[i], name)) {
+      if (startTagIs(stack[i], step.Name)) {
         found = i;
         break;
       }
@@ -409,8 +497,7 @@ EFI_STATUS ValidateXmlDocString(const CHAR16* Document, BOOLEAN Repair, CHAR16**
     if (found == depth) {
       if (!Repair)
         return fail(u"ValidateXmlDocString: Paired Element-Start-Tag not found.  Line %d\r\n", p);
-      blank(const_cast<CHAR16*>(p), next);
-      p = next;
+      blank(const_cast<CHAR16*>(p), step.Next);
       continue;
     }
     if (found + 1 != depth) {
@@ -420,16 +507,14 @@ EFI_STATUS ValidateXmlDocString(const CHAR16* Document, BOOLEAN Repair, CHAR16**
       depth = found + 1;
     }
     --depth;
-    afterStartTag = false;
-    textSeen = false;
-    p = next;
+    walk.Closed();
   }
   if (Validated != nullptr)
     *Validated = copy.Release();
   return EFI_SUCCESS;
 }
 
-EFI_STATUS _XmlLoadString(const CHAR16* Document, XmlNode** Result, BOOLEAN Repair) {
+EFI_STATUS XmlLoadString(const CHAR16* Document, XmlNode** Result, BOOLEAN Repair) {
   if (Result == nullptr)
     return EFI_INVALID_PARAMETER;
   *Result = nullptr;
@@ -441,7 +526,6 @@ EFI_STATUS _XmlLoadString(const CHAR16* Document, XmlNode** Result, BOOLEAN Repa
   XmlNode* first = nullptr;
   XmlNode* current = nullptr;
   bool currentIsOpen = false;
-  bool textSeen = false;
   auto fail = [&](EFI_STATUS s) {
     FreeNodes(first);
     return s;
@@ -471,121 +555,70 @@ EFI_STATUS _XmlLoadString(const CHAR16* Document, XmlNode** Result, BOOLEAN Repa
     return node;
   };
 
-  const CHAR16* p = validated.Get() + (validated[0] == 0xFEFF ? 1 : 0);
+  XmlWalk walk(validated.Get());
   for (;;) {
-    p = SkipWs(p);
-    if (*p == 0)
+    XmlWalk::Step step = walk.Next();
+    switch (step.Kind) {
+    case XmlToken::End:
       break;
-    const CHAR16* next = nullptr;
-    if (!textSeen) {
-      Declaration declaration;
-      Span text;
-      if ((next = ScanDeclaration(p, &declaration)) != nullptr) {
-        XmlNode* node = newNode(XML_DECLARATION);
-        if (node == nullptr)
-          return fail(EFI_OUT_OF_RESOURCES);
-        link(node);
-        currentIsOpen = false;
-        node->Name = CopySpan(declaration.version, false);
-        if (declaration.hasEncoding)
-          node->Encoding = CopySpan(declaration.encoding, false);
-        if (declaration.hasStandalone)
-          CopyMem(node->Standalone, declaration.standalone.begin,
-                  declaration.standalone.Length() * sizeof(CHAR16));
-        if (node->Name == nullptr || (declaration.hasEncoding && node->Encoding == nullptr))
-          return fail(EFI_OUT_OF_RESOURCES);
-        p = next;
-        continue;
-      }
-      if ((next = ScanComment(p, &text)) != nullptr) {
-        XmlNode* node = newNode(XML_COMMENT);
-        if (node == nullptr)
-          return fail(EFI_OUT_OF_RESOURCES);
-        link(node);
-        currentIsOpen = false;
-        node->Name = CopySpan(text, true);
-        if (node->Name == nullptr)
-          return fail(EFI_OUT_OF_RESOURCES);
-        p = next;
-        continue;
-      }
-      Span name;
-      bool open = false;
-      UINTN count = 0;
-      next = ScanStartTag(p, &name, &open, [&](const Span&, const Span&) {
-        ++count;
-        return true;
-      });
-      if (next != nullptr) {
-        XmlNode* node = newNode(XML_ELEMENT);
-        if (node == nullptr)
-          return fail(EFI_OUT_OF_RESOURCES);
-        link(node);
-        currentIsOpen = open;
-        node->Name = CopySpan(name, false);
-        if (node->Name == nullptr)
-          return fail(EFI_OUT_OF_RESOURCES);
-        if (count > 0) {
-          node->Attributes = static_cast<XmlAttribute*>(AllocateZeroPool(count * sizeof(XmlAttribute)));
-          if (node->Attributes == nullptr)
-            return fail(EFI_OUT_OF_RESOURCES);
-        }
-        status = EFI_SUCCESS;
-        ScanStartTag(p, &name, &open, [&](const Span& attrName, const Span& attrValue) {
-          for (UINTN i = 0; i < node->AttributeCount; ++i) {
-            if (SpanEquals(attrName, node->Attributes[i].Name)) {
-              status = EFI_UNSUPPORTED; // an attribute given twice
-              return false;
-            }
-          }
-          XmlAttribute& a = node->Attributes[node->AttributeCount];
-          a.Name = CopySpan(attrName, false);
-          // Values are cut to 511 characters, then decoded.
-          Span cut = attrValue;
-          if (cut.Length() > kAttributeValueChars - 1)
-            cut.end = cut.begin + kAttributeValueChars - 1;
-          a.Value = CopySpan(cut, true);
-          ++node->AttributeCount;
-          if (a.Name == nullptr || a.Value == nullptr) {
-            status = EFI_OUT_OF_RESOURCES;
-            return false;
-          }
-          return true;
-        });
-        if (EFI_ERROR(status))
-          return fail(status);
-        p = next;
-        continue;
-      }
-    }
-    Span name;
-    if ((next = ScanEndTag(p, &name)) != nullptr) {
-      if (current == nullptr)
-        return fail(EFI_UNSUPPORTED);
-      XmlNode* closing = currentIsOpen ? current : current->Parent;
-      if (closing == nullptr || closing->Type != XML_ELEMENT || !SpanEquals(name, closing->Name))
-        return fail(EFI_UNSUPPORTED);
-      current = closing;
-      currentIsOpen = false;
-      textSeen = false;
-      p = next;
-      continue;
-    }
-    Span text;
-    if (currentIsOpen && (next = ScanText(p, &text)) != nullptr) {
-      XmlNode* node = newNode(XML_TEXT);
+    case XmlToken::Declaration: {
+      XmlNode* node = newNode(XML_DECLARATION);
       if (node == nullptr)
         return fail(EFI_OUT_OF_RESOURCES);
       link(node);
       currentIsOpen = false;
-      textSeen = true;
-      node->Name = CopySpan(text, true);
-      if (node->Name == nullptr)
+      const Declaration& declaration = step.Decl;
+      node->Name = CopySpan(declaration.version, false);
+      if (declaration.hasEncoding)
+        node->Encoding = CopySpan(declaration.encoding, false);
+      if (declaration.hasStandalone)
+        CopyMem(node->Standalone, declaration.standalone.begin,
+                declaration.standalone.Length() * sizeof(CHAR16));
+      if (node->Name == nullptr || (declaration.hasEncoding && node->Encoding == nullptr))
         return fail(EFI_OUT_OF_RESOURCES);
-      p = next;
       continue;
     }
-    return fail(EFI_UNSUPPORTED);
+    case XmlToken::Comment:
+    case XmlToken::Text: {
+      XmlNode* node = newNode(step.Kind == XmlToken::Comment ? XML_COMMENT : XML_TEXT);
+      if (node == nullptr)
+        return fail(EFI_OUT_OF_RESOURCES);
+      link(node);
+      currentIsOpen = false;
+      node->Name = CopySpan(step.Name, true);
+      if (node->Name == nullptr)
+        return fail(EFI_OUT_OF_RESOURCES);
+      continue;
+    }
+    case XmlToken::StartTag: {
+      XmlNode* node = newNode(XML_ELEMENT);
+      if (node == nullptr)
+        return fail(EFI_OUT_OF_RESOURCES);
+      link(node);
+      currentIsOpen = step.Open;
+      node->Name = CopySpan(step.Name, false);
+      if (node->Name == nullptr)
+        return fail(EFI_OUT_OF_RESOURCES);
+      status = ReadAttributes(step.At, node);
+      if (EFI_ERROR(status))
+        return fail(status);
+      continue;
+    }
+    case XmlToken::EndTag: {
+      if (current == nullptr)
+        return fail(EFI_UNSUPPORTED);
+      XmlNode* closing = currentIsOpen ? current : current->Parent;
+      if (closing == nullptr || closing->Type != XML_ELEMENT || !SpanEquals(step.Name, closing->Name))
+        return fail(EFI_UNSUPPORTED);
+      current = closing;
+      currentIsOpen = false;
+      walk.Closed();
+      continue;
+    }
+    case XmlToken::Stray:
+      return fail(EFI_UNSUPPORTED);
+    }
+    break;
   }
   if (first == nullptr || currentIsOpen || current->Parent != nullptr)
     return fail(EFI_UNSUPPORTED);
@@ -613,9 +646,9 @@ EFI_STATUS XmlLoadFile(const CHAR16* Path, XmlNode** Document, BOOLEAN Repair) {
     DebugLogPrint(u"XmlLoadFile: FileData2XmlDocString failure - %r\r\n", status);
     return status;
   }
-  status = _XmlLoadString(text.Get(), Document, Repair);
+  status = XmlLoadString(text.Get(), Document, Repair);
   if (EFI_ERROR(status))
-    DebugLogPrint(u"XmlLoadFile: _XmlLoadString failure - %r\r\n", status);
+    DebugLogPrint(u"XmlLoadFile: XmlLoadString failure - %r\r\n", status);
   return status;
 }
 

@@ -41,7 +41,7 @@ const CHAR16* XmlGetAttributeValue(const XmlNode* Node, const CHAR16* Name, BOOL
 XmlNode* XmlNextNode(XmlNode* Node, UINTN Direction, XmlNode* Scope);
 EFI_STATUS FileData2XmlDocString(const UINT8* Data, UINTN Size, CHAR16** String);
 EFI_STATUS ValidateXmlDocString(const CHAR16* Document, BOOLEAN Repair, CHAR16** Validated);
-EFI_STATUS _XmlLoadString(const CHAR16* Document, XmlNode** Result, BOOLEAN Repair);
+EFI_STATUS XmlLoadString(const CHAR16* Document, XmlNode** Result, BOOLEAN Repair);
 
 // A document freed whichever way its owner's scope ends.
 using XmlDocumentOwner = wc::Owned<XmlNode, XmlFreeDocument>;

@@ -19,7 +19,7 @@ struct XmlTest : ::testing::Test {
   EFI_STATUS Load(const std::u16string& text, bool repair = false) {
     XmlFreeDocument(doc);
     doc = nullptr;
-    return _XmlLoadString(text.c_str(), &doc, repair);
+    return XmlLoadString(text.c_str(), &doc, repair);
   }
   // The validated (and maybe repaired) text, or "<refused>".
   std::u16string Validate(const std::u16string& text, bool repair) {
