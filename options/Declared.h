@@ -51,6 +51,13 @@ inline EFI_STATUS Store(const CHAR16*& Field, const OptionRead& Read) {
   return EFI_SUCCESS;
 }
 
+// A plain take that also traces the value with Format (one %d or %s).
+template <class T> EFI_STATUS StoreTraced(T& Field, const OptionRead& Read, const CHAR16* Format) {
+  Store(Field, Read);
+  TracePrint(Format, Field);
+  return EFI_SUCCESS;
+}
+
 // How a run reads its declared options, whatever their number.
 template <class Record> struct OptionReader {
   const OptionInfo* Rows;

@@ -29,18 +29,14 @@ constexpr auto kOptions = DeclareOptions<DetectCableCmdOption>(
                                        .Type = OPTION_TYPE_STRING,
                                        .Default = u"\\flags"},
                                       [](DetectCableCmdOption& o, const OptionRead& v) {
-                                        Store(o.FlagFileDir, v);
-                                        TracePrint(u"FlagFileDir:%s\r\n", o.FlagFileDir);
-                                        return EFI_SUCCESS;
+                                        return StoreTraced(o.FlagFileDir, v, u"FlagFileDir:%s\r\n");
                                       }),
     OptionField<DetectCableCmdOption>({.Name = u"-flagfilename",
                                        .Description = u"Base name of the flag file.",
                                        .Type = OPTION_TYPE_STRING,
                                        .Default = u"Network"},
                                       [](DetectCableCmdOption& o, const OptionRead& v) {
-                                        Store(o.FlagFileName, v);
-                                        TracePrint(u"FlagFileName:%s\r\n", o.FlagFileName);
-                                        return EFI_SUCCESS;
+                                        return StoreTraced(o.FlagFileName, v, u"FlagFileName:%s\r\n");
                                       }));
 
 // This test reads no answer at its progress reports.

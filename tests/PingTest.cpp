@@ -28,17 +28,14 @@ struct PingOptions {
 // EFI_UNSUPPORTED.
 constexpr auto kOptions =
     DeclareOptions<PingOptions>(
-        OptionField<PingOptions>({.Name = u"-retries",
-                                  .Description = u"Number of allowed retries in case of test failure.",
-                                  .Type = OPTION_TYPE_INTEGER,
-                                  .Default = u"0",
-                                  .Low = u"0",
-                                  .High = u"5"},
-                                 [](PingOptions& o, const OptionRead& v) {
-                                   Store(o.retries, v);
-                                   TracePrint(u"Retries:%d\r\n", o.retries);
-                                   return EFI_SUCCESS;
-                                 }),
+        OptionField<PingOptions>(
+            {.Name = u"-retries",
+             .Description = u"Number of allowed retries in case of test failure.",
+             .Type = OPTION_TYPE_INTEGER,
+             .Default = u"0",
+             .Low = u"0",
+             .High = u"5"},
+            [](PingOptions& o, const OptionRead& v) { return StoreTraced(o.retries, v, u"Retries:%d\r\n"); }),
         OptionField<PingOptions>(
             {.Name = u"-testrepeats",
              .Description = u"The number of times to run the testing portion of the test, default is 1.",
@@ -47,9 +44,7 @@ constexpr auto kOptions =
              .Low = u"1",
              .High = u"50"},
             [](PingOptions& o, const OptionRead& v) {
-              Store(o.testRepeats, v);
-              TracePrint(u"TestRepeats:%d\r\n", o.testRepeats);
-              return EFI_SUCCESS;
+              return StoreTraced(o.testRepeats, v, u"TestRepeats:%d\r\n");
             }),
         OptionField<PingOptions>(
             {.Name = u"-index",
@@ -60,10 +55,8 @@ constexpr auto kOptions =
              .Low = u"1",
              .High = u"128"},
             [](PingOptions& o, const OptionRead& v) {
-              Store(o.index, v);
               o.indexGiven = v.Given;
-              TracePrint(u"Index:%d\r\n", o.index);
-              return EFI_SUCCESS;
+              return StoreTraced(o.index, v, u"Index:%d\r\n");
             }),
         OptionField<PingOptions>(
             {.Name = u"-devicepath",
@@ -71,10 +64,8 @@ constexpr auto kOptions =
                             u"exclusive from Index option.",
              .Type = OPTION_TYPE_STRING},
             [](PingOptions& o, const OptionRead& v) {
-              Store(o.devicePath, v);
               o.devicePathGiven = v.Given;
-              TracePrint(u"DevicePath:%s\r\n", o.devicePath);
-              return EFI_SUCCESS;
+              return StoreTraced(o.devicePath, v, u"DevicePath:%s\r\n");
             }),
         OptionField<PingOptions>({.Name = u"-dhcpping",
                                   .Description = u"Check if pinging the DHCP server. Default is true.",

@@ -1285,6 +1285,34 @@ const std::vector<SweepScenario>& Scenarios() {
   return scenarios;
 }
 
+std::string ReadSourceFile(const std::string& path) {
+  std::ifstream f(std::string(SOURCE_DIR) + "/" + path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(f), {});
+}
+
+// A test is more than its file and its table line: the expected catalog, the compatibility
+// matrix's calls, the failure sweep and the README name it too. Adding one without them fails here
+// (the README's "Adding a test" lists the places).
+TEST(TestTable, EveryTestHasItsPlacesOutsideTheTable) {
+  std::string catalog = ReadSourceFile("unittests/expected/catalog.xml");
+  std::string matrix = ReadSourceFile("vm/wcvm/matrix.py");
+  std::string readme = ReadSourceFile("README.md");
+  ASSERT_FALSE(catalog.empty() || matrix.empty() || readme.empty())
+      << "the source tree is not at " << SOURCE_DIR;
+  for (UINTN n = 0; kTestTable[n] != nullptr; ++n) {
+    std::string name = Narrow(kTestTable[n]->Name);
+    EXPECT_NE(catalog.find("\"" + name + "\""), std::string::npos)
+        << name << ": not in unittests/expected/catalog.xml";
+    EXPECT_NE(matrix.find("(\"" + name + "\", \"-test=" + name), std::string::npos)
+        << name << ": no call in vm/wcvm/matrix.py's CALLS";
+    EXPECT_NE(readme.find("`" + name + "`"), std::string::npos) << name << ": the README does not name it";
+    bool swept = false;
+    for (const SweepScenario& scenario : Scenarios())
+      swept |= std::string(scenario.test).rfind(name + "/", 0) == 0;
+    EXPECT_TRUE(swept) << name << ": no scenario in the failure sweep";
+  }
+}
+
 // One sweep: a scenario's failure points, or every Shards-th of them from Shard on (a long sweep is
 // split so that its parts run side by side).
 struct SweepPart {
