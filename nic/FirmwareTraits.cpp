@@ -5,6 +5,30 @@
 #include "support/DebugLog.h"
 #include "support/Platform.h"
 #include "uefi/protocol/Ip4Config2.h"
+#include "uefi/protocol/Rng.h"
+#include "uefi/protocol/SimpleNetwork.h"
+
+StackSight LookAtNetworkStack() {
+  StackSight sight = {};
+  void* rng = nullptr;
+  sight.Rng = !EFI_ERROR(gBS->LocateProtocol(&EFI_RNG_PROTOCOL_GUID, nullptr, &rng)) && rng != nullptr;
+  wc::HandleBuffer snps;
+  if (EFI_ERROR(snps.Locate(EFI_SIMPLE_NETWORK_PROTOCOL_GUID)))
+    return sight;
+  sight.SimpleNetworks = snps.Count();
+  for (UINTN i = 0; i < snps.Count(); ++i) {
+    wc::PoolPtr<EFI_OPEN_PROTOCOL_INFORMATION_ENTRY> entries;
+    UINTN count = 0;
+    if (EFI_ERROR(gBS->OpenProtocolInformation(snps[i], &EFI_SIMPLE_NETWORK_PROTOCOL_GUID, entries.Receive(),
+                                               &count)))
+      continue;
+    bool held = false;
+    for (UINTN e = 0; e < count; ++e)
+      held |= (entries[e].Attributes & EFI_OPEN_PROTOCOL_BY_DRIVER) != 0;
+    sight.Unbound += held ? 0 : 1;
+  }
+  return sight;
+}
 
 FirmwareTraits ReadFirmwareTraits() {
   constexpr UINT32 kCurrentUefi = 0x2001E;        // 2.30

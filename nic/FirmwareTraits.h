@@ -18,6 +18,17 @@ struct FirmwareTraits {
   bool Ip4Config2;
 };
 
+// What can be seen of why a NIC has a simple network but no managed-network service binding (the
+// network stack did not start on it).
+struct StackSight {
+  UINTN SimpleNetworks; // handles with a simple network
+  UINTN Unbound;        // of those, the ones no driver holds (the network drivers never connected)
+  bool Rng;             // the firmware has a random-number generator (EFI_RNG_PROTOCOL): EDK2's network
+                        // drivers since its 2024 security fixes do not start without one
+};
+// Looks; logs nothing (the caller says what it means).
+StackSight LookAtNetworkStack();
+
 // Reads the traits. An old platform gets the line "Old UEFI 0x%x platform, family id 0x%x"; what
 // was found goes to the debug log.
 FirmwareTraits ReadFirmwareTraits();

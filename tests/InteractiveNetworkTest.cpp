@@ -247,6 +247,7 @@ bool InteractiveRun::HasIpv4() {
   if (selected_->Ip4ServiceBindingProtocolHandle != nullptr)
     return true;
   LogPrint(u"IPv4 Service Binding Protocol not supported for current NIC device!\r\n");
+  SayWhyNoNetworkStack();
   return End(Outcome::Failed(ERROR_CODE_SOFTWARE));
 }
 

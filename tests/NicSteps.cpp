@@ -1,5 +1,6 @@
 #include "tests/NicSteps.h"
 #include "report/Output.h"
+#include "nic/FirmwareTraits.h"
 #include "report/Progress.h"
 
 void SayMedia(const MediaReport& Report, const MediaWords& Words) {
@@ -36,6 +37,27 @@ void SayMedia(const MediaReport& Report, const MediaWords& Words) {
   LogPrintGiven(Words.Present, UINTN(Report.Present));
 }
 
+void SayWhyNoNetworkStack() {
+  StackSight sight = LookAtNetworkStack();
+  if (sight.SimpleNetworks == 0) {
+    LogPrint(u"No simple network either: no NIC, or no driver for it, is in the firmware.\r\n");
+    return;
+  }
+  if (!sight.Rng)
+    LogPrint(
+        u"The network stack did not start on the %d NIC(s) the firmware drives: it has no random-number "
+        u"generator (EFI_RNG_PROTOCOL), without which EDK2's network drivers since 2024 do not start.\r\n",
+        sight.SimpleNetworks);
+  else if (sight.Unbound != 0)
+    LogPrint(u"The network stack did not start on %d of %d NIC(s): no network driver is connected to them "
+             u"(the shell's connect -r connects them).\r\n",
+             sight.Unbound, sight.SimpleNetworks);
+  else
+    LogPrint(
+        u"The network stack did not start although the NICs have drivers and the firmware a random-number "
+        u"generator: the managed-network service binding is missing.\r\n");
+}
+
 NicChoice ChooseNicSaying(const NicChoiceTexts& Texts, UINT16 DeviceId, UINT64 Index,
                           wc::HandleBuffer& Handles, EFI_HANDLE* Nic, EFI_STATUS* Status) {
   NicChoice choice = ChooseNic(DeviceId, Index, Handles, Nic, Status);
@@ -43,6 +65,7 @@ NicChoice ChooseNicSaying(const NicChoiceTexts& Texts, UINT16 DeviceId, UINT64 I
   case NicChoice::NoNic:
     for (const CHAR16* const* line = Texts.NoHandles; *line != nullptr; ++line)
       LogPrint(*line);
+    SayWhyNoNetworkStack();
     break;
   case NicChoice::LookupFailed:
     for (const CHAR16* const* line = Texts.LookupFailed; *line != nullptr; ++line)

@@ -29,7 +29,13 @@ struct NicChoiceTexts {
   const CHAR16* Found;               // %x the number of handles found; may be null
   const CHAR16* NotThere;            // the position or device ID names no handle
 };
-// ChooseNic, worded with the test's texts.
+// What the module can see of why the network stack did not start on the NICs: a line naming the
+// missing random-number generator, network drivers not connected to a NIC, no NIC driver at all, or
+// a binding missing although all of them are there.
+void SayWhyNoNetworkStack();
+
+// ChooseNic, worded with the test's texts; a machine without managed-network bindings also gets
+// SayWhyNoNetworkStack's line.
 NicChoice ChooseNicSaying(const NicChoiceTexts& Texts, UINT16 DeviceId, UINT64 Index,
                           wc::HandleBuffer& Handles, EFI_HANDLE* Nic, EFI_STATUS* Status);
 

@@ -38,6 +38,7 @@
 #include "support/FileIo.h"
 #include "tests/SpeedTest.h"
 #include "uefi/protocol/LoadedImage.h"
+#include "uefi/protocol/Rng.h"
 
 namespace {
 
@@ -453,6 +454,32 @@ TEST(PingTestOnFakes, AFirmwareNotFoundIsRetriedLikeAnyFailure) {
   EXPECT_EQ(Count(w.Said(), "Retry......"), 2u) << w.Said();
   EXPECT_EQ(Count(w.Said(), "RunPingTest() error!"), 0u);
   EXPECT_EQ(w.mgr.progress.back().percent, 99u);
+}
+
+// A NIC with a simple network but no managed-network binding: the network stack did not start, and
+// the log says what the module can see of why, the result staying "no NIC" (0x80160103).
+TEST(PingTestOnFakes, ANetworkStackThatDidNotStartIsNamed) {
+  NicWorld w;
+  ASSERT_TRUE(w.Start());
+  std::erase_if(w.fw.protocols, [&](const FakeFirmware::Installed& p) {
+    return p.handle == w.nic.handle &&
+           std::memcmp(&p.guid, &EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID, sizeof(EFI_GUID)) == 0;
+  });
+  auto o = w.Execute(u"-test=pingtest");
+  EXPECT_EQ(o.error, ERROR_CODE_NO_NIC);
+  EXPECT_NE(w.Said().find("it has no random-number generator (EFI_RNG_PROTOCOL)"), std::string::npos)
+      << w.Said();
+
+  int rng = 0;
+  w.fw.AddProtocol(reinterpret_cast<EFI_HANDLE>(0x5000), EFI_RNG_PROTOCOL_GUID, &rng);
+  o = w.Execute(u"-test=SpeedTest");
+  EXPECT_EQ(o.error, ERROR_CODE_NO_NIC);
+  EXPECT_NE(w.Said().find("no network driver is connected to them"), std::string::npos) << w.Said();
+
+  w.fw.RecordOpen(w.nic.handle, EFI_SIMPLE_NETWORK_PROTOCOL_GUID, reinterpret_cast<EFI_HANDLE>(0x5100),
+                  w.nic.handle, EFI_OPEN_PROTOCOL_BY_DRIVER);
+  o = w.Execute(u"-test=pingtest");
+  EXPECT_NE(w.Said().find("the managed-network service binding is missing"), std::string::npos) << w.Said();
 }
 
 // ---- The PCI side and the PCI tests ----
@@ -1154,6 +1181,16 @@ const std::vector<SweepScenario>& Scenarios() {
        [](NicWorld& w) { w.nic.link = false; },
        {kFailed, 0x80160107}},
       {"pingtest/NIC not found", u"-test=pingtest -index=2", nullptr, {kFailed, 0x80160104}},
+      // The network stack did not start: a simple network, no managed-network binding, no generator.
+      {"pingtest/network stack not started",
+       u"-test=pingtest",
+       [](NicWorld& w) {
+         std::erase_if(w.fw.protocols, [&](const FakeFirmware::Installed& p) {
+           return std::memcmp(&p.guid, &EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID,
+                              sizeof(EFI_GUID)) == 0;
+         });
+       },
+       {kFailed, 0x80160103}},
       {"pingtest/no DHCP server",
        u"-test=pingtest",
        [](NicWorld& w) { w.nic.dhcpTimeouts = 1000; },
