@@ -10,6 +10,8 @@ import tempfile
 from .config import (MANAGER_LINES, NIC_MODELS, NIC_OPTIONS, RESULT_LINE, TEST_CERT, TEST_KEY, TEST_KEY_PASSPHRASE,
                      HarnessError, Nic, VmConfig, parse_files, parse_var)
 from .disk import build_image
+from .firmware import DEFAULT_GENERATION, DEFAULT_IPXE, GENERATIONS, IPXE
+from .firmware import resolve as resolve_firmware
 from .live import LivePrinter, run_vm
 from .report import write_json, write_junit
 
@@ -73,6 +75,16 @@ def run_parser():
     parser.add_argument("--old-layout", action="store_true", help="drive the module's old protocol layout")
     parser.add_argument("--ui", choices=("both", "console", "none"), default="both",
                         help="the menu protocols VexRun installs for the module (default both)")
+    parser.add_argument("--firmware", default=DEFAULT_GENERATION, metavar="NAME|CODE.fd[,VARS.fd]",
+                        help=f"the firmware: Debian's OVMF {', '.join(GENERATIONS)} (default {DEFAULT_GENERATION}; "
+                             "the others are fetched from Debian's archive once, into build/firmware), or your own "
+                             "build's code and variable images (one combined image without VARS)")
+    parser.add_argument("--ipxe", default=DEFAULT_IPXE, metavar="2019|2025|DIR",
+                        help=f"the iPXE option ROMs of the NICs iPXE serves: Debian's build of {' or '.join(IPXE)} "
+                             f"(default {DEFAULT_IPXE}), or a folder of efi-*.rom files")
+    parser.add_argument("--no-rng", action="store_true",
+                        help="no random-number generator for the firmware (by default the VM has one, as real "
+                             "machines do; without one, EDK2 2024 and later leave the network stack stopped)")
     parser.add_argument("--timeout", type=int, default=240, metavar="SECONDS",
                         help="the VM's time limit (default 240)")
     parser.add_argument("--secure-boot", action="store_true",
@@ -196,6 +208,7 @@ def main(argv):
         cfg = VmConfig(calls=calls, verbose=args.verbose, old_layout=args.old_layout,
                        timeout=args.timeout, language=args.lang, ui=args.ui)
         cfg.nics = [Nic.parse(n) for n in args.nic] or None
+        cfg.firmware = resolve_firmware(args.firmware, args.ipxe, not args.no_rng)
         cfg.smbios = args.smbios
         cfg.variables = [parse_var(v) for v in args.var]
         cfg.files = parse_files(args.file)

@@ -189,6 +189,7 @@ class VmConfig:
     keyboard: bool = False  # keys typed at this terminal reach the VM
     ui: str = "both"  # the menu protocols the manager installs: both, console or none
     last_dir: str = ""  # where the run's files land (default LAST_DIR); runs side by side need their own
+    firmware: object = None  # a firmware.Firmware; None: Debian 12's OVMF and iPXE ROMs, with a random-number generator
 
 
 @dataclass

@@ -9,6 +9,7 @@ import time
 from concurrent.futures import ThreadPoolExecutor
 
 from .config import ROOT, HarnessError, Nic, VmConfig, chosen
+from .firmware import take_options as take_firmware_options
 from .live import run_vm
 from .peer import FAULTS
 from .report import call_seconds
@@ -47,12 +48,12 @@ CASES = {
 LIMIT_NO_ADDRESS, LIMIT = 100, 40
 
 
-def run_fault(fault, work, dump=""):
+def run_fault(fault, work, dump="", firmware=None):
     calls = list(CASES[fault])
     # The interactive test asks the operator at its failure prompts; "ok" lets it end.
     script = "prompt ok\n" * 4
     run = run_vm(VmConfig(calls=calls, nics=[Nic(model="e1000", peer=fault, dump=dump)], script=script,
-                          last_dir=os.path.join(work, fault), timeout=400))
+                          last_dir=os.path.join(work, fault), timeout=400, firmware=firmware))
     rows = []
     times = call_seconds(run.line_times)
     for options, result, seconds in zip(calls, run.results, times + [None] * len(calls)):
@@ -70,6 +71,11 @@ def run_fault(fault, work, dump=""):
 
 
 def main(argv):
+    try:
+        firmware, argv = take_firmware_options(argv)
+    except HarnessError as e:
+        print(f"wirecheck faults: {e}", file=sys.stderr)
+        return 2
     faults = chosen(argv, CASES, "faults", "fault")
     if faults is None:
         return 2
@@ -78,7 +84,7 @@ def main(argv):
     rows, broken = [], []
     # Two boots at a time: most of a fault's time is the firmware waiting, and the host has two cores.
     with ThreadPoolExecutor(max_workers=2) as pool:
-        futures = {f: pool.submit(run_fault, f, work) for f in faults}
+        futures = {f: pool.submit(run_fault, f, work, "", firmware) for f in faults}
         for f in faults:
             try:
                 rows += futures[f].result()

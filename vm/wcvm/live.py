@@ -12,10 +12,11 @@ import termios
 import time
 import tty
 
-from .config import (ESCAPE, LAST_DIR, MANAGER_LINES, OVMF_VARS, OVMF_VARS_SECURE, RESULT_LINE, HarnessError, Nic,
+from .config import (ESCAPE, LAST_DIR, MANAGER_LINES, RESULT_LINE, HarnessError, Nic,
                      VmRun)
 from .disk import build_disk, fat_partition
 from .monitor import Monitor
+from .firmware import default as firmware_default
 from .qemu import check_tools, qemu_command
 from .report import test_name
 
@@ -72,6 +73,10 @@ def run_vm(cfg):
     """Boots the VM once, runs every call of cfg, and returns what came back."""
     last_dir = cfg.last_dir or LAST_DIR
     check_tools()
+    if cfg.firmware is None:
+        cfg.firmware = firmware_default()
+    if cfg.secure_boot and not cfg.firmware.secure_code:
+        raise HarnessError(f"{cfg.firmware.name} has no Secure Boot build with Debian's test key enrolled")
     if cfg.nics is None:
         cfg.nics = [Nic()]
     start = time.time()
@@ -79,7 +84,11 @@ def run_vm(cfg):
     try:
         disk = cfg.image or build_disk(cfg, work)
         vars_copy = os.path.join(work, "vars.fd")
-        shutil.copy(OVMF_VARS_SECURE if cfg.secure_boot else OVMF_VARS, vars_copy)
+        source = cfg.firmware.secure_vars if cfg.secure_boot else cfg.firmware.vars
+        if source:
+            shutil.copy(source, vars_copy)
+        else:
+            vars_copy = ""  # a combined image keeps its variables in memory
         qmp_path = os.path.join(work, "qmp.sock") if any(not n.link or n.plug for n in cfg.nics) else ""
         peers = Peers(cfg.nics, work)
         proc = subprocess.Popen(qemu_command(cfg, disk, vars_copy, qmp_path, peers.sockets, peers.qmp),

@@ -12,6 +12,7 @@ import time
 from concurrent.futures import ThreadPoolExecutor
 
 from .config import NIC_MODELS, ROOT, HarnessError, Nic, VmConfig, chosen
+from .firmware import take_options as take_firmware_options
 from .live import run_vm
 from .report import call_blocks
 
@@ -76,7 +77,7 @@ def _flags(files_dir):
     return len([n for n in os.listdir(flags) if n.lower().endswith(".flg")]) if os.path.isdir(flags) else 0
 
 
-def run_model(model, work):
+def run_model(model, work, firmware=None):
     """One boot: every call on one NIC of this model; a row per test. A boot that stops answering
     keeps the cells of the calls it finished; the others say where it stopped."""
     last = os.path.join(work, model)
@@ -85,7 +86,7 @@ def run_model(model, work):
     stopped = ""
     try:
         run = run_vm(VmConfig(calls=calls, nics=[Nic(model=model)], last_dir=last, timeout=MODEL_TIMEOUT,
-                              silence=MODEL_SILENCE))
+                              silence=MODEL_SILENCE, firmware=firmware))
     except HarnessError as e:
         print(f"wirecheck matrix: {model}: {e}", file=sys.stderr, flush=True)
         if e.partial is None:
@@ -170,6 +171,11 @@ def _jobs(argv):
 
 def main(argv):
     jobs, argv = _jobs(argv)
+    try:
+        firmware, argv = take_firmware_options(argv)
+    except HarnessError as e:
+        print(f"wirecheck matrix: {e}", file=sys.stderr)
+        return 2
     models = chosen(argv, NIC_MODELS, "matrix", "NIC model")
     if jobs is None or models is None:
         return 2
@@ -177,7 +183,7 @@ def main(argv):
     # Each model's boot leaves its files (serial log, logs, flags) in build/matrix/MODEL.
     work = os.path.join(ROOT, "build", "matrix")
     with ThreadPoolExecutor(max_workers=jobs) as pool:
-        futures = {m: pool.submit(run_model, m, work) for m in models}
+        futures = {m: pool.submit(run_model, m, work, firmware) for m in models}
         table = {m: futures[m].result() for m in models}
     rows = []
     for test in ROWS:

@@ -3,30 +3,42 @@ hub, and the monitor socket."""
 import os
 import shutil
 
-from .config import EFI_DIR, IPXE_ROMS, NIC_MODELS, OVMF_CODE, OVMF_CODE_SECURE, OVMF_VARS, OVMF_VARS_SECURE, HarnessError
+from .config import EFI_DIR, NIC_MODELS, HarnessError
 
 def check_tools():
     for tool in ("qemu-system-x86_64", "mformat", "mcopy"):
         if shutil.which(tool) is None:
             raise HarnessError(f"{tool} is missing (./wirecheck installs it)")
-    for path in (OVMF_CODE, OVMF_VARS, OVMF_CODE_SECURE, OVMF_VARS_SECURE):
-        if not os.path.exists(path):
-            raise HarnessError(f"{path} is missing (package ovmf)")
     for image in ("Wirecheck.efi", "VexRun.efi"):
         if not os.path.exists(os.path.join(EFI_DIR, image)):
             raise HarnessError(f"{image} is not built (./wirecheck build)")
 
 
+def iPXE_rom(model, firmware):
+    """The romfile of a NIC served by iPXE: QEMU's own choice among the installed ROMs, or the file of
+    the chosen iPXE build (QEMU names its default efi-<device>.rom)."""
+    if model.rom == "":
+        return ""
+    if not firmware.ipxe:
+        return os.path.join("/usr/lib/ipxe/qemu", model.rom) if model.rom else None
+    name = model.rom or "efi-" + {"virtio-net-pci": "virtio"}.get(model.device, model.device) + ".rom"
+    return os.path.join(firmware.ipxe, name)
+
+
 def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None, peer_monitors=None):
+    firmware = cfg.firmware
     # The Secure Boot build keeps its variables behind SMM: the flash is writable only from there.
     machine = ["-machine", "q35,smm=on", "-global", "driver=cfi.pflash01,property=secure,value=on"] \
         if cfg.secure_boot else ["-machine", "q35"]
-    code = OVMF_CODE_SECURE if cfg.secure_boot else OVMF_CODE
+    code = firmware.secure_code if cfg.secure_boot else firmware.code
     cmd = ["qemu-system-x86_64"] + machine + ["-accel", "tcg", "-m", "512", "-smp", "1",
-           "-nodefaults", "-no-reboot", "-display", "none", "-serial", "stdio", "-monitor", "none",
-           "-drive", f"if=pflash,format=raw,unit=0,readonly=on,file={code}",
-           "-drive", f"if=pflash,format=raw,unit=1,file={vars_copy}",
-           "-drive", f"if=none,id=d0,format=raw,file={disk}"]
+           "-nodefaults", "-no-reboot", "-display", "none", "-serial", "stdio", "-monitor", "none"]
+    if vars_copy:
+        cmd += ["-drive", f"if=pflash,format=raw,unit=0,readonly=on,file={code}",
+                "-drive", f"if=pflash,format=raw,unit=1,file={vars_copy}"]
+    else:
+        cmd += ["-bios", code]
+    cmd += ["-drive", f"if=none,id=d0,format=raw,file={disk}"]
     if cfg.usb_stick:
         # As a technician's stick meets a real machine: a USB mass-storage device on an XHCI controller.
         cmd += ["-device", "qemu-xhci,id=xhci", "-device", "usb-storage,bus=xhci.0,drive=d0,bootindex=0"]
@@ -50,11 +62,15 @@ def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None, peer_monitor
         if nic.bridge:
             cmd += ["-device", f"pcie-root-port,id=rp{index},chassis={index + 1},slot={index + 1}"]
             device += f",bus=rp{index}"
-        if model.rom is not None:
-            device += ",romfile=" + (os.path.join(IPXE_ROMS, model.rom) if model.rom else "")
+        rom = iPXE_rom(model, firmware)
+        if rom is not None:
+            device += ",romfile=" + rom
         if nic.mac:
             device += f",mac={nic.mac}"
         cmd += ["-device", device]
+    if firmware.rng:
+        # After the NICs, so that their PCI slots are the same with and without it.
+        cmd += ["-object", "rng-random,id=rng0,filename=/dev/urandom", "-device", "virtio-rng-pci,rng=rng0"]
     for entry in cfg.smbios:
         cmd += ["-smbios", "type=" + entry]
     if qmp_path:

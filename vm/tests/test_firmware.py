@@ -1,0 +1,73 @@
+"""The firmware a run boots: a firmware engineer's own files, Debian's 2025 generation (fetched from
+Debian's archive into build/firmware the first time), and the field case of a firmware without a
+random-number generator, whose network stack does not start."""
+import os
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+from vmtest import RUNNER, boot
+
+import wcvm  # noqa: E402 (vmtest puts the runner on the path)
+from wcvm.firmware import GENERATIONS, resolve  # noqa: E402
+
+PING = "-test=pingtest"
+INTERACTIVE = "-test=interactivenetworktest"
+
+
+def run_runner(*args):
+    return subprocess.run(RUNNER + list(args), capture_output=True, text=True, timeout=600,
+                          stdin=subprocess.DEVNULL)
+
+
+class OwnBuild(unittest.TestCase):
+    def test_a_bad_file_gets_one_clear_line_and_exit_2(self):
+        with tempfile.TemporaryDirectory() as work:
+            not_a_volume = os.path.join(work, "OVMF_CODE.fd")
+            with open(not_a_volume, "wb") as f:
+                f.write(bytes(4096))
+            for spec, words in ((os.path.join(work, "missing.fd"), "no such file"),
+                                (not_a_volume, "is not a UEFI firmware volume"),
+                                ("edk2-1999.01", "not one of")):
+                with self.subTest(spec=spec):
+                    done = run_runner("--firmware", spec, PING)
+                    self.assertEqual(done.returncode, 2, done.stderr)
+                    self.assertEqual(len(done.stderr.strip().splitlines()), 1, done.stderr)
+                    self.assertIn(words, done.stderr)
+                    self.assertNotIn("RESULT", done.stdout)
+
+    def test_copies_of_a_generation_give_what_its_name_gives(self):
+        default = GENERATIONS["edk2-2022.11"]
+        with tempfile.TemporaryDirectory() as work:
+            code, vars_ = os.path.join(work, "CODE.fd"), os.path.join(work, "VARS.fd")
+            shutil.copy(default.code, code)
+            shutil.copy(default.vars, vars_)
+            done = run_runner("--firmware", f"{code},{vars_}", "--", PING, "-test=detectcable")
+        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        self.assertEqual(done.stdout.count("RESULT result=Passed"), 2, done.stdout)
+
+
+class Generation2025(unittest.TestCase):
+    """EDK2 2025.02 (Debian 13): the network stack needs a random-number generator, which the VM has
+    unless --no-rng takes it away."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.with_rng = boot([PING, INTERACTIVE], firmware=resolve("edk2-2025.02"))
+        cls.without = boot([PING, "-test=SpeedTest"], firmware=resolve("edk2-2025.02", rng=False))
+
+    def test_the_ping_tests_pass_with_a_generator(self):
+        self.assertEqual([r[:2] for r in self.with_rng.results], [("Passed", 0), ("Passed", 0)],
+                         self.with_rng.output)
+
+    def test_without_a_generator_no_nic_and_the_log_names_why(self):
+        self.assertEqual([r[:2] for r in self.without.results], [("Failed", 0x80160103)] * 2)
+        for options, lines in wcvm.call_blocks(self.without.log):
+            with self.subTest(options=options):
+                self.assertTrue(any("no random-number generator (EFI_RNG_PROTOCOL)" in l for l in lines),
+                                "\n".join(lines))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,208 @@
+"""The firmware a VM boots: one of Debian's three OVMF generations by name, or a firmware engineer's own
+build (CODE.fd[,VARS.fd]), and the iPXE option ROMs of the emulated NICs by year or folder.
+
+The generation the machine has installed (Debian 12's) needs nothing more. The others come from
+Debian's archive as the same packages of other suites: apt-get download with an apt state of our own
+under build/firmware/apt (the machine's sources, lists and installed packages stay as they are; the
+archive's address is taken from the machine's own Debian sources, and the archive keyring verifies
+the suites), then dpkg -x into build/firmware/<package>-<suite>. Nothing is installed."""
+import glob
+import os
+import re
+import shutil
+import subprocess
+from dataclasses import dataclass
+
+from .config import ROOT, HarnessError
+
+CACHE = os.path.join(ROOT, "build", "firmware")
+KEYRING = "/usr/share/keyrings/debian-archive-keyring.gpg"
+
+
+@dataclass(frozen=True)
+class Generation:
+    suite: str  # "" for the installed package
+    code: str  # paths inside the package (or the machine, for the installed one)
+    vars: str  # "" for a combined image of code and variables
+    secure_code: str = ""  # the Secure Boot build with Debian's test key enrolled, where the package has one
+    secure_vars: str = ""
+
+
+# Debian's OVMF builds by the EDK2 release they come from.
+GENERATIONS = {
+    "edk2-2020.11": Generation("bullseye", "usr/share/OVMF/OVMF_CODE_4M.fd", "usr/share/OVMF/OVMF_VARS_4M.fd"),
+    "edk2-2022.11": Generation("", "/usr/share/OVMF/OVMF_CODE_4M.fd", "/usr/share/OVMF/OVMF_VARS_4M.fd",
+                               "/usr/share/OVMF/OVMF_CODE_4M.snakeoil.fd", "/usr/share/OVMF/OVMF_VARS_4M.snakeoil.fd"),
+    "edk2-2025.02": Generation("trixie", "usr/share/OVMF/OVMF_CODE_4M.fd", "usr/share/OVMF/OVMF_VARS_4M.fd",
+                               "usr/share/OVMF/OVMF_CODE_4M.snakeoil.fd", "usr/share/OVMF/OVMF_VARS_4M.snakeoil.fd"),
+}
+DEFAULT_GENERATION = "edk2-2022.11"
+
+# iPXE's UEFI option ROMs by the year of their build: Debian 12's (installed), Debian 13's.
+IPXE = {"2019": ("", "/usr/lib/ipxe/qemu"), "2025": ("trixie", "usr/share/qemu")}
+DEFAULT_IPXE = "2019"
+
+# A firmware volume's header carries "_FVH" 40 bytes in; OVMF's code and variable images both begin
+# with one.
+FV_SIGNATURE_OFFSET = 40
+FV_SIGNATURE = b"_FVH"
+
+
+@dataclass(frozen=True)
+class Firmware:
+    name: str  # a generation's name, or "custom"
+    code: str
+    vars: str  # "" for a combined image of code and variables
+    secure_code: str = ""
+    secure_vars: str = ""
+    ipxe: str = ""  # folder of the efi-*.rom files; "" QEMU's own choice (the installed ROMs)
+    ipxe_name: str = DEFAULT_IPXE
+    rng: bool = True  # a random-number generator for the firmware (virtio-rng), as real machines have
+
+
+def check_volume(path, what):
+    """A file that is missing, unreadable or not a firmware volume: one clear line, not QEMU's error."""
+    try:
+        with open(path, "rb") as f:
+            head = f.read(FV_SIGNATURE_OFFSET + len(FV_SIGNATURE))
+    except OSError as e:
+        raise HarnessError(f"{what} {path}: {e.strerror.lower() if e.strerror else e}")
+    if head[FV_SIGNATURE_OFFSET:] != FV_SIGNATURE:
+        raise HarnessError(f"{what} {path} is not a UEFI firmware volume (no _FVH signature at byte 40)")
+    return path
+
+
+def archive_uri():
+    """The Debian archive the machine's own sources name (deb822 .sources or one-line .list)."""
+    sources = sorted(glob.glob("/etc/apt/sources.list.d/*.sources"))
+    for path in sources:
+        with open(path) as f:
+            for block in f.read().split("\n\n"):
+                fields = dict(re.findall(r"^(\w[\w-]*):\s*(.*)$", block, re.M))
+                suites = fields.get("Suites", "").split()
+                if "main" in fields.get("Components", "").split() and any(
+                        not s.endswith(("-security", "-updates", "-backports")) for s in suites):
+                    for uri in fields.get("URIs", "").split():
+                        if not uri.rstrip("/").endswith("-security"):
+                            return uri.rstrip("/")
+    for path in ["/etc/apt/sources.list"] + sorted(glob.glob("/etc/apt/sources.list.d/*.list")):
+        try:
+            with open(path) as f:
+                for line in f:
+                    m = re.match(r"\s*deb\s+(?:\[[^]]*\]\s+)?(\S+)\s+(\S+)\s+.*\bmain\b", line)
+                    if m and not m.group(2).endswith(("-security", "-updates", "-backports")):
+                        return m.group(1).rstrip("/")
+        except OSError:
+            continue
+    raise HarnessError("no Debian archive in the machine's apt sources to fetch other firmware generations from")
+
+
+def fetch_package(package, suite):
+    """The package of that suite unpacked under build/firmware; fetched once."""
+    target = os.path.join(CACHE, f"{package}-{suite}")
+    done = os.path.join(target, ".unpacked")
+    if os.path.exists(done):
+        return target
+    apt = os.path.join(CACHE, "apt")
+    for sub in ("lists/partial", "archives/partial", "debs"):
+        os.makedirs(os.path.join(apt, sub), exist_ok=True)
+    sources = os.path.join(apt, "sources.list")
+    uri = archive_uri()
+    with open(sources, "w") as f:
+        for other in sorted({g.suite for g in GENERATIONS.values() if g.suite} | {s for s, _ in IPXE.values() if s}):
+            f.write(f"deb [signed-by={KEYRING}] {uri} {other} main\n")
+    options = ["-o", f"Dir::Etc::SourceList={sources}", "-o", "Dir::Etc::SourceParts=/dev/null",
+               "-o", f"Dir::State::Lists={apt}/lists", "-o", f"Dir::Cache={apt}", "-o", "Dir::State::status=/dev/null",
+               "-o", "APT::Sandbox::User=root", "-o", "Debug::NoLocking=1", "-q"]
+    print(f"wirecheck: fetching {package} of Debian {suite} from {uri} into {target}", flush=True)
+
+    def apt_get(*words, cwd=None):
+        result = subprocess.run(["apt-get", *options, *words], capture_output=True, text=True, cwd=cwd,
+                                stdin=subprocess.DEVNULL)
+        if result.returncode != 0:
+            last = (result.stderr.strip() or result.stdout.strip()).splitlines()
+            raise HarnessError(f"apt-get {words[0]} {package}/{suite} failed: {last[-1] if last else result.returncode}")
+
+    if not glob.glob(os.path.join(apt, "lists", f"*_dists_{suite}_*Packages*")):
+        apt_get("update")
+    debs = os.path.join(apt, "debs")
+    for old in glob.glob(os.path.join(debs, f"{package}_*.deb")):
+        os.remove(old)
+    apt_get("download", f"{package}/{suite}", cwd=debs)
+    found = glob.glob(os.path.join(debs, f"{package}_*.deb"))
+    if len(found) != 1:
+        raise HarnessError(f"apt-get download {package}/{suite} left no package")
+    partial = target + ".partial"
+    shutil.rmtree(partial, ignore_errors=True)
+    result = subprocess.run(["dpkg-deb", "-x", found[0], partial], capture_output=True, text=True)
+    if result.returncode != 0:
+        raise HarnessError(f"dpkg-deb -x {os.path.basename(found[0])} failed: {result.stderr.strip()}")
+    shutil.rmtree(target, ignore_errors=True)
+    os.rename(partial, target)
+    with open(done, "w") as f:
+        f.write(os.path.basename(found[0]) + "\n")
+    return target
+
+
+def ipxe_folder(name):
+    """--ipxe 2019|2025|DIR: the folder of the efi-*.rom files ("" for QEMU's own choice)."""
+    if name in IPXE:
+        suite, path = IPXE[name]
+        if not suite:
+            return ""
+        return os.path.join(fetch_package("ipxe-qemu", suite), path)
+    if not os.path.isdir(name):
+        raise HarnessError(f"--ipxe {name}: neither {' nor '.join(IPXE)} nor a folder")
+    if not glob.glob(os.path.join(name, "efi-*.rom")):
+        raise HarnessError(f"--ipxe {name}: the folder holds no efi-*.rom option ROM")
+    return os.path.abspath(name)
+
+
+def resolve(firmware=DEFAULT_GENERATION, ipxe=DEFAULT_IPXE, rng=True):
+    """--firmware NAME or CODE.fd[,VARS.fd], --ipxe, --no-rng as the files a VM boots with."""
+    ipxe_dir = ipxe_folder(ipxe or DEFAULT_IPXE)
+    firmware = firmware or DEFAULT_GENERATION
+    if firmware in GENERATIONS:
+        g = GENERATIONS[firmware]
+        base = fetch_package("ovmf", g.suite) if g.suite else "/"
+        paths = [os.path.join(base, p) if p else "" for p in (g.code, g.vars, g.secure_code, g.secure_vars)]
+        if not g.suite:
+            for p in paths:
+                if p and not os.path.exists(p):
+                    raise HarnessError(f"{p} is missing (package ovmf)")
+        code, vars_, secure_code, secure_vars = paths
+        check_volume(code, f"{firmware}'s code")
+        check_volume(vars_, f"{firmware}'s variables")
+        return Firmware(firmware, code, vars_, secure_code, secure_vars, ipxe_dir, ipxe or DEFAULT_IPXE, rng)
+    if firmware.startswith("edk2-") or not (firmware.endswith(".fd") or "," in firmware or os.sep in firmware):
+        raise HarnessError(f"--firmware {firmware}: not one of {', '.join(GENERATIONS)}, nor CODE.fd[,VARS.fd]")
+    code, _, vars_ = firmware.partition(",")
+    check_volume(code, "--firmware code")
+    if vars_:
+        check_volume(vars_, "--firmware variables")
+    # Without a variable store of its own the file is one combined image (OVMF.fd), booted as the
+    # machine's BIOS with its variables in memory.
+    return Firmware("custom", os.path.abspath(code), os.path.abspath(vars_) if vars_ else "", ipxe=ipxe_dir,
+                    ipxe_name=ipxe or DEFAULT_IPXE, rng=rng)
+
+
+def default():
+    return resolve()
+
+
+def take_options(argv):
+    """--firmware NAME|CODE[,VARS], --ipxe Y|DIR and --no-rng among a table command's arguments (or
+    NAME=VALUE forms): the firmware they name and the other arguments. Raises HarnessError."""
+    values = {"--firmware": DEFAULT_GENERATION, "--ipxe": DEFAULT_IPXE}
+    rng, rest, words = True, [], iter(argv)
+    for word in words:
+        name, eq, value = word.partition("=")
+        if name in values:
+            values[name] = value if eq else next(words, "")
+            if not values[name]:
+                raise HarnessError(f"{name} needs a value")
+        elif word == "--no-rng":
+            rng = False
+        else:
+            rest.append(word)
+    return resolve(values["--firmware"], values["--ipxe"], rng), rest
