@@ -1,6 +1,6 @@
-"""The compatibility matrix: the seven tests on every NIC model QEMU emulates with a UEFI driver
-and twenty SpeedTest bursts at the defaults on each, each cell what the tests' definitions give on
-that NIC, or a firmware fault the matrix explains."""
+"""The compatibility matrix: the seven tests on every NIC model QEMU emulates with a UEFI driver,
+twenty SpeedTest bursts at the defaults and the cable-out rows on each, each cell what the tests'
+definitions give on that NIC, or a firmware fault the matrix explains."""
 import json
 import os
 import tempfile
@@ -20,7 +20,8 @@ class CompatibilityMatrix(unittest.TestCase):
             matrix = json.load(f)
         from wcvm import NIC_MODELS
         self.assertEqual(set(matrix["models"]), set(NIC_MODELS))
-        self.assertEqual(len(matrix["rows"]), 8)  # seven tests and the twenty bursts
+        # Seven tests, the twenty bursts, detectcable and pingtest with the cables out, a cable plugged in.
+        self.assertEqual(len(matrix["rows"]), 11)
         for row in matrix["rows"]:
             for model, cell in row["cells"].items():
                 self.assertIn(cell["verdict"], ("as defined", "explained"), f"{row['test']} on {model}")
@@ -28,6 +29,8 @@ class CompatibilityMatrix(unittest.TestCase):
     def test_a_boot_that_stops_answering_keeps_the_calls_it_finished(self):
         # No VM: the boot is what the runner hands back when the VM went silent after six bursts.
         from wcvm import HarnessError, VmRun, matrix
+        from wcvm.firmware import default
+        firmware = default()
         calls = [options for _, options, *_ in matrix.RUN_ORDER] + ["-test=SpeedTest"] * 6
         log = "".join(f"CALL options='{c}'\nspeed is 700 Mbit/s\n" for c in calls)
         results = [matrix.EXPECTED[test] for test, *_ in matrix.RUN_ORDER] + [("Passed", 0, "Success")] * 6
@@ -35,13 +38,37 @@ class CompatibilityMatrix(unittest.TestCase):
         silent = HarnessError("the VM printed nothing for 45 s", partial)
         with tempfile.TemporaryDirectory() as work, mock.patch.object(matrix, "run_vm", side_effect=silent):
             for model, expected in (("virtio-ipxe", "explained"), ("virtio", "UNEXPECTED")):
-                cells = matrix.run_model(model, work)
+                os.makedirs(os.path.join(work, model, "flags"))
+                open(os.path.join(work, model, "flags", "Network1.flg"), "w").close()
+                cells = matrix.run_model(model, work, firmware)
                 for test, *_ in matrix.RUN_ORDER:
-                    self.assertEqual(matrix.verdict(model, test, cells[test]), "as defined", test)
+                    self.assertEqual(matrix.verdict(firmware, model, test, cells[test]), "as defined", test)
                 burst = cells[matrix.SPEED_ROW]
                 self.assertEqual((burst["calls"], burst["figures"]), (6, 6))
                 self.assertIn("then no answer: the VM printed nothing", burst["figure"])
-                self.assertEqual(matrix.verdict(model, matrix.SPEED_ROW, burst), expected, model)
+                self.assertEqual(matrix.verdict(firmware, model, matrix.SPEED_ROW, burst), expected, model)
+
+    def test_a_flag_for_an_unplugged_nic_is_a_fault_unless_the_driver_is_known_blind(self):
+        # No VM: both unplugged NICs reported media present, so detectcable left two flags.
+        from wcvm import VmRun, matrix
+        from wcvm.firmware import default
+        firmware = default()
+
+        def two_flags(cfg):
+            os.makedirs(os.path.join(cfg.last_dir, "flags"))
+            for n in (1, 2):
+                open(os.path.join(cfg.last_dir, "flags", f"Network{n}.flg"), "w").close()
+            results = [("Passed", 0, "Success"), ("Passed", 0, "Success"), ("Failed", 0x80160101, "Success")]
+            return VmRun(serial="", output="", log="", results=results[:len(cfg.calls)], files_dir="", elapsed=30)
+        with tempfile.TemporaryDirectory() as work, mock.patch.object(matrix, "run_vm", side_effect=two_flags):
+            seeing = matrix.run_cable_model("virtio", work, firmware)
+            blind = matrix.run_cable_model("ne2k_pci", work, firmware)
+        self.assertEqual(matrix.verdict(firmware, "virtio", matrix.CABLE_OUT, seeing[matrix.CABLE_OUT]), "UNEXPECTED")
+        self.assertEqual(matrix.verdict(firmware, "virtio", matrix.CABLE_STAYS_OUT, seeing[matrix.CABLE_STAYS_OUT]),
+                         "UNEXPECTED")
+        for row in (matrix.CABLE_OUT, matrix.CABLE_PLUGGED, matrix.CABLE_STAYS_OUT):
+            self.assertEqual(matrix.verdict(firmware, "ne2k_pci", row, blind[row]), "explained", row)
+        self.assertTrue(blind[matrix.CABLE_PLUGGED].get("not_run"))
 
 
 if __name__ == "__main__":

@@ -1,5 +1,6 @@
 """./wirecheck faults: every fault plan of the scripted peer against the tests it concerns, one boot
-per fault (two boots at a time), as a table of expected and seen verdicts with each call's run time.
+per fault (two boots at a time), as a table of expected and seen verdicts with each call's run time,
+on one firmware or on every generation (--firmware all).
 Exits 1 when a verdict differs or a call outlasts the waits its test is allowed, 2 when a VM or a
 peer failed."""
 import json
@@ -55,24 +56,26 @@ def run_fault(fault, work, dump="", firmware=None):
     run = run_vm(VmConfig(calls=calls, nics=[Nic(model="e1000", peer=fault, dump=dump)], script=script,
                           last_dir=os.path.join(work, fault), timeout=400, firmware=firmware))
     rows = []
+    name = firmware.name if firmware else ""
     times = call_seconds(run.line_times)
     for options, result, seconds in zip(calls, run.results, times + [None] * len(calls)):
         expected = CASES[fault][options]
         seen = result[:2]
         limit = LIMIT_NO_ADDRESS if expected in NO_ADDRESS.values() else LIMIT
         late = seconds is not None and seconds > limit
-        rows.append({"fault": fault, "call": options, "expected": list(expected), "seen": list(seen),
+        rows.append({"firmware": name, "fault": fault, "call": options, "expected": list(expected), "seen": list(seen),
                      "status": result[2], "seconds": seconds, "limit": limit,
                      "ok": tuple(seen) == tuple(expected) and not late})
     for options in calls[len(run.results):]:
-        rows.append({"fault": fault, "call": options, "expected": list(CASES[fault][options]), "seen": None,
+        rows.append({"firmware": name, "fault": fault, "call": options, "expected": list(CASES[fault][options]),
+                     "seen": None,
                      "status": "", "seconds": None, "limit": LIMIT, "ok": False})
     return rows
 
 
 def main(argv):
     try:
-        firmware, argv = take_firmware_options(argv)
+        firmwares, argv = take_firmware_options(argv, several=True)
     except HarnessError as e:
         print(f"wirecheck faults: {e}", file=sys.stderr)
         return 2
@@ -80,31 +83,35 @@ def main(argv):
     if faults is None:
         return 2
     start = time.time()
-    work = os.path.join(ROOT, "build", "faults")
+    several = len(firmwares) > 1
+    boots = [(fw, f) for fw in firmwares for f in faults]
     rows, broken = [], []
     # Two boots at a time: most of a fault's time is the firmware waiting, and the host has two cores.
     with ThreadPoolExecutor(max_workers=2) as pool:
-        futures = {f: pool.submit(run_fault, f, work, "", firmware) for f in faults}
-        for f in faults:
+        futures = [pool.submit(run_fault, f, os.path.join(ROOT, "build", "faults", *([fw.name] if several else [])),
+                               "", fw) for fw, f in boots]
+        for (fw, f), future in zip(boots, futures):
             try:
-                rows += futures[f].result()
+                rows += future.result()
             except HarnessError as e:
-                broken.append(f)
-                print(f"wirecheck faults: {f}: {e}", file=sys.stderr, flush=True)
+                broken.append(f"{fw.name} {f}" if several else f)
+                print(f"wirecheck faults: {fw.name + ' ' if several else ''}{f}: {e}", file=sys.stderr, flush=True)
     wall = time.time() - start
 
     def verdict(v):
         return f"{v[0]} 0x{v[1]:X}" if v else "no result"
-    lines = ["| fault | call | expected | seen | run time | |", "|---|---|---|---|---|---|"]
+    lines = ["| firmware | fault | call | expected | seen | run time | |", "|---|---|---|---|---|---|---|"]
     for r in rows:
         took = f"{r['seconds']} s" if r["seconds"] is not None else "?"
-        lines.append(f"| {r['fault']} | `{r['call']}` | {verdict(r['expected'])} | {verdict(r['seen'])} | {took} | "
-                     f"{'ok' if r['ok'] else 'DIFFERS'} |")
+        lines.append(f"| {r['firmware']} | {r['fault']} | `{r['call']}` | {verdict(r['expected'])} | "
+                     f"{verdict(r['seen'])} | {took} | {'ok' if r['ok'] else 'DIFFERS'} |")
     print("\n".join(lines))
     bad = [r for r in rows if not r["ok"]]
-    print(f"FAULTS faults={len(faults)} calls={len(rows)} differ={len(bad)} broken={len(broken)} wall={wall:.0f}s")
+    false_passes = [r for r in rows if r["expected"][0] != "Passed" and r["seen"] and r["seen"][0] == "Passed"]
+    print(f"FAULTS firmware={len(firmwares)} faults={len(faults)} calls={len(rows)} differ={len(bad)} "
+          f"false-passes={len(false_passes)} broken={len(broken)} wall={wall:.0f}s")
     os.makedirs(os.path.join(ROOT, "build"), exist_ok=True)
     with open(os.path.join(ROOT, "build", "faults.json"), "w") as f:
-        json.dump({"faults": {k: FAULTS[k] for k in faults}, "rows": rows, "broken": broken,
-                   "wall_seconds": round(wall)}, f, indent=1)
+        json.dump({"firmware": [fw.name for fw in firmwares], "faults": {k: FAULTS[k] for k in faults},
+                   "rows": rows, "broken": broken, "wall_seconds": round(wall)}, f, indent=1)
     return 2 if broken else 1 if bad else 0

@@ -190,9 +190,10 @@ def default():
     return resolve()
 
 
-def take_options(argv):
+def take_options(argv, several=False):
     """--firmware NAME|CODE[,VARS], --ipxe Y|DIR and --no-rng among a table command's arguments (or
-    NAME=VALUE forms): the firmware they name and the other arguments. Raises HarnessError."""
+    NAME=VALUE forms): the firmware they name and the other arguments. With several, "--firmware all"
+    names every generation and a list comes back. Raises HarnessError."""
     values = {"--firmware": DEFAULT_GENERATION, "--ipxe": DEFAULT_IPXE}
     rng, rest, words = True, [], iter(argv)
     for word in words:
@@ -205,4 +206,7 @@ def take_options(argv):
             rng = False
         else:
             rest.append(word)
-    return resolve(values["--firmware"], values["--ipxe"], rng), rest
+    if not several:
+        return resolve(values["--firmware"], values["--ipxe"], rng), rest
+    names = list(GENERATIONS) if values["--firmware"] == "all" else [values["--firmware"]]
+    return [resolve(name, values["--ipxe"], rng) for name in names], rest

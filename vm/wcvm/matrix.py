@@ -1,5 +1,7 @@
 """./wirecheck matrix: the seven tests on every NIC model, one boot per model, as a table of results,
-error codes and the figure that matters for each test.
+error codes and the figure that matters for each test; then the cable-out rows, a second boot per
+model with the cables unplugged; on one firmware or on every generation (--firmware all), a column
+group per firmware.
 
 The boots run one after the other by default, so that no model's figures carry another boot's load;
 --jobs 2 runs two at a time (the verdicts hold under that load, the figures are slower, and iPXE's
@@ -72,46 +74,118 @@ EXPLAINED_HANGS = {
 }
 
 
+# The cable-out boot: two NICs of the model with their cables unplugged. detectcable must write no
+# flag; pingtest on NIC 2 asks for the cable (prompt 25), which goes in then, and passes; pingtest on
+# NIC 1, whose cable stays out, ends with its no-cable code. The operator answers both prompts.
+CABLE_OUT, CABLE_PLUGGED, CABLE_STAYS_OUT = ("detectcable, cables out", "pingtest, cable in at prompt 25",
+                                             "pingtest, cable out")
+CABLE_CALLS = [(CABLE_OUT, "-test=detectcable"), (CABLE_PLUGGED, "-test=pingtest -index=2"),
+               (CABLE_STAYS_OUT, "-test=pingtest -index=1")]
+CABLE_SCRIPT = "prompt ok\n" * 2
+EXPECTED[CABLE_OUT] = ("Passed", 0, "Success")
+EXPECTED[CABLE_PLUGGED] = ("Passed", 0, "Success")
+EXPECTED[CABLE_STAYS_OUT] = ("Failed", 0x80160107, "Success")
+ROWS += [row for row, _ in CABLE_CALLS]
+# The flags detectcable leaves: one for the main boot's cabled NIC, none with the cables out.
+FLAGS = {"detectcable": 1, CABLE_OUT: 0}
+# A cable-out boot waits for six media checks and one DHCP exchange besides booting.
+CABLE_TIMEOUT = 150
+
+# iPXE drivers that mark the link up when they start and never look at it again, by the iPXE source
+# file that does so (virtio-net.c: "no way to test link state changes"; legacy.c, which serves
+# ne2k_pci: "legacy devices don't handle link state"; pcnet32.c and eepro100.c call netdev_link_up
+# once at probe). iPXE's SNP reports the link as MediaPresent, so with the cable out detectcable
+# writes their flags and pingtest's cable check passes: a missing cable would read as an address
+# failure after the test's 60-second wait. The matrix runs detectcable alone on them.
+_LINK_NEVER_READ = {"virtio-ipxe": "virtio-net.c", "ne2k_pci": "legacy.c", "pcnet": "pcnet32.c",
+                    **{m: "eepro100.c" for m in NIC_MODELS if NIC_MODELS[m].rom == "efi-eepro100.rom"}}
+# By the iPXE ROMs' year, as measured (./wirecheck matrix --ipxe YEAR).
+BLIND_TO_LINK = {"2019": _LINK_NEVER_READ}
+
+
+def blind_to_link(firmware, model):
+    """Why this model's driver cannot see a missing cable under this firmware's iPXE ROMs, or ""."""
+    source = BLIND_TO_LINK.get(firmware.ipxe_name, {}).get(model)
+    if not source:
+        return ""
+    return (f"{NIC_MODELS[model].driver} of {firmware.ipxe_name} marks the link up when it starts and never "
+            f"reads it again (iPXE's {source}): its simple network reports media present with the cable out, "
+            "and so does the shell's ifconfig -l")
+
+
 def _flags(files_dir):
     flags = os.path.join(files_dir, "flags")
     return len([n for n in os.listdir(flags) if n.lower().endswith(".flg")]) if os.path.isdir(flags) else 0
 
 
-def run_model(model, work, firmware=None):
-    """One boot: every call on one NIC of this model; a row per test. A boot that stops answering
-    keeps the cells of the calls it finished; the others say where it stopped."""
+def run_model(model, work, firmware=None, bursts=SPEED_CALLS):
+    """One boot: every call on one NIC of this model; a row per test (the bursts' row holds as many
+    as asked). A boot that stops answering keeps the cells of the calls it finished; the others say
+    where it stopped."""
     last = os.path.join(work, model)
-    repeats = 0 if (model, "SpeedTest") in EXPLAINED else SPEED_CALLS
+    repeats = 0 if (model, "SpeedTest") in EXPLAINED else bursts
     calls = [options for _, options, *_ in RUN_ORDER] + ["-test=SpeedTest"] * repeats
-    stopped = ""
-    try:
-        run = run_vm(VmConfig(calls=calls, nics=[Nic(model=model)], last_dir=last, timeout=MODEL_TIMEOUT,
-                              silence=MODEL_SILENCE, firmware=firmware))
-    except HarnessError as e:
-        print(f"wirecheck matrix: {model}: {e}", file=sys.stderr, flush=True)
-        if e.partial is None:
-            return {test: _no_answer(str(e)) for test in ROWS}
-        run, stopped = e.partial, str(e)
+    run, stopped = _boot(model, VmConfig(calls=calls, nics=[Nic(model=model)], last_dir=last, timeout=MODEL_TIMEOUT,
+                                         silence=MODEL_SILENCE, firmware=firmware))
+    if run is None:
+        return {test: _no_answer(stopped) for test, *_ in RUN_ORDER + [(SPEED_ROW,)]}
     blocks = call_blocks(run.log)
     cells = {}
     for index, (test, options, pattern, shape) in enumerate(RUN_ORDER):
-        if index >= len(run.results):
-            cells[test] = _no_answer(stopped)
-            continue
-        result = run.results[index]
         lines = blocks[index][1] if index < len(blocks) else []
-        figure = ""
-        if test == "detectcable":
-            figure = shape.format(_flags(last))
-        elif pattern:
-            for line in lines:
-                m = re.search(pattern, line)
-                if m:
-                    figure = shape.format(m.group(1))
-                    break
-        cells[test] = {"result": result[0], "error": result[1], "status": result[2], "figure": figure}
+        cells[test] = _cell(run, index, stopped, _flags(last) if test == "detectcable" else None, lines, pattern, shape)
     cells[SPEED_ROW] = _speed_cell(blocks[len(CALLS):], run.results[len(CALLS):], repeats, stopped)
     return cells
+
+
+def run_cable_model(model, work, firmware):
+    """The cable-out boot of this model: its three rows. On a driver that cannot see a missing cable
+    only detectcable runs (each pingtest would wait out the test's 60 s for an address)."""
+    last = os.path.join(work, model + "-cable-out")
+    blind = blind_to_link(firmware, model)
+    calls = CABLE_CALLS[:1] if blind else CABLE_CALLS
+    nics = [Nic(model=model, link=False), Nic(model=model, link=False, plug=25)]
+    run, stopped = _boot(model, VmConfig(calls=[options for _, options in calls], nics=nics, script=CABLE_SCRIPT,
+                                         last_dir=last, timeout=CABLE_TIMEOUT, silence=MODEL_SILENCE,
+                                         firmware=firmware))
+    cells = {}
+    for index, (test, _) in enumerate(CABLE_CALLS):
+        if index >= len(calls):
+            cells[test] = {"result": "", "error": 0, "status": "", "figure": "not run", "not_run": True}
+        elif run is None:
+            cells[test] = _no_answer(stopped)
+        else:
+            cells[test] = _cell(run, index, stopped, _flags(last) if test == CABLE_OUT else None)
+    return cells
+
+
+def _boot(model, cfg):
+    """The boot's run and, when it stopped answering, why: (run, "") or (what it finished, why) or
+    (None, why) when it never got going."""
+    try:
+        return run_vm(cfg), ""
+    except HarnessError as e:
+        print(f"wirecheck matrix: {model}: {e}", file=sys.stderr, flush=True)
+        return e.partial, str(e)
+
+
+def _cell(run, index, stopped, flags=None, lines=(), pattern=None, shape="{}"):
+    """Call number index of a boot as a cell: its result, and the figure its lines (or its flag
+    files) give."""
+    if index >= len(run.results):
+        return _no_answer(stopped)
+    result = run.results[index]
+    cell = {"result": result[0], "error": result[1], "status": result[2], "figure": ""}
+    if flags is not None:
+        cell["flags"] = flags
+        cell["figure"] = f"{flags} flag(s)"
+    elif pattern:
+        for line in lines:
+            m = re.search(pattern, line)
+            if m:
+                cell["figure"] = shape.format(m.group(1))
+                break
+    return cell
 
 
 def _no_answer(reason):
@@ -140,15 +214,31 @@ def _speed_cell(blocks, results, repeats, stopped):
     return cell
 
 
-def verdict(model, test, cell):
+def explanation(firmware, model, test, cell):
+    """Why this cell is the firmware's or the option ROM's doing, or "" when nothing explains it."""
     if cell.get("stopped"):
-        return "explained" if (model, test) in EXPLAINED_HANGS else "UNEXPECTED"
-    if test == SPEED_ROW:
+        return EXPLAINED_HANGS.get((model, test), "") if firmware.ipxe_name == "2019" else ""
+    if (firmware.name, model, test) in EXPLAINED:
+        return EXPLAINED[(firmware.name, model, test)]
+    if (model, test) in EXPLAINED:
+        return EXPLAINED[(model, test)]
+    blind = blind_to_link(firmware, model)
+    if blind and test == CABLE_OUT and cell.get("flags") == 2:
+        return blind + ": both unplugged NICs get a flag"
+    if blind and cell.get("not_run"):
+        return "not run: " + blind
+    return ""
+
+
+def verdict(firmware, model, test, cell):
+    if cell.get("stopped") or cell.get("not_run"):
+        pass
+    elif test == SPEED_ROW:
         if cell["calls"] == SPEED_CALLS and cell["figures"] == SPEED_CALLS:
             return "as defined"
-    elif (cell["result"], cell["error"], cell["status"]) == EXPECTED[test]:
+    elif (cell["result"], cell["error"], cell["status"]) == EXPECTED[test] and cell.get("flags") == FLAGS.get(test):
         return "as defined"
-    return "explained" if (model, test) in EXPLAINED else "UNEXPECTED"
+    return "explained" if explanation(firmware, model, test, cell) else "UNEXPECTED"
 
 
 def _jobs(argv):
@@ -172,7 +262,7 @@ def _jobs(argv):
 def main(argv):
     jobs, argv = _jobs(argv)
     try:
-        firmware, argv = take_firmware_options(argv)
+        firmwares, argv = take_firmware_options(argv, several=True)
     except HarnessError as e:
         print(f"wirecheck matrix: {e}", file=sys.stderr)
         return 2
@@ -180,57 +270,70 @@ def main(argv):
     if jobs is None or models is None:
         return 2
     start = time.time()
-    # Each model's boot leaves its files (serial log, logs, flags) in build/matrix/MODEL.
-    work = os.path.join(ROOT, "build", "matrix")
+    # Each boot leaves its files (serial log, logs, flags) in build/matrix/MODEL and
+    # build/matrix/MODEL-cable-out, under a folder per firmware when there are several.
+    several = len(firmwares) > 1
+    columns = [(fw, m, f"{fw.name} {m}" if several else m) for fw in firmwares for m in models]
+
+    def work(fw):
+        return os.path.join(ROOT, "build", "matrix", *([fw.name] if several else []))
     with ThreadPoolExecutor(max_workers=jobs) as pool:
-        futures = {m: pool.submit(run_model, m, work, firmware) for m in models}
-        table = {m: futures[m].result() for m in models}
-    rows = []
+        main_boots = {label: pool.submit(run_model, m, work(fw), fw) for fw, m, label in columns}
+        cable_boots = {label: pool.submit(run_cable_model, m, work(fw), fw) for fw, m, label in columns}
+        table = {label: {**main_boots[label].result(), **cable_boots[label].result()} for _, _, label in columns}
+    rows, explained = [], {}
     for test in ROWS:
         row = {"test": test, "cells": {}}
-        for m in models:
-            cell = dict(table[m][test])
-            cell["verdict"] = verdict(m, test, cell)
-            row["cells"][m] = cell
+        for fw, m, label in columns:
+            cell = dict(table[label][test])
+            cell["verdict"] = verdict(fw, m, test, cell)
+            if cell["verdict"] == "explained":
+                cell["explanation"] = explanation(fw, m, test, cell)
+                explained.setdefault(cell["explanation"], {}).setdefault(test, {}).setdefault(m, []).append(fw.name)
+            row["cells"][label] = cell
         rows.append(row)
     wall = time.time() - start
-    markdown = _markdown(rows, models)
+    labels = [label for *_, label in columns]
+    markdown = _markdown(rows, labels)
     print(markdown)
-    bad = [(m, r["test"]) for r in rows for m, c in r["cells"].items() if c["verdict"] == "UNEXPECTED"]
-    for (m, test), reason in EXPLAINED.items():
-        if m in models:
-            print(f"explained: {test} on {m}: {reason}")
-    for r in rows:
-        for m, c in r["cells"].items():
-            if c["verdict"] == "explained" and (m, r["test"]) in EXPLAINED_HANGS:
-                print(f"explained: {r['test']} on {m}: {EXPLAINED_HANGS[(m, r['test'])]}")
-    print(f"MATRIX models={len(models)} unexpected={len(bad)} wall={wall:.0f}s")
+    bad = [(label, r["test"]) for r in rows for label, c in r["cells"].items() if c["verdict"] == "UNEXPECTED"]
+    # Each explanation once, with the cells it covers: a test, its models, and on which firmware
+    # when not on every one the table shows.
+    for reason, tests in explained.items():
+        print(f"explained: {reason}")
+        for test, on in tests.items():
+            where = [m if len(names) == len(firmwares) else f"{m} ({', '.join(names)})" for m, names in on.items()]
+            print(f"    {test}: {', '.join(where)}")
+    print(f"MATRIX firmware={len(firmwares)} models={len(models)} unexpected={len(bad)} wall={wall:.0f}s")
     out = os.path.join(ROOT, "build")
     os.makedirs(out, exist_ok=True)
     with open(os.path.join(out, "matrix.md"), "w") as f:
         f.write(markdown + "\n")
     with open(os.path.join(out, "matrix.json"), "w") as f:
-        json.dump({"models": {m: NIC_MODELS[m].driver for m in models}, "rows": rows,
-                   "explained": {f"{m}/{t}": r for (m, t), r in {**EXPLAINED, **EXPLAINED_HANGS}.items()},
-                   "wall_seconds": round(wall)},
+        json.dump({"models": {m: NIC_MODELS[m].driver for m in models},
+                   "firmware": {fw.name: {"code": fw.code, "ipxe": fw.ipxe_name, "rng": fw.rng} for fw in firmwares},
+                   "columns": [{"firmware": fw.name, "model": m, "label": label} for fw, m, label in columns],
+                   "rows": rows, "explained": explained, "wall_seconds": round(wall)},
                   f, indent=1)
     return 1 if bad else 0
 
 
-def _markdown(rows, models):
+def _markdown(rows, labels):
     def outcome_text(c):
         text = f"{c['result']} 0x{c['error']:X}"
         return text + (f" ({c['status']})" if c["status"] != "Success" else "")
 
     def cell_text(c):
-        if "outcomes" in c:
+        if c.get("not_run"):
+            text = ""
+        elif "outcomes" in c:
             text = "; ".join(f"{o['count']}x {outcome_text(o)}" for o in c["outcomes"])
         else:
             text = outcome_text(c)
         if c["figure"]:
             text += f", {c['figure']}" if text else c["figure"]
         return text + {"as defined": "", "explained": " [firmware]", "UNEXPECTED": " [UNEXPECTED]"}[c["verdict"]]
-    lines = ["| test | " + " | ".join(models) + " |", "|---|" + "---|" * len(models)]
+    lines = ["| test | " + " | ".join(labels) + " |", "|---|" + "---|" * len(labels)]
     for r in rows:
-        lines.append(f"| {r['test']} | " + " | ".join(cell_text(r["cells"][m]) for m in models) + " |")
+        lines.append(f"| {r['test']} | " + " | ".join(cell_text(r["cells"][label]) for label in labels) + " |")
     return "\n".join(lines)
