@@ -175,6 +175,7 @@ bool InteractiveRun::ChooseNic() {
   if (status == EFI_NOT_FOUND || (!EFI_ERROR(status) && count == 0)) {
     PromptMessage(kPromptNoNic, kMessageFile);
     LogPrint(u"No NIC device is found!\r\n");
+    SayWhyNoNetworkStack();
     return End(Outcome::Failed(ERROR_CODE_NO_NIC));
   }
   if (EFI_ERROR(status)) {

@@ -460,15 +460,23 @@ TEST(PingTestOnFakes, AFirmwareNotFoundIsRetriedLikeAnyFailure) {
 // the log says what the module can see of why, the result staying "no NIC" (0x80160103).
 TEST(PingTestOnFakes, ANetworkStackThatDidNotStartIsNamed) {
   NicWorld w;
+  FakeMenus menus{w.fw, true, true};
   ASSERT_TRUE(w.Start());
+  // None of the network drivers started: no managed-network, IPv4 or DHCPv4 binding on the NIC.
   std::erase_if(w.fw.protocols, [&](const FakeFirmware::Installed& p) {
+    auto is = [&](const EFI_GUID& g) { return std::memcmp(&p.guid, &g, sizeof(EFI_GUID)) == 0; };
     return p.handle == w.nic.handle &&
-           std::memcmp(&p.guid, &EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID, sizeof(EFI_GUID)) == 0;
+           (is(EFI_MANAGED_NETWORK_SERVICE_BINDING_PROTOCOL_GUID) ||
+            is(EFI_IP4_SERVICE_BINDING_PROTOCOL_GUID) || is(EFI_DHCP4_SERVICE_BINDING_PROTOCOL_GUID));
   });
   auto o = w.Execute(u"-test=pingtest");
   EXPECT_EQ(o.error, ERROR_CODE_NO_NIC);
   EXPECT_NE(w.Said().find("it has no random-number generator (EFI_RNG_PROTOCOL)"), std::string::npos)
       << w.Said();
+  // The interactive test's inventory finds no NIC either, and its log says the same.
+  o = w.Execute(u"-test=interactivenetworktest");
+  EXPECT_EQ(o.error, ERROR_CODE_NO_NIC);
+  EXPECT_EQ(Count(w.Said(), "it has no random-number generator (EFI_RNG_PROTOCOL)"), 2u) << w.Said();
 
   int rng = 0;
   w.fw.AddProtocol(reinterpret_cast<EFI_HANDLE>(0x5000), EFI_RNG_PROTOCOL_GUID, &rng);
