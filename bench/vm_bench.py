@@ -4,7 +4,8 @@
 - vm_scripted_run: one boot of OVMF, a manager call and power-off.
 - pingtest against the shell: in one boot with two NICs that have no address yet (each on its own
   user network), the wall time of the shell's "ifconfig -s eth0 dhcp" plus "ping -n 1" to the
-  DHCP server (until the first reply) on NIC 1, of pingtest on NIC 2, and their ratio.
+  DHCP server (until the first reply) on NIC 1, of pingtest on NIC 2, and their ratio; on each
+  firmware generation (names suffixed with the generation, except the default one's).
 - interactivenetworktest's gateway path against the shell: in one boot with a static configuration
   whose gateway answers, the wall time of the shell's "ping -n 3" to the gateway, of the test (menu-
   less, one NIC: cable check, gateway ping, three pings), and their ratio.
@@ -27,6 +28,7 @@ import sys
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(ROOT, "vm"))
 import wcvm  # noqa: E402
+import wcvm.firmware  # noqa: E402
 
 
 def first(times, predicate, after=0.0):
@@ -39,23 +41,32 @@ def first(times, predicate, after=0.0):
 run = wcvm.run_vm(wcvm.VmConfig(calls=["-version"]))
 print(f"BENCH vm_scripted_run {run.elapsed:.1f} s")
 
-shell = ["echo BENCH-SHELL-START", "ifconfig -s eth0 dhcp",
-         "for %i run (1 40)", "  ping -n 1 10.0.2.2", "  stall 250000", "endfor", "echo BENCH-SHELL-END"]
-static = wcvm.Nic.parse("virtio:policy=static")
-run = wcvm.run_vm(wcvm.VmConfig(calls=["-test=pingtest -index=2"], nics=[static, static], shell_before=shell,
-                                timeout=400))
-times = run.line_times
-call = first(times, lambda l: l.startswith("CALL options='-test=pingtest"))
-result = first(times, lambda l: l.startswith("RESULT "), call)
-if "RESULT result=Passed" not in run.output:
-    raise SystemExit("vm_bench: pingtest did not pass")
-shell_start = first(times, lambda l: l == "BENCH-SHELL-START")
-reply = first(times, lambda l: "bytes from 10.0.2.2" in l, shell_start)
-module = result - call
-firmware = reply - shell_start
-print(f"BENCH pingtest_wall {module:.2f} s")
-print(f"BENCH shell_dhcp_ping_wall {firmware:.2f} s")
-print(f"BENCH pingtest_to_shell_ratio {module / firmware:.2f} x")
+
+
+def pingtest_against_the_shell(firmware, suffix):
+    shell = ["echo BENCH-SHELL-START", "ifconfig -s eth0 dhcp",
+             "for %i run (1 40)", "  ping -n 1 10.0.2.2", "  stall 250000", "endfor", "echo BENCH-SHELL-END"]
+    static = wcvm.Nic.parse("virtio:policy=static")
+    run = wcvm.run_vm(wcvm.VmConfig(calls=["-test=pingtest -index=2"], nics=[static, static], shell_before=shell,
+                                    timeout=400, firmware=firmware))
+    times = run.line_times
+    call = first(times, lambda l: l.startswith("CALL options='-test=pingtest"))
+    result = first(times, lambda l: l.startswith("RESULT "), call)
+    if "RESULT result=Passed" not in run.output:
+        raise SystemExit(f"vm_bench: pingtest did not pass{suffix}")
+    shell_start = first(times, lambda l: l == "BENCH-SHELL-START")
+    reply = first(times, lambda l: "bytes from 10.0.2.2" in l, shell_start)
+    module = result - call
+    shell_wall = reply - shell_start
+    print(f"BENCH pingtest_wall{suffix} {module:.2f} s")
+    print(f"BENCH shell_dhcp_ping_wall{suffix} {shell_wall:.2f} s")
+    print(f"BENCH pingtest_to_shell_ratio{suffix} {module / shell_wall:.2f} x")
+
+
+# On every firmware generation: the default one's names carry no suffix.
+for name in wcvm.firmware.GENERATIONS:
+    pingtest_against_the_shell(wcvm.firmware.resolve(name),
+                               "" if name == wcvm.firmware.DEFAULT_GENERATION else f"_{name}")
 
 shell = ["echo BENCH-PING3-START", "ping -n 3 10.0.2.2", "echo BENCH-PING3-END"]
 run = wcvm.run_vm(wcvm.VmConfig(calls=["-test=interactivenetworktest"],

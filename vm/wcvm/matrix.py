@@ -55,11 +55,13 @@ PCNET = ("iPXE's pcnet ROM puts 15 frames on the wire and then sends nothing mor
          "module lets it drain; a capture of the NIC shows the 15 frames")
 
 VIRTIO_IPXE_HANG = (
-    "iPXE's virtio ROM (Debian's build of January 2019) stops for good in about one boot in three with "
-    "20 bursts: the processor loops in the ROM's own memory allocator, whose list of free blocks has "
+    "iPXE's virtio ROM stops for good in about one boot in three with 20 bursts (Debian's build of "
+    "January 2019: the processor loops in the ROM's own memory allocator, whose list of free blocks has "
     "become a circle; the stack shows MnpDxe calling into the ROM, while the module only calls the "
-    "managed network's Transmit (no frame is refused on this NIC). Later iPXE guards its SNP calls "
-    "against being entered again from the firmware's timers")
+    "managed network's Transmit, and no frame is refused on this NIC). Debian's build of May 2025 "
+    "stops in the bursts too")
+# The iPXE builds the hang is measured on.
+HANG_ROMS = ("2019", "2025")
 
 # Cells where the firmware or the NIC's option ROM is at fault, with the evidence.
 EXPLAINED = {
@@ -100,7 +102,7 @@ CABLE_TIMEOUT = 150
 _LINK_NEVER_READ = {"virtio-ipxe": "virtio-net.c", "ne2k_pci": "legacy.c", "pcnet": "pcnet32.c",
                     **{m: "eepro100.c" for m in NIC_MODELS if NIC_MODELS[m].rom == "efi-eepro100.rom"}}
 # By the iPXE ROMs' year, as measured (./wirecheck matrix --ipxe YEAR).
-BLIND_TO_LINK = {"2019": _LINK_NEVER_READ}
+BLIND_TO_LINK = {"2019": _LINK_NEVER_READ, "2025": _LINK_NEVER_READ}
 
 
 def blind_to_link(firmware, model):
@@ -217,7 +219,7 @@ def _speed_cell(blocks, results, repeats, stopped):
 def explanation(firmware, model, test, cell):
     """Why this cell is the firmware's or the option ROM's doing, or "" when nothing explains it."""
     if cell.get("stopped"):
-        return EXPLAINED_HANGS.get((model, test), "") if firmware.ipxe_name == "2019" else ""
+        return EXPLAINED_HANGS.get((model, test), "") if firmware.ipxe_name in HANG_ROMS else ""
     if (firmware.name, model, test) in EXPLAINED:
         return EXPLAINED[(firmware.name, model, test)]
     if (model, test) in EXPLAINED:
