@@ -66,6 +66,13 @@ class ArgumentsTest(unittest.TestCase):
         for model in NIC_MODELS:
             self.assertIn(model, usage)
 
+    def test_an_unknown_command_is_named_not_answered_with_the_usage(self):
+        from vmtest import ROOT
+        done = subprocess.run([os.path.join(ROOT, "wirecheck"), "frobnicate"], capture_output=True, text=True)
+        self.assertEqual(done.returncode, 2)
+        self.assertEqual(done.stderr.splitlines(), ["wirecheck: unknown command 'frobnicate' (./wirecheck help lists "
+                                                    "the commands)"])
+
 
 class MachineReadableResults(unittest.TestCase):
     """run --json and --junit: one case per call, the failure with its log lines, read back with
