@@ -49,8 +49,9 @@ CASES = {
 LIMIT_NO_ADDRESS, LIMIT = 100, 40
 
 
-def run_fault(fault, work, dump="", firmware=None):
-    calls = list(CASES[fault])
+def run_fault(fault, work, dump="", firmware=None, calls=None):
+    """One boot against this fault: its calls (all of them, or those given), a row each."""
+    calls = calls or list(CASES[fault])
     # The interactive test asks the operator at its failure prompts; "ok" lets it end.
     script = "prompt ok\n" * 4
     run = run_vm(VmConfig(calls=calls, nics=[Nic(model="e1000", peer=fault, dump=dump)], script=script,
