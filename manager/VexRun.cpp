@@ -8,10 +8,13 @@
 //   RESULT result=<Name> error=0x<HEX> status=<status> meaning="<what the error code means>"
 //   UNLOAD status=<status> protocols=<removed|still-installed>
 //
-// Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-old] [-v] [-r] [-hdb] [-lang LANG] [-msg ID]
-// [-ui both|console|none] ["OPTION STRING" ...] -r loads and unloads the module around every call, so each
-// call starts from a fresh image. -lang LANG shows the texts of prompts (and of -msg ID) in that language of
-// the message file. -hdb compares the handle database before and after every execute call and prints a line
+// Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-u URL] [-old] [-v] [-r] [-hdb] [-lang LANG] [-msg
+// ID]
+// [-ui both|console|none] ["OPTION STRING" ...] -u URL sends the results files with HTTP PUT to
+// URL/<machine>/<run>/ after every call (a boot image takes the URL from upload.txt). -r loads and unloads
+// the module around every call, so each call starts from a fresh image. -lang LANG shows the texts of prompts
+// (and of -msg ID) in that language of the message file. -hdb compares the handle database before and after
+// every execute call and prints a line
 //   HANDLES unchanged|CHANGED handles=<before>/<after> protocols=<b>/<a> opens=<b>/<a>
 //   (opens: those whose agent is the module)
 // -ui chooses the menu protocols installed for the module (graphics and console library by default).
@@ -25,12 +28,15 @@
 #include "base/String.h"
 #include "manager/Report.h"
 #include "manager/Script.h"
+#include "manager/Upload.h"
 #include "support/Clock.h"
 #include "support/DebugLog.h"
 #include "support/FileIo.h"
+#include "support/Platform.h"
 #include "report/Messages.h"
 #include "report/Results.h"
 #include "uefi/Uefi.h"
+#include "uefi/protocol/SimpleNetwork.h"
 
 namespace {
 
@@ -42,6 +48,7 @@ struct Settings {
   const CHAR16* module = u"Wirecheck.efi";
   const CHAR16* callsFile = nullptr;
   const CHAR16* scriptFile = nullptr;
+  const CHAR16* uploadUrl = nullptr; // -u URL, or upload.txt beside a boot image's manager
   bool oldLayout = false;
   bool verbose = false;
   bool reload = false; // load and unload the module around every call
@@ -59,6 +66,13 @@ struct Settings {
   bool bootMode = false;
 };
 
+// Where the results go after every call when an upload URL is set, and how the last round went.
+struct UploadState {
+  CHAR16 folder[kUrlChars] = {}; // URL/<machine>/<run>/; empty when nothing is uploaded
+  EFI_HANDLE service = nullptr;  // the HTTP service binding that reached the server last
+  bool failed = false;           // the last round did not send every file
+};
+
 // Manager state reachable from the protocol operations.
 struct State {
   EFI_FILE_PROTOCOL* root = nullptr;
@@ -74,6 +88,7 @@ struct State {
   bool verbose = false;
   bool checkHandles = false; // compare the handle database before and after each execute call
   const CHAR8* language = "eng";
+  UploadState upload;
 };
 constinit State* gState = nullptr;
 
@@ -396,6 +411,8 @@ bool ParseArguments(EFI_HANDLE image, Settings& s) {
       s.callsFile = params->Argv[++i];
     } else if (StriEq(arg, u"-s") && hasNext) {
       s.scriptFile = params->Argv[++i];
+    } else if (StriEq(arg, u"-u") && hasNext) {
+      s.uploadUrl = params->Argv[++i];
     } else if (StriEq(arg, u"-old")) {
       s.oldLayout = true;
     } else if (StriEq(arg, u"-v")) {
@@ -494,6 +511,179 @@ UINT64 MillisecondsSince(UINT64 start) {
   return perMillisecond == 0 ? 0 : (ReadTimeStampCounter() - start) / perMillisecond;
 }
 
+// ---- Results that leave the machine ----
+
+// Who this machine is, for the results and the upload folder: the SMBIOS system UUID and serial
+// number and the first NIC's permanent MAC address (each "unknown" where the firmware has none).
+struct MachineIdentity {
+  CHAR16 uuid[kMachineChars] = u"unknown";
+  CHAR16 serial[64] = u"unknown";
+  CHAR16 mac[24] = u"unknown";
+  bool hasUuid = false;
+};
+
+void ReadMachineIdentity(MachineIdentity& id) {
+  const SMBIOS_STRUCTURE** systems = nullptr;
+  UINT16 count = 0;
+  if (!EFI_ERROR(SmbiosGetStructures(1, &systems, &count))) {
+    const SMBIOS_STRUCTURE* system = systems[0];
+    const auto* bytes = reinterpret_cast<const UINT8*>(system);
+    if (system->Length >= 0x19) {
+      UINT8 uuid[16];
+      CopyMem(uuid, bytes + 8, sizeof(uuid));
+      id.hasUuid = FormatSystemUuid(uuid, id.uuid, sizeof(id.uuid));
+    }
+    if (system->Length > 7)
+      if (const CHAR8* serial = SmbiosGetString(system, bytes[7]); serial != nullptr && serial[0] != 0)
+        AsciiToUnicode(id.serial, sizeof(id.serial), serial);
+    FreePool(systems);
+  }
+  wc::HandleBuffer nics;
+  for (UINTN i = 0; !EFI_ERROR(nics.Locate(EFI_SIMPLE_NETWORK_PROTOCOL_GUID)) && i < nics.Count(); ++i) {
+    EFI_SIMPLE_NETWORK_PROTOCOL* snp = nullptr;
+    if (EFI_ERROR(gBS->HandleProtocol(nics[i], &EFI_SIMPLE_NETWORK_PROTOCOL_GUID,
+                                      reinterpret_cast<void**>(&snp))) ||
+        snp->Mode == nullptr)
+      continue;
+    const UINT8* a = snp->Mode->PermanentAddress.Addr;
+    SPrint(id.mac, sizeof(id.mac), u"%02x:%02x:%02x:%02x:%02x:%02x", a[0], a[1], a[2], a[3], a[4], a[5]);
+    for (CHAR16* c = id.mac; *c != 0; ++c)
+      if (*c >= u'A' && *c <= u'F')
+        *c = CHAR16(*c - u'A' + u'a');
+    break;
+  }
+}
+
+// The run's folder under the upload URL, named by the machine and the time the run started.
+void PlanUpload(const CHAR16* url, const MachineIdentity& id) {
+  CHAR16 machine[kMachineChars];
+  if (id.hasUuid) {
+    StrCopy(machine, sizeof(machine), id.uuid);
+  } else { // no UUID in the tables: the MAC address names the machine
+    SPrint(machine, sizeof(machine), u"mac-%s", id.mac);
+    for (CHAR16* c = machine; *c != 0; ++c)
+      if (*c == u':')
+        *c = u'-';
+  }
+  EFI_TIME now = {};
+  gRT->GetTime(&now, nullptr);
+  auto tag = UINT16(ReadTimeStampCounter() % 100000);
+  if (!UploadFolder(url, machine, now, tag, gState->upload.folder, sizeof(gState->upload.folder))) {
+    gState->upload.folder[0] = 0;
+    Say(u"UPLOAD state=off: the URL %s is too long\r\n", url);
+    return;
+  }
+  Say(u"UPLOAD to=%s\r\n", gState->upload.folder);
+}
+
+struct UploadFile {
+  const CHAR16* name;
+  const CHAR8* type;
+};
+constexpr UploadFile kUploadFiles[] = {
+    {u"results.txt", "text/plain; charset=utf-8"}, {u"results.xml", "application/xml"},
+    {u"results.json", "application/json"},         {u"VexRun.log", "text/plain; charset=utf-8"},
+    {u"Debug.log", "text/plain; charset=utf-16"}, // the module writes its log in UCS-2
+};
+constexpr UINTN kUploadAttempts = 3;
+constexpr UINT32 kUploadWaitMs = 10000;
+constexpr UINT64 kUploadRoundMs =
+    90000; // past this a round tries no more: a silent server never holds the machine
+
+// One PUT of a file, on the service that answered last or, until one has, on each in turn.
+PutOutcome PutOnAnyService(const wc::HandleBuffer& services, const CHAR16* url, const UploadFile& file,
+                           const void* body, UINTN size) {
+  PutOutcome outcome;
+  UploadState& u = gState->upload;
+  for (UINTN i = 0; i < services.Count(); ++i) {
+    EFI_HANDLE service = u.service != nullptr ? u.service : services[i];
+    outcome = HttpPut(service, url, file.type, body, size, kUploadWaitMs);
+    if (outcome.Answered) {
+      u.service = service;
+      return outcome;
+    }
+    if (u.service != nullptr)
+      break;
+  }
+  return outcome;
+}
+
+// After every call (and once more at the end): every results file to the run's folder. A file is
+// tried kUploadAttempts times; the round stops at the first file that does not get through, says
+// why on the screen and in results.txt, and leaves everything on the machine's disk as it is.
+void UploadResults() {
+  UploadState& u = gState->upload;
+  if (u.folder[0] == 0)
+    return;
+  EFI_FILE_PROTOCOL* open[] = {gState->log, gState->out, gState->results};
+  for (EFI_FILE_PROTOCOL* file : open)
+    if (file != nullptr)
+      file->Flush(file);
+  wc::HandleBuffer services;
+  EFI_STATUS status = services.Locate(EFI_HTTP_SERVICE_BINDING_PROTOCOL_GUID);
+  UINT64 start = ReadTimeStampCounter();
+  PutOutcome outcome;
+  const UploadFile* stopped = nullptr;
+  UINTN sent = 0;
+  if (EFI_ERROR(status)) {
+    outcome.Status = status;
+    stopped = &kUploadFiles[0];
+  }
+  for (const UploadFile& file : kUploadFiles) {
+    if (stopped != nullptr)
+      break;
+    CHAR16 path[kPathChars];
+    StrCopy(path, sizeof(path), file.name);
+    FileIoResolveModulePath(path, sizeof(path));
+    wc::PoolPtr<UINT8> data;
+    UINTN size = 0;
+    if (EFI_ERROR(FileIoReadFile(path, reinterpret_cast<void**>(data.Receive()), &size)))
+      continue; // not written (yet): the module's log before its first line, say
+    CHAR16 url[kUrlChars];
+    SPrint(url, sizeof(url), u"%s%s", u.folder, file.name);
+    for (UINTN attempt = 1; attempt <= kUploadAttempts; ++attempt) {
+      outcome = PutOnAnyService(services, url, file, data.Get(), size);
+      if (!EFI_ERROR(outcome.Status) || MillisecondsSince(start) > kUploadRoundMs)
+        break;
+      if (attempt < kUploadAttempts)
+        gBS->Stall(UINTN(attempt) * 1000000);
+    }
+    if (EFI_ERROR(outcome.Status))
+      stopped = &file;
+    else
+      ++sent;
+  }
+  if (stopped == nullptr) {
+    if (u.failed)
+      Say(u"UPLOAD state=ok files=%d (the server takes the results again)\r\n", sent);
+    u.failed = false;
+    return;
+  }
+  CHAR16 answer[48];
+  if (!outcome.Answered)
+    StrCopy(answer, sizeof(answer), u"none");
+  else if (outcome.HttpCode != 0)
+    SPrint(answer, sizeof(answer), u"%d", outcome.HttpCode);
+  else
+    StrCopy(answer, sizeof(answer), u"not-2xx"); // a code the firmware's HTTP client does not name (507, say)
+  CHAR16 named[40];                              // the firmware's own status, by name
+  if (outcome.Status == EFI_HTTP_ERROR)
+    StrCopy(named, sizeof(named), u"HTTP error");
+  else
+    SPrint(named, sizeof(named), u"%r", outcome.Status);
+  CHAR16 line[kLineChars];
+  SPrint(line, sizeof(line),
+         u"UPLOAD state=failed file=%s status=%s answer=%s to=%s; the results stay on this machine's disk in "
+         u"%s\\\r\n",
+         stopped->name, named, answer, u.folder, gState->dir);
+  Show(line, EFI_LIGHTRED);
+  if (gState->results != nullptr) {
+    WriteText(gState->results, line);
+    gState->results->Flush(gState->results);
+  }
+  u.failed = true;
+}
+
 void RunOneCall(const ModuleApi& api, EFI_HANDLE module, CHAR16* options) {
   Say(u"CALL options='%s'\r\n", options);
   UINT64 start = ReadTimeStampCounter();
@@ -539,6 +729,7 @@ void RunOneCall(const ModuleApi& api, EFI_HANDLE module, CHAR16* options) {
   for (EFI_FILE_PROTOCOL* file : files)
     if (file != nullptr)
       file->Flush(file);
+  UploadResults();
 }
 
 // Without the shell nothing has connected the drivers to the devices yet (the network stack
@@ -553,12 +744,15 @@ void ConnectAllControllers() {
 }
 
 // The end of a boot-mode run: the results stay on the screen until a key or a minute has passed.
-void PowerOff() {
+// A machine whose results reached the fleet's server waits ten seconds: nobody needs to stand at it.
+void PowerOff(bool uploaded) {
   constexpr UINT64 kMinute = 600000000; // 100 ns units
-  Say(u"VEXRUN DONE results in results.txt; press a key to power off (or wait a minute)\r\n");
+  UINT64 wait = uploaded ? kMinute / 6 : kMinute;
+  Say(u"VEXRUN DONE results in results.txt%s; press a key to power off (or wait %s)\r\n",
+      uploaded ? u" and on the server" : u"", uploaded ? u"ten seconds" : u"a minute");
   EFI_EVENT timer = nullptr;
   if (!EFI_ERROR(gBS->CreateEvent(EVT_TIMER, TPL_CALLBACK, nullptr, nullptr, &timer)) &&
-      !EFI_ERROR(gBS->SetTimer(timer, TimerRelative, kMinute))) {
+      !EFI_ERROR(gBS->SetTimer(timer, TimerRelative, wait))) {
     EFI_EVENT events[2] = {gST->ConIn != nullptr ? gST->ConIn->WaitForKey : timer, timer};
     UINTN index = 0;
     gBS->WaitForEvent(2, events, &index);
@@ -642,7 +836,7 @@ EFI_STATUS RunSession(EFI_HANDLE image, EFI_DEVICE_PATH_PROTOCOL* modulePath, co
 
 EFI_STATUS Run(EFI_HANDLE image, Settings& settings) {
   if (!ParseArguments(image, settings)) {
-    Say(u"Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-old] [-v] [-r] [-hdb] [-ui "
+    Say(u"Usage: VexRun.efi [-m MODULE] [-c CALLS] [-s SCRIPT] [-u URL] [-old] [-v] [-r] [-hdb] [-ui "
         u"both|console|none] "
         u"[\"OPTION STRING\" "
         u"...]\r\n");
@@ -680,6 +874,25 @@ EFI_STATUS Run(EFI_HANDLE image, Settings& settings) {
       settings.scriptFile = u"script.txt";
     gState->results = CreateFresh(u"results.txt");
     gState->reports = true;
+  }
+  wc::PoolPtr<CHAR16> uploadText;
+  if (settings.bootMode && !EFI_ERROR(ReadWholeFile(u"upload.txt", uploadText))) {
+    CHAR16* cursor = uploadText.Get();
+    while (CHAR16* line = NextLine(&cursor))
+      if (line[0] != 0 && line[0] != u'#' && settings.uploadUrl == nullptr)
+        settings.uploadUrl = line;
+  }
+  if (settings.bootMode || settings.uploadUrl != nullptr) {
+    EfiSmbiosLibInitialize(image, gST);
+    MachineIdentity id;
+    ReadMachineIdentity(id);
+    CHAR16 line[kLineChars];
+    SPrint(line, sizeof(line), u"MACHINE uuid=%s serial=%s mac=%s\r\n", id.uuid, id.serial, id.mac);
+    Show(line);
+    if (gState->results != nullptr)
+      WriteText(gState->results, line);
+    if (settings.uploadUrl != nullptr)
+      PlanUpload(settings.uploadUrl, id);
   }
 
   wc::PoolPtr<CHAR16> callsText;
@@ -770,6 +983,7 @@ extern "C" EFI_STATUS EFIAPI VexRunMain(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE
   Settings settings;
   EFI_STATUS status = Run(ImageHandle, settings);
   Say(u"VEXRUN END status=%r\r\n", status);
+  UploadResults(); // the whole log, and a module the firmware refused
   EFI_FILE_PROTOCOL* files[] = {state.log, state.out, state.results};
   for (EFI_FILE_PROTOCOL* file : files)
     if (file != nullptr)
@@ -782,6 +996,6 @@ extern "C" EFI_STATUS EFIAPI VexRunMain(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE
     state.root->Close(state.root);
   gState = nullptr;
   if (settings.bootMode)
-    PowerOff();
+    PowerOff(state.upload.folder[0] != 0 && !state.upload.failed);
   return status;
 }

@@ -16,10 +16,11 @@ from .live import LivePrinter, run_vm
 from .report import write_json, write_junit
 
 def image_main(argv):
-    """./wirecheck image FILE [--script FILE] [--file LOCAL=PATH] [--sign KEY --cert CERT] OPTIONS...
+    """./wirecheck image FILE [--script FILE] [--file LOCAL=PATH] [--sign KEY --cert CERT] [--upload URL] OPTIONS...
     (or -- "OPTIONS" ...)."""
     if not argv or argv[0].startswith("-"):
-        print("usage: ./wirecheck image FILE [--script FILE] [--file LOCAL=PATH] [--sign KEY --cert CERT] OPTIONS... "
+        print("usage: ./wirecheck image FILE [--script FILE] [--file LOCAL=PATH] [--sign KEY --cert CERT] "
+              "[--upload URL] OPTIONS... "
               "| -- \"OPTIONS 1\" \"OPTIONS 2\" ...", file=sys.stderr)
         return 2
     path = argv[0]
@@ -30,7 +31,7 @@ def image_main(argv):
         for word in vm_args:
             if word.startswith("--") and word.split("=")[0] not in known:
                 raise ValueError(f"{word} does not apply to a boot image "
-                                 f"(only --script, --file, --call, --sign and --cert do)")
+                                 f"(only --script, --file, --call, --sign, --cert and --upload do)")
         args = parser.parse_args(vm_args)
         calls = [check_paths(c) for c in args.call + calls]
         if not calls:
@@ -42,10 +43,17 @@ def image_main(argv):
                 script = f.read()
         if bool(args.sign) != bool(args.cert):
             raise ValueError("--sign KEY and --cert CERT go together")
-        build_image(path, calls, script, files, sign=(args.sign, args.cert) if args.sign else None)
+        check_upload_url(args.upload)
+        build_image(path, calls, script, files, sign=(args.sign, args.cert) if args.sign else None,
+                    upload=args.upload)
     except (ValueError, OSError, HarnessError) as e:
         print(f"wirecheck image: {e}", file=sys.stderr)
         return 2
+    if args.upload:
+        print(f"wrote {path} ({os.path.getsize(path) // 1024} KiB): {len(calls)} call(s), results sent to "
+              f"{args.upload.rstrip('/')}/<machine UUID>/<run>/ after every call; serve it for HTTP boot, or copy it "
+              f"to a USB stick")
+        return 0
     print(f"wrote {path}: {len(calls)} call(s); copy it to a USB stick with "
           f"'sudo dd if={path} of=/dev/sdX bs=4M conv=fsync' and boot the machine from the stick")
     return 0
@@ -130,7 +138,20 @@ def image_parser():
     parser.add_argument("--call", action="append", default=[])
     parser.add_argument("--sign", metavar="KEY")  # sbsign's private key, unencrypted PEM
     parser.add_argument("--cert", metavar="CERT")  # its certificate, PEM
+    parser.add_argument("--upload", metavar="URL")  # where the results go with HTTP PUT
     return parser
+
+
+def check_upload_url(url):
+    """The manager sends with the firmware's HTTP client: http:// or https://, a host, ASCII."""
+    if url is None:
+        return
+    if not re.match(r"^https?://[!-~]+$", url) or not re.match(r"^https?://[^/]+", url):
+        raise ValueError(f"--upload {url}: give an http:// or https:// URL with a host, without spaces "
+                         f"(for example http://10.0.0.1/results)")
+    if len(url) > 300:
+        raise ValueError(f"--upload: the URL is {len(url)} characters; at most 300 leave room for the machine's "
+                         f"folder and the file names")
 
 
 def option_names(parser, with_value=None):

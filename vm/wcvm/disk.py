@@ -88,7 +88,20 @@ def _copy_files(fat, files):
 IMAGE_OFFSET = 1024 * 1024  # the FAT partition of a boot image starts 1 MiB in
 
 
-IMAGE_SIZE = 64 * 1024 * 1024
+# The FAT partition of a boot image holds its files and this much room for what a run writes
+# (results, logs, flags, catalogs: a few kilobytes a call), so that a fleet booting it from the
+# network moves little more than the files themselves.
+IMAGE_ROOM = 2 * 1024 * 1024
+IMAGE_SIZE = 4 * 1024 * 1024  # the size of an image with the usual files
+
+
+def _partition_bytes(paths):
+    """The size of the FAT partition for these files: at least IMAGE_SIZE less the offset, more
+    when the files need it, in whole MiB."""
+    mib = 1024 * 1024
+    clusters = sum((os.path.getsize(p) + 4095) // 4096 * 4096 for p in paths)
+    need = clusters + IMAGE_ROOM + 64 * 1024  # the FAT, the root directory and the folders
+    return max(IMAGE_SIZE - IMAGE_OFFSET, (need + mib - 1) // mib * mib)
 
 
 def fat_partition(disk):
@@ -121,19 +134,14 @@ def sign_binaries(paths, key, cert):
                                    f"{said[-1] if said else f'exit status {done.returncode}'}")
 
 
-def build_image(path, calls, script="", files=(), sign=None):
-    """A disk image for a USB stick: an MBR with one EFI system partition (FAT), the manager as
-    \\EFI\\BOOT\\BOOTX64.EFI with the module, its messages and the calls beside it. sign: (key,
-    certificate) to sign both binaries with, for machines with Secure Boot on."""
+def build_image(path, calls, script="", files=(), sign=None, upload=None):
+    """A disk image for a USB stick or a network boot: an MBR with one EFI system partition (FAT),
+    the manager as \\EFI\\BOOT\\BOOTX64.EFI with the module, its messages and the calls beside
+    it. sign: (key, certificate) to sign both binaries with, for machines with Secure Boot on.
+    upload: the URL the manager sends the results to after every call (upload.txt)."""
     check_tools()
     work = tempfile.mkdtemp(prefix="wirecheck-image-")
     try:
-        part = os.path.join(work, "part.img")
-        with open(part, "wb") as f:
-            f.truncate(IMAGE_SIZE - IMAGE_OFFSET)
-        subprocess.run(["mformat", "-i", part, "-v", "WIRECHECK", "::"], check=True, capture_output=True)
-        for d in ("::/EFI", "::/EFI/BOOT"):
-            subprocess.run(["mmd", "-i", part, d], check=True, capture_output=True)
         content = os.path.join(work, "content")
         os.makedirs(content)
         shutil.copy(os.path.join(EFI_DIR, "VexRun.efi"), os.path.join(content, "BOOTX64.EFI"))
@@ -146,11 +154,22 @@ def build_image(path, calls, script="", files=(), sign=None):
         if script:
             with open(os.path.join(content, "script.txt"), "w", newline="") as f:
                 f.write(script)
-        subprocess.run(["mcopy", "-i", part] + [os.path.join(content, n) for n in sorted(os.listdir(content))]
+        if upload:
+            with open(os.path.join(content, "upload.txt"), "w", newline="") as f:
+                f.write(upload + "\r\n")
+        names = sorted(os.listdir(content))
+        part_bytes = _partition_bytes([os.path.join(content, n) for n in names] + [local for local, _ in files])
+        part = os.path.join(work, "part.img")
+        with open(part, "wb") as f:
+            f.truncate(part_bytes)
+        subprocess.run(["mformat", "-i", part, "-v", "WIRECHECK", "::"], check=True, capture_output=True)
+        for d in ("::/EFI", "::/EFI/BOOT"):
+            subprocess.run(["mmd", "-i", part, d], check=True, capture_output=True)
+        subprocess.run(["mcopy", "-i", part] + [os.path.join(content, n) for n in names]
                        + ["::/EFI/BOOT/"], check=True, capture_output=True)
         _copy_files(part, files)
         # The MBR: one partition of type 0xEF (EFI system) from 1 MiB to the end.
-        sectors = (IMAGE_SIZE - IMAGE_OFFSET) // 512
+        sectors = part_bytes // 512
         entry = bytes([0x00, 0xFE, 0xFF, 0xFF, 0xEF, 0xFE, 0xFF, 0xFF]) + \
             (IMAGE_OFFSET // 512).to_bytes(4, "little") + sectors.to_bytes(4, "little")
         mbr = bytearray(512)

@@ -1,0 +1,38 @@
+// Sending the results files to a fleet's web server with HTTP PUT, through the firmware's own HTTP
+// client, and the names they are sent under: URL/<machine>/<run>/<file>, where the machine is the
+// SMBIOS system UUID and the run the time the manager started.
+#pragma once
+#include "uefi/protocol/Http.h"
+
+constexpr UINTN kUrlChars = 400;
+constexpr UINTN kMachineChars = 40;
+
+// The SMBIOS system UUID (type 1, offset 8) in registry form, lower case. SMBIOS stores its first
+// three fields little-endian. False for a UUID the table marks as unset (all zeros: not present;
+// all ones: not settable), so that no two machines share a made-up name.
+bool FormatSystemUuid(const UINT8 (&Uuid)[16], CHAR16* Out, UINTN OutSize);
+
+// The HTTP status number of the firmware's status position; 0 for a code the firmware does not name.
+UINTN HttpStatusNumber(EFI_HTTP_STATUS_CODE Code);
+
+// "host[:port]" of an http:// or https:// URL, for the Host header; false for any other form or
+// a host that does not fit.
+bool UrlAuthority(const CHAR16* Url, CHAR8* Host, UINTN HostSize);
+
+// The run's folder under the upload URL: URL/<machine>/<yyyymmdd-hhmmss>-<tag>/ (the tag, five digits, keeps
+// two runs started in the same second apart). False when it does not fit.
+bool UploadFolder(const CHAR16* BaseUrl, const CHAR16* Machine, const EFI_TIME& Start, UINT16 Tag,
+                  CHAR16* Out, UINTN OutSize);
+
+// How one PUT ended.
+struct PutOutcome {
+  EFI_STATUS Status = EFI_NOT_STARTED; // success only for a 2xx answer
+  UINTN HttpCode = 0;    // the answer's code; 0 without an answer, or one the firmware does not name
+  bool Answered = false; // the server sent a status line
+};
+
+// One HTTP PUT of Body to Url through the HTTP service binding on Service, in a child of its own
+// that is destroyed before it returns. Waits at most TimeoutMs for each of the request and the answer
+// (the firmware's own TCP connect may take up to its connection timeout before that).
+PutOutcome HttpPut(EFI_HANDLE Service, const CHAR16* Url, const CHAR8* ContentType, const void* Body,
+                   UINTN Size, UINT32 TimeoutMs);
