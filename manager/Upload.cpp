@@ -101,6 +101,26 @@ bool FormatSystemUuid(const UINT8 (&Uuid)[16], CHAR16* Out, UINTN OutSize) {
   return true;
 }
 
+void UploadStatusName(EFI_STATUS Status, CHAR16* Out, UINTN OutSize) {
+  static constexpr struct {
+    EFI_STATUS status;
+    const CHAR16* name;
+  } kNames[] = {{EFI_HTTP_ERROR, u"HTTP error"},
+                {EFI_NETWORK_UNREACHABLE, u"Network Unreachable"},
+                {EFI_HOST_UNREACHABLE, u"Host Unreachable"},
+                {EFI_PROTOCOL_UNREACHABLE, u"Protocol Unreachable"},
+                {EFI_PORT_UNREACHABLE, u"Port Unreachable"},
+                {EFI_CONNECTION_FIN, u"Connection Closed"},
+                {EFI_CONNECTION_RESET, u"Connection Reset"},
+                {EFI_CONNECTION_REFUSED, u"Connection Refused"}};
+  for (const auto& n : kNames)
+    if (n.status == Status) {
+      StrCopy(Out, OutSize, n.name);
+      return;
+    }
+  SPrint(Out, OutSize, u"%r", Status);
+}
+
 UINTN HttpStatusNumber(EFI_HTTP_STATUS_CODE Code) {
   return Code < sizeof(kHttpStatusCodes) / sizeof(kHttpStatusCodes[0]) ? kHttpStatusCodes[Code] : 0;
 }

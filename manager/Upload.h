@@ -31,6 +31,10 @@ struct PutOutcome {
   bool Answered = false; // the server sent a status line
 };
 
+// The status an upload ended with, by name: the network's own statuses and the HTTP error, which the
+// module's status table does not carry, then that table's names (%r).
+void UploadStatusName(EFI_STATUS Status, CHAR16* Out, UINTN OutSize);
+
 // One HTTP PUT of Body to Url through the HTTP service binding on Service, in a child of its own
 // that is destroyed before it returns. Waits at most TimeoutMs for each of the request and the answer
 // (the firmware's own TCP connect may take up to its connection timeout before that).

@@ -69,6 +69,7 @@ struct Settings {
 // Where the results go after every call when an upload URL is set, and how the last round went.
 struct UploadState {
   CHAR16 folder[kUrlChars] = {}; // URL/<machine>/<run>/; empty when nothing is uploaded
+  bool inMemory = false;         // the manager's disk is a RAM disk (a network boot): gone at power-off
   EFI_HANDLE service = nullptr;  // the HTTP service binding that reached the server last
   bool failed = false;           // the last round did not send every file
 };
@@ -554,6 +555,19 @@ void ReadMachineIdentity(MachineIdentity& id) {
   }
 }
 
+// Whether the manager's volume is a disk in memory.
+bool OnRamDisk(EFI_HANDLE device) {
+  EFI_DEVICE_PATH_PROTOCOL* path = nullptr;
+  if (EFI_ERROR(gBS->HandleProtocol(device, &EFI_DEVICE_PATH_PROTOCOL_GUID, reinterpret_cast<void**>(&path))))
+    return false;
+  for (const EFI_DEVICE_PATH_PROTOCOL* node = path;
+       node != nullptr && DevicePathNodeLength(node) >= 4 && !IsDevicePathEnd(node);
+       node = NextDevicePathNode(node))
+    if (node->Type == MEDIA_DEVICE_PATH && node->SubType == MEDIA_RAM_DISK_DP)
+      return true;
+  return false;
+}
+
 // The run's folder under the upload URL, named by the machine and the time the run started.
 void PlanUpload(const CHAR16* url, const MachineIdentity& id) {
   CHAR16 machine[kMachineChars];
@@ -672,10 +686,18 @@ void UploadResults() {
   else
     SPrint(named, sizeof(named), u"%r", outcome.Status);
   CHAR16 line[kLineChars];
-  SPrint(line, sizeof(line),
-         u"UPLOAD state=failed file=%s status=%s answer=%s to=%s; the results stay on this machine's disk in "
-         u"%s\\\r\n",
-         stopped->name, named, answer, u.folder, gState->dir);
+  if (u.inMemory)
+    SPrint(
+        line, sizeof(line),
+        u"UPLOAD state=failed file=%s status=%s answer=%s to=%s; this machine booted from the network: the "
+        u"results are only in its memory and on this screen, which stays until a key is pressed\r\n",
+        stopped->name, named, answer, u.folder);
+  else
+    SPrint(
+        line, sizeof(line),
+        u"UPLOAD state=failed file=%s status=%s answer=%s to=%s; the results stay on this machine's disk in "
+        u"%s\\\r\n",
+        stopped->name, named, answer, u.folder, gState->dir);
   Show(line, EFI_LIGHTRED);
   if (gState->results != nullptr) {
     WriteText(gState->results, line);
@@ -745,11 +767,20 @@ void ConnectAllControllers() {
 
 // The end of a boot-mode run: the results stay on the screen until a key or a minute has passed.
 // A machine whose results reached the fleet's server waits ten seconds: nobody needs to stand at it.
-void PowerOff(bool uploaded) {
+// One booted from the network whose results did not leave it keeps them on the screen for an hour,
+// since they are gone at power-off.
+void PowerOff(const UploadState& upload) {
   constexpr UINT64 kMinute = 600000000; // 100 ns units
-  UINT64 wait = uploaded ? kMinute / 6 : kMinute;
+  bool uploaded = upload.folder[0] != 0 && !upload.failed;
+  bool onlyHere = upload.folder[0] != 0 && upload.failed && upload.inMemory;
+  UINT64 wait = uploaded ? kMinute / 6 : onlyHere ? 60 * kMinute : kMinute;
   Say(u"VEXRUN DONE results in results.txt%s; press a key to power off (or wait %s)\r\n",
-      uploaded ? u" and on the server" : u"", uploaded ? u"ten seconds" : u"a minute");
+      uploaded   ? u" and on the server"
+      : onlyHere ? u" in memory only"
+                 : u"",
+      uploaded   ? u"ten seconds"
+      : onlyHere ? u"an hour"
+                 : u"a minute");
   EFI_EVENT timer = nullptr;
   if (!EFI_ERROR(gBS->CreateEvent(EVT_TIMER, TPL_CALLBACK, nullptr, nullptr, &timer)) &&
       !EFI_ERROR(gBS->SetTimer(timer, TimerRelative, wait))) {
@@ -891,8 +922,10 @@ EFI_STATUS Run(EFI_HANDLE image, Settings& settings) {
     Show(line);
     if (gState->results != nullptr)
       WriteText(gState->results, line);
-    if (settings.uploadUrl != nullptr)
+    if (settings.uploadUrl != nullptr) {
+      gState->upload.inMemory = OnRamDisk(self->DeviceHandle);
       PlanUpload(settings.uploadUrl, id);
+    }
   }
 
   wc::PoolPtr<CHAR16> callsText;
@@ -996,6 +1029,6 @@ extern "C" EFI_STATUS EFIAPI VexRunMain(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE
     state.root->Close(state.root);
   gState = nullptr;
   if (settings.bootMode)
-    PowerOff(state.upload.folder[0] != 0 && !state.upload.failed);
+    PowerOff(state.upload);
   return status;
 }

@@ -131,6 +131,14 @@ constexpr EFI_STATUS EFI_END_OF_MEDIA = EncodeError(28);
 constexpr EFI_STATUS EFI_END_OF_FILE = EncodeError(31);
 constexpr EFI_STATUS EFI_INVALID_LANGUAGE = EncodeError(32);
 constexpr EFI_STATUS EFI_COMPROMISED_DATA = EncodeError(33);
+// What the firmware's network stack ends a connection with.
+constexpr EFI_STATUS EFI_NETWORK_UNREACHABLE = EncodeError(100);
+constexpr EFI_STATUS EFI_HOST_UNREACHABLE = EncodeError(101);
+constexpr EFI_STATUS EFI_PROTOCOL_UNREACHABLE = EncodeError(102);
+constexpr EFI_STATUS EFI_PORT_UNREACHABLE = EncodeError(103);
+constexpr EFI_STATUS EFI_CONNECTION_FIN = EncodeError(104);
+constexpr EFI_STATUS EFI_CONNECTION_RESET = EncodeError(105);
+constexpr EFI_STATUS EFI_CONNECTION_REFUSED = EncodeError(106);
 
 constexpr EFI_STATUS EFI_WARN_UNKNOWN_GLYPH = 1;
 constexpr EFI_STATUS EFI_WARN_DELETE_FAILURE = 2;

@@ -61,6 +61,15 @@ TEST(ManagerUpload, HostHeaderAndStatusNumbers) {
   EXPECT_EQ(HttpStatusNumber(0), 0u);    // a code the firmware does not name
   EXPECT_EQ(HttpStatusNumber(42), 0u);
   EXPECT_EQ(HttpStatusNumber(~0u), 0u);
+
+  // The network's statuses by name, where the module's own table has none.
+  CHAR16 name[40];
+  UploadStatusName(EFI_CONNECTION_RESET, name, sizeof(name));
+  EXPECT_EQ(Text(name), u"Connection Reset");
+  UploadStatusName(EFI_HTTP_ERROR, name, sizeof(name));
+  EXPECT_EQ(Text(name), u"HTTP error");
+  UploadStatusName(EFI_TIMEOUT, name, sizeof(name));
+  EXPECT_EQ(Text(name), u"Time out");
 }
 
 // ---- A fake HTTP client ----

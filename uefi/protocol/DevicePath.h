@@ -30,6 +30,7 @@ constexpr UINT8 MSG_IPv6_DP = 0x0D;
 constexpr UINT8 MSG_VLAN_DP = 0x14;
 constexpr UINT8 MEDIA_DEVICE_PATH = 0x04;
 constexpr UINT8 MEDIA_FILEPATH_DP = 0x04;
+constexpr UINT8 MEDIA_RAM_DISK_DP = 0x09; // a disk in memory: an HTTP boot's image, say
 constexpr UINT8 END_DEVICE_PATH_TYPE = 0x7F;
 constexpr UINT8 END_ENTIRE_DEVICE_PATH_SUBTYPE = 0xFF;
 constexpr UINT8 END_INSTANCE_DEVICE_PATH_SUBTYPE = 0x01;

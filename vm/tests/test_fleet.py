@@ -1,0 +1,129 @@
+"""A fleet boots the image from the network and every machine's results land on the web server: the
+fleet command as a data centre runs it, the faults of the server's side in one fleet, and Secure
+Boot over the network. Needs root for the fleet's network namespace."""
+import os
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
+
+import junitparser
+
+from vmtest import RUNNER
+from wcvm import fleet
+from wcvm.disk import IMAGE_OFFSET, IMAGE_SIZE, build_image
+
+CALLS = ["-test=pingtest", "-test=detectcable"]
+UPLOADED = ["results.txt", "results.xml", "results.json", "VexRun.log", "Debug.log"]
+
+
+def image_with(calls, upload, sign=None):
+    return lambda path: build_image(path, calls, sign=sign, upload=upload)
+
+
+def altered(make, name):
+    """An image made by make, with one byte of name's code changed after signing."""
+    def alter(path):
+        make(path)
+        part = f"{path}@@{IMAGE_OFFSET}"
+        with tempfile.TemporaryDirectory() as work:
+            local = os.path.join(work, "file.efi")
+            subprocess.run(["mcopy", "-o", "-i", part, f"::/EFI/BOOT/{name}", local], check=True)
+            with open(local, "r+b") as f:
+                f.seek(0x2000)
+                byte = f.read(1)
+                f.seek(0x2000)
+                f.write(bytes([byte[0] ^ 0xFF]))
+            subprocess.run(["mcopy", "-o", "-i", part, local, f"::/EFI/BOOT/{name}"], check=True)
+    return alter
+
+
+@unittest.skipUnless(os.geteuid() == 0, "the fleet's network namespace needs root")
+class Fleet(unittest.TestCase):
+    def test_three_machines_each_with_its_results_under_its_uuid(self):
+        with tempfile.TemporaryDirectory() as work:
+            junit = os.path.join(work, "fleet.xml")
+            done = subprocess.run(RUNNER + ["fleet", "3", "--junit", junit, "--"] + CALLS, capture_output=True,
+                                  text=True, timeout=600)
+            self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+            suite = junitparser.JUnitXml.fromfile(junit)
+            cases = [c for s in suite for c in s]
+            self.assertEqual(len(cases), 6)
+            self.assertTrue(all(c.is_passed for c in cases))
+        where = re.search(r"results in (\S+)/results/;", done.stdout).group(1)
+        machines = sorted(os.listdir(os.path.join(where, "results")))
+        self.assertEqual(len(machines), 3)
+        for uuid in machines:
+            self.assertIn(uuid, done.stdout)  # the table names every machine
+            (run,) = os.listdir(os.path.join(where, "results", uuid))
+            folder = os.path.join(where, "results", uuid, run)
+            self.assertEqual(sorted(os.listdir(folder)), sorted(UPLOADED))
+            with open(os.path.join(folder, "results.txt")) as f:
+                text = f.read()
+            # The machine names itself inside the results: UUID, serial number, first NIC's MAC.
+            self.assertRegex(text, rf"MACHINE uuid={uuid} serial=WC\d+ mac=52:54:00:99:00:0[123]")
+            self.assertEqual(text.count("RESULT result=Passed"), 2)
+        self.assertLessEqual(os.path.getsize(os.path.join(where, "stick.img")), IMAGE_SIZE)
+
+    def test_the_server_side_faults_lose_nothing(self):
+        machines = fleet.machines_for(5, 1)
+        ok, down, forbidden, full, slow = machines
+        ok.boots = 2  # the same machine booted again once the first run is over
+        down.image, forbidden.image, full.image, slow.image = "down.img", "forbidden.img", "full.img", "slow.img"
+        images = {"down.img": image_with(CALLS, f"http://{fleet.SERVER}:81/results"),
+                  "forbidden.img": image_with(CALLS, f"http://{fleet.SERVER}/forbidden/results"),
+                  "full.img": image_with(CALLS, f"http://{fleet.SERVER}/full/results"),
+                  "slow.img": image_with(CALLS, f"http://{fleet.SERVER}:8082/results")}
+        extra = "    location /forbidden/ { return 403; }\n    location /full/ { return 507; }\n"
+        f = fleet.Fleet(machines, CALLS, images=images, nginx_extra=extra)
+        # A web server of the project's own that answers every PUT three seconds late.
+        f.servers = [("slowserver", [sys.executable, "-m", "wcvm.slowserver", fleet.SERVER, "8082", "3", f.www])]
+        with f:
+            f.boot()
+            rows = f.rows()
+        screens = {b.machine.number: fleet.read_text(b.serial_log) for b in f.boots}
+        by = {}
+        for r in rows:
+            by.setdefault(r["machine"], []).append(r)
+        # Booted twice: both runs' results kept, in two folders.
+        runs = {r["run"] for r in by[ok.uuid]}
+        self.assertEqual(len(runs), 2, by[ok.uuid])
+        self.assertTrue(all(r["result"] == "Passed" and r["upload"] == "complete" for r in by[ok.uuid]))
+        # A slow server only takes longer.
+        self.assertEqual([(r["result"], r["upload"]) for r in by[slow.uuid]], [("Passed", "complete")] * 2)
+        # Down, refusing, full: nothing on the server, the reason in the table, every result on the screen.
+        for machine, said in ((down, "answer=none"), (forbidden, "answer=403"), (full, "answer=not-2xx")):
+            (row,) = by[machine.uuid]
+            self.assertIn("nothing on the server", row["upload"])
+            self.assertIn(said, row["upload"])
+            screen = screens[machine.number]
+            self.assertEqual(screen.count("RESULT result=Passed"), 2, screen[-2000:])
+            self.assertIn("the results are only in its memory and on this screen", screen)
+            self.assertIn("in memory only", screen)
+        self.assertIn("status=HTTP error", by[forbidden.uuid][0]["upload"])
+
+
+@unittest.skipUnless(os.geteuid() == 0, "the fleet's network namespace needs root")
+class SecureBootFleet(unittest.TestCase):
+    def test_a_signed_image_boots_and_uploads_and_altered_ones_are_refused(self):
+        with tempfile.TemporaryDirectory() as keys:
+            sign = fleet.test_signing_key(keys)
+            machines = fleet.machines_for(3, 2)
+            good, module, manager = machines
+            module.image, manager.image = "module.img", "manager.img"
+            signed = image_with(["-test=pingtest"], fleet.UPLOAD_URL, sign)
+            images = {"module.img": altered(signed, "Wirecheck.efi"), "manager.img": altered(signed, "BOOTX64.EFI")}
+            with fleet.Fleet(machines, ["-test=pingtest"], secure=True, sign=sign, images=images) as f:
+                f.boot()
+                rows = {r["machine"]: r for r in f.rows()}
+        self.assertEqual((rows[good.uuid]["result"], rows[good.uuid]["upload"]), ("Passed", "complete"))
+        # The module changed after signing: VexRun says so and its results still reach the server.
+        self.assertEqual(rows[module.uuid]["result"], "none")
+        self.assertIn("LOAD module=Wirecheck.efi status=Access Denied", rows[module.uuid]["meaning"])
+        # The manager changed after signing: the firmware does not start the image at all.
+        self.assertIn("the firmware refused the boot image", rows[manager.uuid]["upload"])
+
+
+if __name__ == "__main__":
+    unittest.main()
