@@ -121,6 +121,24 @@ void UploadStatusName(EFI_STATUS Status, CHAR16* Out, UINTN OutSize) {
   SPrint(Out, OutSize, u"%r", Status);
 }
 
+const CHAR16* HttpsTrouble(const CHAR16* Url, const PutOutcome& Outcome) {
+  constexpr EFI_GUID kTlsCaCertificateGuid = {
+      0xFD2340D0, 0x3DAB, 0x4349, {0xA6, 0xC7, 0x3B, 0x4F, 0x12, 0xB4, 0x8E, 0xAE}};
+  if (Outcome.Answered || StrnCmp(Url, u"https://", 8) != 0)
+    return nullptr;
+  if (Outcome.Status == EFI_ABORTED)
+    return u"the TLS handshake failed: the server's certificate is not signed by a certificate authority the "
+           u"firmware trusts, or does not name the server";
+  UINTN size = 0;
+  if (Outcome.Status != EFI_NOT_FOUND ||
+      gRT->GetVariable(const_cast<CHAR16*>(u"TlsCaCertificate"), &kTlsCaCertificateGuid, nullptr, &size,
+                       nullptr) != EFI_NOT_FOUND)
+    return nullptr;
+  return u"the firmware has no certificate authority for HTTPS (no TlsCaCertificate variable): enrol the "
+         u"fleet's "
+         u"CA certificate in the firmware's TLS settings";
+}
+
 UINTN HttpStatusNumber(EFI_HTTP_STATUS_CODE Code) {
   return Code < sizeof(kHttpStatusCodes) / sizeof(kHttpStatusCodes[0]) ? kHttpStatusCodes[Code] : 0;
 }

@@ -35,6 +35,11 @@ struct PutOutcome {
 // module's status table does not carry, then that table's names (%r).
 void UploadStatusName(EFI_STATUS Status, CHAR16* Out, UINTN OutSize);
 
+// What an HTTPS upload without an answer says of the firmware's TLS, as its HTTP client reports it:
+// EFI_NOT_FOUND for a missing TlsCaCertificate variable (no certificate authority enrolled) and
+// EFI_ABORTED for a handshake that failed. Null for any other outcome.
+const CHAR16* HttpsTrouble(const CHAR16* Url, const PutOutcome& Outcome);
+
 // One HTTP PUT of Body to Url through the HTTP service binding on Service, in a child of its own
 // that is destroyed before it returns. Waits at most TimeoutMs for each of the request and the answer
 // (the firmware's own TCP connect may take up to its connection timeout before that).

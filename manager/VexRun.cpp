@@ -685,19 +685,21 @@ void UploadResults() {
     StrCopy(named, sizeof(named), u"HTTP error");
   else
     SPrint(named, sizeof(named), u"%r", outcome.Status);
-  CHAR16 line[kLineChars];
+  CHAR16 url[kUrlChars];
+  SPrint(url, sizeof(url), u"%s%s", u.folder, stopped->name);
+  const CHAR16* why = HttpsTrouble(url, outcome);
+  CHAR16 where[kPathChars + 100];
   if (u.inMemory)
-    SPrint(
-        line, sizeof(line),
-        u"UPLOAD state=failed file=%s status=%s answer=%s to=%s; this machine booted from the network: the "
-        u"results are only in its memory and on this screen, which stays until a key is pressed\r\n",
-        stopped->name, named, answer, u.folder);
+    StrCopy(
+        where, sizeof(where),
+        u"this machine booted from the network: the results are only in its memory and on this screen, which "
+        u"stays until a key is pressed");
   else
-    SPrint(
-        line, sizeof(line),
-        u"UPLOAD state=failed file=%s status=%s answer=%s to=%s; the results stay on this machine's disk in "
-        u"%s\\\r\n",
-        stopped->name, named, answer, u.folder, gState->dir);
+    SPrint(where, sizeof(where), u"the results stay on this machine's disk in %s\\", gState->dir);
+  CHAR16 line[kLineChars];
+  SPrint(line, sizeof(line), u"UPLOAD state=failed file=%s status=%s answer=%s to=%s; %s%s%s\r\n",
+         stopped->name, named, answer, u.folder, why != nullptr ? why : u"", why != nullptr ? u"; " : u"",
+         where);
   Show(line, EFI_LIGHTRED);
   if (gState->results != nullptr) {
     WriteText(gState->results, line);

@@ -1,6 +1,6 @@
 """A fleet boots the image from the network and every machine's results land on the web server: the
-fleet command as a data centre runs it, the faults of the server's side in one fleet, and Secure
-Boot over the network. Needs root for the fleet's network namespace."""
+fleet command as a data centre runs it, the faults of the server's side (HTTPS among them) in one
+fleet, and Secure Boot over the network. Needs root for the fleet's network namespace."""
 import os
 import re
 import subprocess
@@ -67,16 +67,20 @@ class Fleet(unittest.TestCase):
         self.assertLessEqual(os.path.getsize(os.path.join(where, "stick.img")), IMAGE_SIZE)
 
     def test_the_server_side_faults_lose_nothing(self):
-        machines = fleet.machines_for(5, 1)
-        ok, down, forbidden, full, slow = machines
+        machines = fleet.machines_for(7, 1)
+        ok, down, forbidden, full, slow, no_ca, other_ca = machines
         ok.boots = 2  # the same machine booted again once the first run is over
+        # HTTPS (the fleet's default here): a firmware that trusts no authority, and one that trusts another.
+        no_ca.cacerts = "none"
         down.image, forbidden.image, full.image, slow.image = "down.img", "forbidden.img", "full.img", "slow.img"
         images = {"down.img": image_with(CALLS, f"http://{fleet.SERVER}:81/results"),
                   "forbidden.img": image_with(CALLS, f"http://{fleet.SERVER}/forbidden/results"),
                   "full.img": image_with(CALLS, f"http://{fleet.SERVER}/full/results"),
                   "slow.img": image_with(CALLS, f"http://{fleet.SERVER}:8082/results")}
         extra = "    location /forbidden/ { return 403; }\n    location /full/ { return 507; }\n"
-        f = fleet.Fleet(machines, CALLS, images=images, nginx_extra=extra)
+        f = fleet.Fleet(machines, CALLS, images=images, nginx_extra=extra, https=True)
+        os.makedirs(os.path.join(f.work, "other-ca"))
+        other_ca.cacerts = fleet.make_certificates(os.path.join(f.work, "other-ca"))[3]
         # A web server of the project's own that answers every PUT three seconds late.
         f.servers = [("slowserver", [sys.executable, "-m", "wcvm.slowserver", fleet.SERVER, "8082", "3", f.www])]
         with f:
@@ -102,6 +106,10 @@ class Fleet(unittest.TestCase):
             self.assertIn("the results are only in its memory and on this screen", screen)
             self.assertIn("in memory only", screen)
         self.assertIn("status=HTTP error", by[forbidden.uuid][0]["upload"])
+        self.assertIn("status=Not Found answer=none", by[no_ca.uuid][0]["upload"])
+        self.assertIn("the firmware has no certificate authority for HTTPS", by[no_ca.uuid][0]["upload"])
+        self.assertIn("the TLS handshake failed", by[other_ca.uuid][0]["upload"])
+        self.assertTrue(all(r["run"].startswith("(boot") for r in by[no_ca.uuid] + by[other_ca.uuid]))
 
 
 @unittest.skipUnless(os.geteuid() == 0, "the fleet's network namespace needs root")

@@ -27,6 +27,9 @@ from .firmware import resolve as resolve_firmware
 SERVER = "10.99.0.1"
 PREFIX = 24
 UPLOAD_URL = f"http://{SERVER}/results"
+UPLOAD_URL_TLS = f"https://{SERVER}/results"
+X509_GUID = uuid.UUID("a5c059a1-94e4-4aa7-87b5-ab155c2bf072")  # EFI_CERT_X509_GUID
+OWNER_GUID = uuid.UUID("5c1d0000-9a2e-4c0b-8f6e-57495245434b")  # who enrolled the certificates: the fleet
 FLEET_DIR = os.path.join(ROOT, "build", "fleet")
 MACHINE_SECONDS = 600  # a machine still running after this is stopped and shown as such
 RESULT = re.compile(r"^RESULT result=(\S+) error=0x([0-9A-Fa-f]+) status=(.*?) options='(.*)' meaning=\"(.*)\"$")
@@ -44,6 +47,7 @@ class Machine:
     mac: str
     image: str = "stick.img"  # the file under the server's root it boots
     boots: int = 1  # booted this many times, one after the other (the same machine each time)
+    cacerts: str = ""  # the certificate authorities its firmware trusts: "" the fleet's, "none", or a file
 
 
 def machines_for(count, run_tag):
@@ -97,7 +101,45 @@ class Namespace:
         _run(["ip", "netns", "del", self.name])
 
 
-def nginx_config(work, www, extra=""):
+def efi_signature_list(certificates):
+    """Certificates (DER) as the firmware keeps trusted ones: one EFI_SIGNATURE_LIST of X.509
+    entries each, the form OVMF takes through fw_cfg etc/edk2/https/cacerts."""
+    out = b""
+    for der in certificates:
+        entry = OWNER_GUID.bytes_le + der
+        out += X509_GUID.bytes_le + (28 + len(entry)).to_bytes(4, "little") + (0).to_bytes(4, "little") + \
+            len(entry).to_bytes(4, "little") + entry
+    return out
+
+
+def make_certificates(folder):
+    """The fleet's own certificate authority and the server's certificate for SERVER, signed by it;
+    returns (CA certificate PEM, server certificate, server key, cacerts for the firmware)."""
+    ca_key, ca_crt = os.path.join(folder, "ca.key"), os.path.join(folder, "ca.crt")
+    key, csr, crt = (os.path.join(folder, n) for n in ("server.key", "server.csr", "server.crt"))
+    ext = os.path.join(folder, "server.ext")
+    with open(ext, "w") as f:
+        f.write(f"subjectAltName=IP:{SERVER}\nbasicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n")
+    steps = [["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "30", "-subj",
+              "/CN=Wirecheck fleet CA", "-keyout", ca_key, "-out", ca_crt,
+              "-addext", "basicConstraints=critical,CA:TRUE", "-addext", "keyUsage=critical,keyCertSign,cRLSign"],
+             ["openssl", "req", "-newkey", "rsa:2048", "-nodes", "-subj", f"/CN={SERVER}", "-keyout", key, "-out", csr],
+             ["openssl", "x509", "-req", "-in", csr, "-CA", ca_crt, "-CAkey", ca_key, "-CAcreateserial", "-days", "30",
+              "-extfile", ext, "-out", crt]]
+    for step in steps:
+        done = _run(step)
+        if done.returncode != 0:
+            raise HarnessError(f"openssl {step[1]}: {done.stderr.strip()[-300:]}")
+    der = subprocess.run(["openssl", "x509", "-in", ca_crt, "-outform", "DER"], capture_output=True, check=True).stdout
+    cacerts = os.path.join(folder, "cacerts.bin")
+    with open(cacerts, "wb") as f:
+        f.write(efi_signature_list([der]))
+    return ca_crt, crt, key, cacerts
+
+
+def nginx_config(work, www, extra="", tls=None):
+    tls_lines = "" if tls is None else \
+        f"    listen {SERVER}:443 ssl;\n    ssl_certificate {tls[0]};\n    ssl_certificate_key {tls[1]};\n"
     return f"""user root;
 daemon off;
 pid {work}/nginx.pid;
@@ -109,7 +151,7 @@ http {{
   types {{ application/octet-stream img; }}
   server {{
     listen {SERVER}:80;
-    root {www};
+{tls_lines}    root {www};
     location /results/ {{
       dav_methods PUT;
       create_full_put_path on;
@@ -133,7 +175,7 @@ def dnsmasq_words(work, machines):
     return words
 
 
-def qemu_words(firmware, secure, machine, tap, vars_copy, serial):
+def qemu_words(firmware, secure, machine, tap, vars_copy, serial, cacerts=None):
     code = firmware.secure_code if secure else firmware.code
     words = ["qemu-system-x86_64"]
     words += ["-machine", "q35,smm=on", "-global", "driver=cfi.pflash01,property=secure,value=on"] if secure \
@@ -151,6 +193,9 @@ def qemu_words(firmware, secure, machine, tap, vars_copy, serial):
               "-smbios", f"type=1,uuid={machine.uuid},serial={machine.serial},manufacturer=Wirecheck fleet"]
     if firmware.rng:
         words += ["-object", "rng-random,id=rng0,filename=/dev/urandom", "-device", "virtio-rng-pci,rng=rng0"]
+    if cacerts:
+        # The fleet's certificate authority, which the firmware's TLS then trusts for HTTPS.
+        words += ["-fw_cfg", f"name=etc/edk2/https/cacerts,file={cacerts}"]
     return words
 
 
@@ -169,18 +214,19 @@ def refusal(screen):
     return f"the firmware refused the boot image ({refused.group(1)})" if refused else None
 
 
-def _boot_machine(ns, firmware, secure, machine, tap, work, boots, lock, stop):
+def _boot_machine(ns, firmware, secure, machine, tap, work, boots, lock, stop, cacerts):
     vars_src = firmware.secure_vars if secure else firmware.vars
     for number in range(1, machine.boots + 1):
         if stop.is_set():
             return
+        trusted = {"": cacerts, "none": None}.get(machine.cacerts, machine.cacerts)
         vars_copy = os.path.join(work, f"vars-{machine.number}.fd")
         shutil.copyfile(vars_src, vars_copy)
         serial = os.path.join(work, f"serial-{machine.number}-{number}.log")
         boot = Boot(machine, number, serial)
         start = time.monotonic()
         with open(os.path.join(work, f"qemu-{machine.number}-{number}.err"), "w") as err:
-            proc = subprocess.Popen(ns.inside(qemu_words(firmware, secure, machine, tap, vars_copy, serial)),
+            proc = subprocess.Popen(ns.inside(qemu_words(firmware, secure, machine, tap, vars_copy, serial, trusted)),
                                     stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=err)
         try:
             while proc.poll() is None:
@@ -262,7 +308,8 @@ def fleet_rows(www, machines, boots, calls):
         for boot in [b for b in boots if b.machine is m][len(runs):]:
             screen = read_text(boot.serial_log)
             said = [l for l in screen.splitlines() if l.startswith("UPLOAD state=failed")]
-            why = said[-1].split(";")[0][len("UPLOAD state=failed "):] if said else boot.ended
+            # The manager's words up to where it says the results are.
+            why = "; ".join(said[-1].split("; ")[:-1])[len("UPLOAD state=failed "):] if said else boot.ended
             rows.append({"machine": m.uuid, "serial": m.serial, "run": f"(boot {boot.number})", "call": 0,
                          "options": "", "result": "none", "error": "", "status": "", "meaning": "",
                          "upload": f"nothing on the server: {why}"})
@@ -302,8 +349,8 @@ class Fleet:
     """The namespace, the servers and the machines of one fleet run; `with Fleet(...) as f: f.boot()`."""
 
     def __init__(self, machines, calls, firmware=None, secure=False, sign=None, images=None, nginx_extra="",
-                 servers=(), work=None):
-        self.machines, self.calls, self.secure = machines, calls, secure
+                 servers=(), work=None, https=False):
+        self.machines, self.calls, self.secure, self.https = machines, calls, secure, https
         self.firmware = firmware or resolve_firmware(DEFAULT_GENERATION)
         self.sign = sign
         self.images = images or {}  # name -> function(path) that makes it, beside stick.img
@@ -322,7 +369,12 @@ class Fleet:
                 raise HarnessError(f"{tool} is missing (./wirecheck fleet installs iproute2, dnsmasq-base and "
                                    f"nginx-light)")
         os.makedirs(os.path.join(self.www, "results"), exist_ok=True)
-        build_image(os.path.join(self.www, "stick.img"), self.calls, sign=self.sign, upload=UPLOAD_URL)
+        self.tls, self.cacerts = None, None
+        if self.https:
+            _, crt, key, self.cacerts = make_certificates(self.work)
+            self.tls = (crt, key)
+        build_image(os.path.join(self.www, "stick.img"), self.calls, sign=self.sign,
+                    upload=UPLOAD_URL_TLS if self.https else UPLOAD_URL)
         for name, make in self.images.items():
             make(os.path.join(self.www, name))
         self.ns = Namespace(f"wcfleet-{os.getpid()}-{os.path.basename(self.work)[-6:]}",
@@ -331,7 +383,7 @@ class Fleet:
         try:
             conf = os.path.join(self.work, "nginx.conf")
             with open(conf, "w") as f:
-                f.write(nginx_config(self.work, self.www, self.nginx_extra))
+                f.write(nginx_config(self.work, self.www, self.nginx_extra, self.tls))
             nginx = shutil.which("nginx") or "/usr/sbin/nginx"
             dnsmasq = shutil.which("dnsmasq") or "/usr/sbin/dnsmasq"
             self.start("nginx", [nginx, "-c", conf])
@@ -364,7 +416,8 @@ class Fleet:
         """Boots the machines side by side and waits for all; returns when every one has ended."""
         lock, stop = threading.Lock(), threading.Event()
         threads = [threading.Thread(target=_boot_machine, args=(self.ns, self.firmware, self.secure, m,
-                                                                f"tap{m.number}", self.work, self.boots, lock, stop))
+                                                                f"tap{m.number}", self.work, self.boots, lock, stop,
+                                                                self.cacerts))
                    for m in machines or self.machines]
         for t in threads:
             t.start()
@@ -411,6 +464,9 @@ def parser():
     p.add_argument("--cert", metavar="CERT")
     p.add_argument("--secure-boot", action="store_true",
                    help="OVMF's Secure Boot build; the image is signed with Debian's test key it trusts")
+    p.add_argument("--https", action="store_true",
+                   help="upload over HTTPS: a certificate authority of the run's own signs the server's "
+                        "certificate, and the firmware trusts it through fw_cfg")
     p.add_argument("--firmware", choices=sorted(GENERATIONS), default=DEFAULT_GENERATION)
     p.add_argument("--junit", metavar="FILE", help="default: build/fleet/fleet.xml")
     return p
@@ -444,7 +500,7 @@ def main(argv):
             if args.secure_boot and not sign:
                 sign = test_signing_key(keys)
             fleet = Fleet(machines, calls, firmware=resolve_firmware(args.firmware), secure=args.secure_boot,
-                          sign=sign)
+                          sign=sign, https=args.https)
             print(f"fleet: {args.count} machine(s), {len(calls)} call(s) each; files in {fleet.work}", flush=True)
             with fleet:
                 fleet.boot()
