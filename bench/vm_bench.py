@@ -15,6 +15,9 @@
   time stamps (the worst ratio; target within 10 %).
 - SpeedTest's spread: 20 calls in one boot; the lowest and highest figure and the spread between
   them in percent of the lowest (target within 20 %).
+- A fleet over the network (as root): for one machine and for three side by side, the seconds from
+  power-on to the last upload (of the machine that finished last), and the bytes each machine
+  downloads from the web server to boot.
 - The fault table and the compatibility matrix as the test suite runs them (two boots at a time):
   their wall times (the fault table's target: within 8 minutes on two cores).
 """
@@ -134,6 +137,32 @@ print(f"BENCH speedtest_20_calls_measured {len(speeds)} of 20")
 print(f"BENCH speedtest_20_calls_min {min(speeds)} Mbit/s")
 print(f"BENCH speedtest_20_calls_max {max(speeds)} Mbit/s")
 print(f"BENCH speedtest_20_calls_spread {100 * (max(speeds) - min(speeds)) / min(speeds):.0f} %")
+
+
+def fleet_bench():
+    from wcvm import fleet
+    for count in (1, 3):
+        machines = fleet.machines_for(count, os.getpid() % 100000)
+        with fleet.Fleet(machines, ["-test=pingtest"]) as f:
+            f.boot()
+            requests = f.traffic()
+            rows = f.rows()
+        if len(rows) != count or any(r["upload"] != "complete" for r in rows):
+            raise SystemExit(f"vm_bench: the fleet of {count} did not upload everything: {rows}")
+        power_on = min(b.started for b in f.boots)
+        last_put = max(t for t, _, method, *_ in requests if method == "PUT")
+        print(f"BENCH fleet_{count}_power_on_to_last_upload {last_put - power_on:.1f} s")
+        downloads = {}
+        for _, client, method, _, _, sent in requests:
+            if method in ("GET", "HEAD"):
+                downloads[client] = downloads.get(client, 0) + sent
+        print(f"BENCH fleet_{count}_bytes_downloaded_per_machine {max(downloads.values())} bytes")
+
+
+if os.geteuid() == 0:
+    fleet_bench()
+else:
+    print("BENCH fleet n/a (the fleet's network namespace needs root)")
 
 
 def table_command(name, *args):

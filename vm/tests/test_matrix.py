@@ -10,16 +10,26 @@ from unittest import mock
 from vmtest import ROOT, run_command
 
 
+# The thirteen eepro100-family models share one option ROM (efi-eepro100.rom) and give the same
+# cell in every row on every generation (./wirecheck matrix --firmware all); the suite boots the
+# oldest, the one without power management and the newest of them, ./wirecheck matrix all thirteen.
+EEPRO100_IN_SUITE = ("i82550", "i82559er", "i82801")
+
+
+def suite_models():
+    from wcvm import NIC_MODELS
+    return [m for m in NIC_MODELS if not m.startswith("i8") or m in EEPRO100_IN_SUITE]
+
+
 class CompatibilityMatrix(unittest.TestCase):
     def test_every_model_gives_what_the_tests_define(self):
         # Two boots at a time: every cell's verdict holds under the other boot's load.
-        done = run_command("matrix", "--jobs", "2")
+        done = run_command("matrix", "--jobs", "2", *suite_models())
         self.assertEqual(done.returncode, 0, done.stdout[-3000:] + done.stderr[-2000:])
         self.assertIn("unexpected=0", done.stdout)
         with open(os.path.join(ROOT, "build", "matrix.json")) as f:
             matrix = json.load(f)
-        from wcvm import NIC_MODELS
-        self.assertEqual(set(matrix["models"]), set(NIC_MODELS))
+        self.assertEqual(set(matrix["models"]), set(suite_models()))
         # Seven tests, the twenty bursts, detectcable and pingtest with the cables out, a cable plugged in.
         self.assertEqual(len(matrix["rows"]), 11)
         for row in matrix["rows"]:

@@ -146,7 +146,8 @@ pid {work}/nginx.pid;
 error_log {work}/nginx-error.log;
 events {{}}
 http {{
-  access_log {work}/nginx-access.log;
+  log_format timed '$msec $remote_addr "$request" $status $body_bytes_sent';
+  access_log {work}/nginx-access.log timed;
   client_body_temp_path {work}/nginx-body;
   types {{ application/octet-stream img; }}
   server {{
@@ -204,6 +205,7 @@ class Boot:
     machine: Machine
     number: int  # 1 for its first boot
     serial_log: str
+    started: float = 0.0  # wall-clock time of power-on
     seconds: float = 0.0
     ended: str = ""  # how the VM ended: "powered off", "stopped after N s", "firmware refused the image (...)"
 
@@ -223,7 +225,7 @@ def _boot_machine(ns, firmware, secure, machine, tap, work, boots, lock, stop, c
         vars_copy = os.path.join(work, f"vars-{machine.number}.fd")
         shutil.copyfile(vars_src, vars_copy)
         serial = os.path.join(work, f"serial-{machine.number}-{number}.log")
-        boot = Boot(machine, number, serial)
+        boot = Boot(machine, number, serial, time.time())
         start = time.monotonic()
         with open(os.path.join(work, f"qemu-{machine.number}-{number}.err"), "w") as err:
             proc = subprocess.Popen(ns.inside(qemu_words(firmware, secure, machine, tap, vars_copy, serial, trusted)),
@@ -429,6 +431,16 @@ class Fleet:
             stop.set()
             for t in threads:
                 t.join()
+
+    def traffic(self):
+        """What nginx served and took: (time, client address, method, path, status, bytes sent) a request."""
+        requests = []
+        for line in read_text(os.path.join(self.work, "nginx-access.log")).splitlines():
+            m = re.match(r'^(\S+) (\S+) "(\S+) (\S+) [^"]*" (\d+) (\d+)$', line)
+            if m:
+                requests.append((float(m.group(1)), m.group(2), m.group(3), m.group(4), int(m.group(5)),
+                                 int(m.group(6))))
+        return requests
 
     def rows(self):
         return fleet_rows(self.www, self.machines, self.boots, self.calls)
