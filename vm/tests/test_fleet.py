@@ -6,6 +6,7 @@ import re
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 import junitparser
@@ -110,6 +111,41 @@ class Fleet(unittest.TestCase):
         self.assertIn("the firmware has no certificate authority for HTTPS", by[no_ca.uuid][0]["upload"])
         self.assertIn("the TLS handshake failed", by[other_ca.uuid][0]["upload"])
         self.assertTrue(all(r["run"].startswith("(boot") for r in by[no_ca.uuid] + by[other_ca.uuid]))
+
+
+class Arguments(unittest.TestCase):
+    def test_bad_calls_and_urls_get_one_line_each(self):
+        cases = [(["fleet", "3"], "no calls"),
+                 (["fleet", "0", "--", "-test=pingtest"], "give 1 to 64 machines"),
+                 (["fleet", "2", "--sign", "k.pem", "--", "-version"], "--sign KEY and --cert CERT go together"),
+                 (["image", "x.img", "--upload", "ftp://10.0.0.1/r", "-version"], "give an http:// or https:// URL"),
+                 (["image", "x.img", "--upload", "http://10.0.0.1/a b", "-version"], "without spaces")]
+        for words, said in cases:
+            with self.subTest(words=words):
+                done = subprocess.run(RUNNER + words, capture_output=True, text=True, timeout=60)
+                self.assertEqual(done.returncode, 2, done.stdout + done.stderr)
+                self.assertEqual(len(done.stderr.splitlines()), 1, done.stderr)
+                self.assertIn(said, done.stderr)
+
+    @unittest.skipUnless(os.geteuid() == 0, "the fleet's network namespace needs root")
+    def test_a_stopped_fleet_leaves_no_namespace_behind(self):
+        with subprocess.Popen(RUNNER + ["fleet", "1", "--", "-test=pingtest"], stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, text=True) as proc:
+            name = f"wcfleet-{proc.pid}-"
+            for _ in range(120):  # until the namespace is there
+                if name in subprocess.run(["ip", "netns", "list"], capture_output=True, text=True).stdout:
+                    break
+                time.sleep(0.5)
+            else:
+                self.fail("the fleet made no namespace")
+            time.sleep(3)  # the machine is booting
+            proc.terminate()
+            out, err = proc.communicate(timeout=60)
+        self.assertEqual(proc.returncode, 2)
+        self.assertIn("the namespace and everything in it were removed", err)
+        self.assertNotIn(name, subprocess.run(["ip", "netns", "list"], capture_output=True, text=True).stdout)
+        work = re.search(r"files in (\S+)", out).group(1)  # every VM and server names its files there
+        self.assertEqual(subprocess.run(["pgrep", "-f", work]).returncode, 1)
 
 
 @unittest.skipUnless(os.geteuid() == 0, "the fleet's network namespace needs root")

@@ -495,6 +495,11 @@ def main(argv):
     except SystemExit as e:
         return 2 if e.code else 0
     calls = args.call + calls
+
+    def terminated(*_):
+        raise KeyboardInterrupt  # so that the namespace and everything in it go, as on Ctrl-C
+
+    signal.signal(signal.SIGTERM, terminated)
     try:
         if not calls:
             raise ValueError("no calls (for example: ./wirecheck fleet 3 -- \"-test=pingtest\")")
@@ -521,7 +526,7 @@ def main(argv):
         print(f"wirecheck fleet: {e}", file=sys.stderr)
         return 2
     except KeyboardInterrupt:
-        print("wirecheck fleet: interrupted; the namespace and everything in it were removed", file=sys.stderr)
+        print("wirecheck fleet: stopped; the namespace and everything in it were removed", file=sys.stderr)
         return 2
     print_table(rows)
     junit = args.junit or os.path.join(FLEET_DIR, "fleet.xml")
