@@ -181,7 +181,7 @@ CHAR16* JoinLogTail(const ReportLogTail& Tail) {
   return kept == 0 ? nullptr : out.Take();
 }
 
-CHAR16* BuildJunitReport(const ReportCase* Cases, UINTN Count) {
+CHAR16* BuildJunitReport(const ReportCase* Cases, UINTN Count, const ReportMachine* Machine) {
   UINTN failures = 0, errors = 0, skipped = 0;
   UINT64 milliseconds = 0;
   for (UINTN i = 0; i < Count; ++i) {
@@ -198,6 +198,17 @@ CHAR16* BuildJunitReport(const ReportCase* Cases, UINTN Count) {
       Count, failures, errors, skipped);
   AppendSeconds(out, milliseconds);
   out.Append(u"\">\n");
+  if (Machine != nullptr) {
+    const CHAR16* names[] = {u"machine.uuid", u"machine.serial", u"machine.mac"};
+    const CHAR16* values[] = {Machine->Uuid, Machine->Serial, Machine->Mac};
+    out.Append(u"<properties>\n");
+    for (UINTN i = 0; i < 3; ++i) {
+      out.Format(u"<property name=\"%s\" value=\"", names[i]);
+      out.Xml(values[i]);
+      out.Append(u"\" />\n");
+    }
+    out.Append(u"</properties>\n");
+  }
   for (UINTN i = 0; i < Count; ++i) {
     const ReportCase& c = Cases[i];
     out.Append(u"<testcase classname=\"wirecheck.");
@@ -224,10 +235,20 @@ CHAR16* BuildJunitReport(const ReportCase* Cases, UINTN Count) {
   return out.Take();
 }
 
-CHAR16* BuildJsonReport(const ReportCase* Cases, UINTN Count) {
+CHAR16* BuildJsonReport(const ReportCase* Cases, UINTN Count, const ReportMachine* Machine) {
   TextBuilder out;
   UINTN passed = 0;
-  out.Append(u"{\"suite\": \"wirecheck\", \"cases\": [");
+  out.Append(u"{\"suite\": \"wirecheck\", ");
+  if (Machine != nullptr) {
+    out.Append(u"\"machine\": {\"uuid\": \"");
+    out.Json(Machine->Uuid);
+    out.Append(u"\", \"serial\": \"");
+    out.Json(Machine->Serial);
+    out.Append(u"\", \"mac\": \"");
+    out.Json(Machine->Mac);
+    out.Append(u"\"}, ");
+  }
+  out.Append(u"\"cases\": [");
   for (UINTN i = 0; i < Count; ++i) {
     const ReportCase& c = Cases[i];
     passed += c.Result == TEST_RESULT_PASSED;

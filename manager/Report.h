@@ -25,6 +25,13 @@ struct ReportCase {
   CHAR16* Log; // the call's last lines, LF-separated, for a call that did not pass (pool; may be null)
 };
 
+// Who ran the calls: the SMBIOS system UUID and serial number and the first NIC's MAC address.
+struct ReportMachine {
+  const CHAR16* Uuid;
+  const CHAR16* Serial;
+  const CHAR16* Mac;
+};
+
 // The name of a TestResult as the manager prints it.
 const CHAR16* ResultName(UINTN Result);
 // What an error code means, as the manager prints it ("unknown error code" for one nobody defines).
@@ -33,6 +40,7 @@ const CHAR16* ReportMeaning(UINTN Error);
 // The tail's lines joined with LF, from pool (null when empty or out of memory).
 CHAR16* JoinLogTail(const ReportLogTail& Tail);
 
-// The documents as text; null when memory ran out. The caller frees them.
-CHAR16* BuildJunitReport(const ReportCase* Cases, UINTN Count);
-CHAR16* BuildJsonReport(const ReportCase* Cases, UINTN Count);
+// The documents as text; null when memory ran out. The caller frees them. With a machine, the
+// JUnit suite carries it as properties and the JSON document as a "machine" object.
+CHAR16* BuildJunitReport(const ReportCase* Cases, UINTN Count, const ReportMachine* Machine = nullptr);
+CHAR16* BuildJsonReport(const ReportCase* Cases, UINTN Count, const ReportMachine* Machine = nullptr);

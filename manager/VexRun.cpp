@@ -66,6 +66,15 @@ struct Settings {
   bool bootMode = false;
 };
 
+// Who this machine is, for the results and the upload folder: the SMBIOS system UUID and serial
+// number and the first NIC's permanent MAC address (each "unknown" where the firmware has none).
+struct MachineIdentity {
+  CHAR16 uuid[kMachineChars] = u"unknown";
+  CHAR16 serial[64] = u"unknown";
+  CHAR16 mac[24] = u"unknown";
+  bool hasUuid = false;
+};
+
 // Where the results go after every call when an upload URL is set, and how the last round went.
 struct UploadState {
   CHAR16 folder[kUrlChars] = {}; // URL/<machine>/<run>/; empty when nothing is uploaded
@@ -90,6 +99,8 @@ struct State {
   bool checkHandles = false; // compare the handle database before and after each execute call
   const CHAR8* language = "eng";
   UploadState upload;
+  MachineIdentity machine;
+  bool knowsMachine = false; // boot mode or an upload: the results name the machine
 };
 constinit State* gState = nullptr;
 
@@ -503,8 +514,10 @@ void RecordCase(const CHAR16* options, UINTN result, UINTN error, EFI_STATUS sta
                             status,
                             milliseconds,
                             result == TEST_RESULT_PASSED ? nullptr : JoinLogTail(s.tail)};
-  WriteDocument(u"results.xml", BuildJunitReport(s.cases, s.caseCount));
-  WriteDocument(u"results.json", BuildJsonReport(s.cases, s.caseCount));
+  ReportMachine machine = {s.machine.uuid, s.machine.serial, s.machine.mac};
+  const ReportMachine* named = s.knowsMachine ? &machine : nullptr;
+  WriteDocument(u"results.xml", BuildJunitReport(s.cases, s.caseCount, named));
+  WriteDocument(u"results.json", BuildJsonReport(s.cases, s.caseCount, named));
 }
 
 UINT64 MillisecondsSince(UINT64 start) {
@@ -513,15 +526,6 @@ UINT64 MillisecondsSince(UINT64 start) {
 }
 
 // ---- Results that leave the machine ----
-
-// Who this machine is, for the results and the upload folder: the SMBIOS system UUID and serial
-// number and the first NIC's permanent MAC address (each "unknown" where the firmware has none).
-struct MachineIdentity {
-  CHAR16 uuid[kMachineChars] = u"unknown";
-  CHAR16 serial[64] = u"unknown";
-  CHAR16 mac[24] = u"unknown";
-  bool hasUuid = false;
-};
 
 void ReadMachineIdentity(MachineIdentity& id) {
   const SMBIOS_STRUCTURE** systems = nullptr;
@@ -917,8 +921,9 @@ EFI_STATUS Run(EFI_HANDLE image, Settings& settings) {
   }
   if (settings.bootMode || settings.uploadUrl != nullptr) {
     EfiSmbiosLibInitialize(image, gST);
-    MachineIdentity id;
+    MachineIdentity& id = gState->machine;
     ReadMachineIdentity(id);
+    gState->knowsMachine = true;
     CHAR16 line[kLineChars];
     SPrint(line, sizeof(line), u"MACHINE uuid=%s serial=%s mac=%s\r\n", id.uuid, id.serial, id.mac);
     Show(line);

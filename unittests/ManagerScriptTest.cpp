@@ -87,10 +87,24 @@ TEST(ManagerReport, EscapedCasesAndTheLastLogLines) {
   EXPECT_NE(xml.find(u"<error message=\"InProgress error=0x80169999 (unknown error code) status=Not Found\""),
             std::u16string::npos);
 
+  // The machine that ran them, as a JSON object and as the suite's properties.
+  ReportMachine machine = {u"5c1d0001-0000-4000-8000-000000000001", u"SN \"7\"", u"52:54:00:99:00:01"};
+  json = Take(BuildJsonReport(cases, 4, &machine));
+  EXPECT_EQ(json.find(u"{\"suite\": \"wirecheck\", \"machine\": {\"uuid\": "
+                      u"\"5c1d0001-0000-4000-8000-000000000001\", \"serial\": \"SN \\\"7\\\"\", \"mac\": "
+                      u"\"52:54:00:99:00:01\"}, \"cases\": ["),
+            0u);
+  xml = Take(BuildJunitReport(cases, 4, &machine));
+  EXPECT_NE(
+      xml.find(
+          u"<properties>\n<property name=\"machine.uuid\" value=\"5c1d0001-0000-4000-8000-000000000001\" "
+          u"/>\n<property name=\"machine.serial\" value=\"SN &quot;7&quot;\" />"),
+      std::u16string::npos);
+
   // Every allocation failed in turn: no document rather than half of one.
   for (uint64_t n = 1;; ++n) {
     fw.FailUse(n);
-    std::u16string text = Take(BuildJunitReport(cases, 4));
+    std::u16string text = Take(BuildJunitReport(cases, 4, &machine));
     if (fw.failed == 0) {
       EXPECT_EQ(text, xml);
       break;

@@ -1,6 +1,7 @@
 """A fleet boots the image from the network and every machine's results land on the web server: the
 fleet command as a data centre runs it, the faults of the server's side (HTTPS among them) in one
 fleet, and Secure Boot over the network. Needs root for the fleet's network namespace."""
+import json
 import os
 import re
 import subprocess
@@ -65,6 +66,10 @@ class Fleet(unittest.TestCase):
             # The machine names itself inside the results: UUID, serial number, first NIC's MAC.
             self.assertRegex(text, rf"MACHINE uuid={uuid} serial=WC\d+ mac=52:54:00:99:00:0[123]")
             self.assertEqual(text.count("RESULT result=Passed"), 2)
+            with open(os.path.join(folder, "results.json")) as f:
+                report = json.load(f)
+            self.assertEqual(report["machine"]["uuid"], uuid)
+            self.assertEqual([c["result"] for c in report["cases"]], ["Passed", "Passed"])
         self.assertLessEqual(os.path.getsize(os.path.join(where, "stick.img")), IMAGE_SIZE)
 
     def test_the_server_side_faults_lose_nothing(self):
