@@ -45,6 +45,7 @@ public:
     return gBS->HandleProtocol(child_, &EFI_HTTP_PROTOCOL_GUID, reinterpret_cast<void**>(&http_));
   }
   EFI_HTTP_PROTOCOL* operator->() const { return http_; }
+  EFI_HTTP_PROTOCOL* Get() const { return http_; }
 
 private:
   EFI_SERVICE_BINDING_PROTOCOL* binding_ = nullptr;
@@ -72,6 +73,17 @@ EFI_STATUS WaitForToken(EFI_HTTP_PROTOCOL* http, EFI_HTTP_TOKEN& token, UINT32 t
     }
   }
   return token.Status;
+}
+
+// One half of an exchange, the request sent or the answer read, in a token of its own.
+EFI_STATUS Exchange(EFI_HTTP_PROTOCOL* http, EFI_HTTP_MESSAGE& message, bool request, UINT32 timeoutMs) {
+  wc::EventOwner event;
+  EFI_STATUS status = event.Create(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, TokenDone);
+  if (EFI_ERROR(status))
+    return status;
+  EFI_HTTP_TOKEN token = {event.Get(), EFI_NOT_READY, &message};
+  status = request ? http->Request(http, &token) : http->Response(http, &token);
+  return EFI_ERROR(status) ? status : WaitForToken(http, token, timeoutMs);
 }
 
 void FreeHeaders(EFI_HTTP_HEADER* headers, UINTN count) {
@@ -186,7 +198,7 @@ PutOutcome HttpPut(EFI_HANDLE Service, const CHAR16* Url, const CHAR8* ContentTy
   EFI_HTTPv4_ACCESS_POINT access = {};
   access.UseDefaultAddress = TRUE; // the NIC's own address, from its DHCP or static configuration
   EFI_HTTP_CONFIG_DATA config = {HttpVersion11, TimeoutMs, FALSE, &access};
-  if (EFI_ERROR(outcome.Status = http->Configure(http.operator->(), &config)))
+  if (EFI_ERROR(outcome.Status = http->Configure(http.Get(), &config)))
     return outcome;
 
   CHAR8 length[24];
@@ -208,26 +220,13 @@ PutOutcome HttpPut(EFI_HANDLE Service, const CHAR16* Url, const CHAR8* ContentTy
   sent.BodyLength = Size;
   static UINT8 empty = 0; // the firmware wants a body pointer even for an empty file
   sent.Body = Size != 0 ? const_cast<void*>(Body) : &empty;
-  wc::EventOwner sentEvent;
-  if (EFI_ERROR(outcome.Status = sentEvent.Create(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, TokenDone)))
-    return outcome;
-  EFI_HTTP_TOKEN sendToken = {sentEvent.Get(), EFI_NOT_READY, &sent};
-  outcome.Status = http->Request(http.operator->(), &sendToken);
-  if (!EFI_ERROR(outcome.Status))
-    outcome.Status = WaitForToken(http.operator->(), sendToken, TimeoutMs);
-  if (EFI_ERROR(outcome.Status))
+  if (EFI_ERROR(outcome.Status = Exchange(http.Get(), sent, true, TimeoutMs)))
     return outcome;
 
   EFI_HTTP_RESPONSE_DATA answer = {};
   EFI_HTTP_MESSAGE received = {};
   received.Data.Response = &answer;
-  wc::EventOwner answerEvent;
-  if (EFI_ERROR(outcome.Status = answerEvent.Create(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, TokenDone)))
-    return outcome;
-  EFI_HTTP_TOKEN answerToken = {answerEvent.Get(), EFI_NOT_READY, &received};
-  outcome.Status = http->Response(http.operator->(), &answerToken);
-  if (!EFI_ERROR(outcome.Status))
-    outcome.Status = WaitForToken(http.operator->(), answerToken, TimeoutMs);
+  outcome.Status = Exchange(http.Get(), received, false, TimeoutMs);
   FreeHeaders(received.Headers, received.HeaderCount);
   // An answer of 300 or more ends the token with the firmware's HTTP error, its code still given.
   if (!EFI_ERROR(outcome.Status) || outcome.Status == EFI_HTTP_ERROR) {
