@@ -52,7 +52,7 @@ bool ParseSigned(const CHAR16* text, INT64* value) {
 
 BOOLEAN ParseAnswerScript(CHAR16* Text, AnswerScript* Script, UINTN* BadLine) {
   Script->Count = 0;
-  Script->Used[0] = Script->Used[1] = Script->Used[2] = 0;
+  Script->Used[0] = Script->Used[1] = Script->Used[2] = Script->Used[3] = 0;
   CHAR16* cursor = Text;
   UINTN number = 0;
   while (CHAR16* line = NextLine(&cursor)) {
@@ -80,6 +80,30 @@ BOOLEAN ParseAnswerScript(CHAR16* Text, AnswerScript* Script, UINTN* BadLine) {
         a.Value = -1;
       else
         ok = ParseSigned(arg, &a.Value) && a.Value >= 1;
+    } else if (StriEq(line, u"front")) {
+      a.Kind = AnswerKind::Front;
+      CHAR16* rest = SplitWord(arg);
+      static constexpr struct {
+        const CHAR16* word;
+        FrontStep step;
+        UINTN words; // after the step's own word
+      } kSteps[] = {{u"test", FrontStep::Test, 1}, {u"set", FrontStep::Set, 2},
+                    {u"run", FrontStep::Run, 0},   {u"back", FrontStep::Back, 0},
+                    {u"all", FrontStep::All, 0},   {u"finish", FrontStep::Finish, 0}};
+      ok = false;
+      for (const auto& step : kSteps) {
+        if (!StriEq(arg, step.word))
+          continue;
+        a.Step = step.step;
+        if (step.words == 0) {
+          ok = *rest == 0;
+        } else {
+          a.Name = rest;
+          CHAR16* value = SplitWord(rest);
+          a.Text = value; // "set": the value is the rest of the line, blanks and all
+          ok = *a.Name != 0 && (step.words == 1 ? *value == 0 : true);
+        }
+      }
     } else {
       ok = false;
     }

@@ -26,6 +26,7 @@
 #include "base/Owners.h"
 #include "base/Print.h"
 #include "base/String.h"
+#include "manager/Front.h"
 #include "manager/Report.h"
 #include "manager/Script.h"
 #include "manager/Upload.h"
@@ -53,9 +54,10 @@ struct Settings {
   bool verbose = false;
   bool reload = false; // load and unload the module around every call
   bool checkHandles = false;
-  bool graphicsMenu = true;               // install the graphics library protocol
-  bool consoleMenu = true;                // install the console library protocol
-  CHAR8 language[8] = "eng";              // for the texts of prompts and -msg
+  bool menu = false;         // the technician's menu from the module's catalog instead of a list of calls
+  bool graphicsMenu = true;  // install the graphics library protocol
+  bool consoleMenu = true;   // install the console library protocol
+  CHAR8 language[8] = "eng"; // for the texts of prompts and -msg
   const CHAR16* messages[kMaxCalls] = {}; // -msg ID arguments
   UINTN messageCount = 0;
   const CHAR16* calls[kMaxCalls] = {};
@@ -323,8 +325,9 @@ void PathInDir(CHAR16 (&path)[kPathChars], const CHAR16* name) {
 }
 
 // A text file beside the manager (or at an absolute path), decoded: UTF-16 with its mark, otherwise
-// UTF-8 with or without its mark.
-EFI_STATUS ReadWholeFile(const CHAR16* name, wc::PoolPtr<CHAR16>& text) {
+// the fallback (UTF-8, with or without its mark, unless said otherwise).
+EFI_STATUS ReadWholeFile(const CHAR16* name, wc::PoolPtr<CHAR16>& text,
+                         TextEncoding fallback = TextEncoding::Utf8) {
   CHAR16 path[kPathChars];
   StrCopy(path, sizeof(path), name);
   FileIoResolveModulePath(path, sizeof(path));
@@ -333,7 +336,7 @@ EFI_STATUS ReadWholeFile(const CHAR16* name, wc::PoolPtr<CHAR16>& text) {
   EFI_STATUS status = FileIoReadFile(path, reinterpret_cast<void**>(data.Receive()), &size);
   if (EFI_ERROR(status))
     return status;
-  text.Reset(DecodeText(data.Get(), size, TextEncoding::Detect, TextEncoding::Utf8));
+  text.Reset(DecodeText(data.Get(), size, TextEncoding::Detect, fallback));
   return text ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
 }
 
@@ -431,6 +434,8 @@ bool ParseArguments(EFI_HANDLE image, Settings& s) {
       s.verbose = true;
     } else if (StriEq(arg, u"-r")) {
       s.reload = true;
+    } else if (StriEq(arg, u"-menu")) {
+      s.menu = true;
     } else if (StriEq(arg, u"-hdb")) {
       s.checkHandles = true;
     } else if (StriEq(arg, u"-ui") && hasNext) {
@@ -712,7 +717,7 @@ void UploadResults() {
   u.failed = true;
 }
 
-void RunOneCall(const ModuleApi& api, EFI_HANDLE module, CHAR16* options) {
+void RunOneCall(const ModuleApi& api, EFI_HANDLE module, CHAR16* options, FrontCall* given = nullptr) {
   Say(u"CALL options='%s'\r\n", options);
   UINT64 start = ReadTimeStampCounter();
   gState->tail.Clear();
@@ -751,6 +756,11 @@ void RunOneCall(const ModuleApi& api, EFI_HANDLE module, CHAR16* options) {
     WriteText(gState->results, line);
   }
   RecordCase(options, result, error, status, MillisecondsSince(start));
+  if (given != nullptr) {
+    given->Result = result;
+    given->Error = error;
+    given->Status = status;
+  }
   // A machine that hangs in a later call (a firmware driver looping, say) still leaves this call's
   // result and log on the disk.
   EFI_FILE_PROTOCOL* files[] = {gState->log, gState->out, gState->results};
@@ -758,6 +768,76 @@ void RunOneCall(const ModuleApi& api, EFI_HANDLE module, CHAR16* options) {
     if (file != nullptr)
       file->Flush(file);
   UploadResults();
+}
+
+// ---- The technician's menu ----
+
+struct FrontContext {
+  const ModuleApi* api;
+  EFI_HANDLE module;
+  CHAR16* texts[16]; // the menu's texts in the manager's language (null: English)
+};
+
+void FrontShow(void*, const CHAR16* text, UINTN attribute) {
+  Show(text, attribute);
+}
+void FrontClear(void*) {
+  gST->ConOut->ClearScreen(gST->ConOut);
+}
+EFI_INPUT_KEY FrontKey(void*) {
+  return WaitForKey();
+}
+void FrontRun(void* context, CHAR16* options, FrontCall* call) {
+  auto* c = static_cast<FrontContext*>(context);
+  RunOneCall(*c->api, c->module, options, call);
+}
+const CHAR16* FrontText(void* context, UINTN id) {
+  auto* c = static_cast<FrontContext*>(context);
+  return id >= 200 && id < 216 ? c->texts[id - 200] : nullptr;
+}
+
+// The module's catalog, written by the module into a file beside the manager: the catalog's writer
+// replaces a file that exists, so an empty one is made first.
+EFI_STATUS ReadModuleCatalog(const ModuleApi& api, FrontCatalog& catalog) {
+  EFI_FILE_PROTOCOL* file = CreateFresh(u"catalog.xml");
+  if (file == nullptr)
+    return EFI_WRITE_PROTECTED;
+  file->Close(file);
+  CHAR16 options[kPathChars + 16];
+  SPrint(options, sizeof(options), u"-catalog=%s\\catalog.xml", gState->dir);
+  UINTN result = 0;
+  UINTN error = 0;
+  VEX_EXECUTE_TEST execute = api.current != nullptr ? api.current->ExecuteTest : api.old->ExecuteTest;
+  execute(0, options, &result, &error);
+  wc::PoolPtr<CHAR16> text;
+  EFI_STATUS status = ReadWholeFile(u"catalog.xml", text, TextEncoding::Ucs2);
+  if (EFI_ERROR(status))
+    return status;
+  return ReadFrontCatalog(text.Get(), &catalog);
+}
+
+void RunMenu(const ModuleApi& api, EFI_HANDLE module) {
+  FrontContext context = {&api, module, {}};
+  CHAR16 path[kPathChars];
+  StrCopy(path, sizeof(path), kMessageFileName);
+  FileIoResolveModulePath(path, sizeof(path));
+  for (UINTN i = 0; i < 16; ++i)
+    if (EFI_ERROR(GetLocalizedMessage(gState->language, 200 + i, path, &context.texts[i])))
+      context.texts[i] = nullptr;
+  FrontCatalog catalog = {};
+  EFI_STATUS status = ReadModuleCatalog(api, catalog);
+  if (EFI_ERROR(status))
+    Say(u"VexRun: the module's catalog could not be read (%r); the menu offers Finish only\r\n", status);
+  auto session = wc::PoolPtr<FrontSession>::AllocateZero(sizeof(FrontSession));
+  if (session) {
+    FrontHost host = {&context, FrontShow, FrontClear, FrontKey, FrontRun, FrontText, gState->script};
+    RunFrontMenu(host, catalog, *session);
+    Say(u"FRONT files=%s\\results.txt %s\\results.xml %s\\results.json\r\n", gState->dir, gState->dir,
+        gState->dir);
+  }
+  FreeFrontCatalog(&catalog);
+  for (CHAR16* text : context.texts)
+    FreePool(text);
 }
 
 // Without the shell nothing has connected the drivers to the devices yet (the network stack
@@ -853,7 +933,9 @@ EFI_STATUS RunSession(EFI_HANDLE image, EFI_DEVICE_PATH_PROTOCOL* modulePath, co
     wc::PoolPtr<CHAR16> build;
     getVersion(&major, &minor, build.Receive());
     Say(u"MODULE name=%s version=%d.%d build=\"%s\"\r\n", name, major, minor, build ? build.Get() : u"");
-    for (UINTN i = first; i < last; ++i) {
+    if (settings.menu)
+      RunMenu(api, module);
+    for (UINTN i = first; i < last && !settings.menu; ++i) {
       // Each call gets its own writable copy: the protocol takes a non-constant string.
       wc::PoolPtr<CHAR16> options(StrDuplicate(settings.calls[i]));
       if (options)
@@ -938,7 +1020,9 @@ EFI_STATUS Run(EFI_HANDLE image, Settings& settings) {
   wc::PoolPtr<CHAR16> callsText;
   if (settings.callsFile != nullptr) {
     status = ReadWholeFile(settings.callsFile, callsText);
-    if (EFI_ERROR(status)) {
+    if (status == EFI_NOT_FOUND && settings.bootMode) {
+      status = EFI_SUCCESS; // no calls.txt: the menu
+    } else if (EFI_ERROR(status)) {
       Say(u"VexRun: cannot read %s (%r)\r\n", settings.callsFile, status);
       return status;
     }
@@ -947,6 +1031,8 @@ EFI_STATUS Run(EFI_HANDLE image, Settings& settings) {
       if (line[0] != u'#' && settings.callCount < kMaxCalls)
         settings.calls[settings.callCount++] = line;
   }
+  // A boot image made without calls is the technician's menu.
+  settings.menu = settings.menu || (settings.bootMode && settings.callCount == 0);
   wc::PoolPtr<CHAR16> scriptText;
   auto script = wc::PoolPtr<AnswerScript>::AllocateZero(sizeof(AnswerScript));
   if (settings.scriptFile != nullptr) {

@@ -24,6 +24,8 @@ struct EFI_SIMPLE_TEXT_INPUT_PROTOCOL {
   EFI_STATUS(EFIAPI* ReadKeyStroke)(EFI_SIMPLE_TEXT_INPUT_PROTOCOL* This, EFI_INPUT_KEY* Key);
   EFI_EVENT WaitForKey;
 };
+constexpr UINT16 SCAN_UP = 0x01;
+constexpr UINT16 SCAN_DOWN = 0x02;
 constexpr UINT16 SCAN_ESC = 0x17;
 
 // ---- Simple text output ----

@@ -1,0 +1,123 @@
+#include "manager/Advice.h"
+
+#include "base/Number.h"
+#include "base/Print.h"
+#include "base/String.h"
+
+namespace {
+
+// The texts are the README's cells, code spans in backquotes included.
+constexpr AdviceRow kRows[] = {
+    {0x80160101, u"0x80160101", u"pingtest", u"the NIC got no IPv4 address within 60 s, or DHCP timed out",
+     u"a DHCP server on the port's network: no server, one that offers but never acknowledges, and one that "
+     u"answers with NAK all end here; so does a missing cable on a NIC whose driver never reads the link "
+     u"(the "
+     u"table of cable checks above: no prompt to plug the cable was shown)"},
+    {0x80160302, u"0x80160302", u"interactivenetworktest", u"no address within 60 s, or DHCP not bound",
+     u"as 0x80160101"},
+    {0x80160102, u"0x80160102", u"pingtest", u"the DHCP server did not answer every echo request in time",
+     u"whether the server answers ping at all (a firewall dropping ICMP), answers late (more than about 2 s: "
+     u"a "
+     u"reply 1.5 s late still passes, 3 s late fails), or loses replies (one lost reply of `-testrepeats` "
+     u"fails "
+     u"the test); a \"destination unreachable\" answer, replies with another identifier and replies from "
+     u"another "
+     u"address count as no reply"},
+    {0x80160303, u"0x80160303", u"interactivenetworktest",
+     u"the host pinged last (the gateway, or the DHCP server) did not answer three requests",
+     u"as 0x80160102. A silent gateway does not show here: the test then configures the NIC by DHCP and "
+     u"pings the "
+     u"DHCP server instead, and passes when that answers"},
+    {0x80160103, u"0x80160103", u"pingtest, the NIC tests", u"no NIC with a managed-network service binding",
+     u"the log's next line says what the module saw: no random-number generator (firmware since EDK2 2024 "
+     u"starts "
+     u"no network stack without one: enable the platform's RNG or TPM entropy source in setup), no network "
+     u"driver "
+     u"connected to the NIC (the shell's `connect -r`; a boot order that skips network boot may leave them "
+     u"unconnected), no NIC driver at all (a NIC without a UEFI driver or option ROM), or the binding "
+     u"missing "
+     u"although all of that is there (a firmware fault)"},
+    {0x80160104, u"0x80160104", u"pingtest, the NIC tests",
+     u"the NIC asked for by `-index`, `-devicepath` or `-DeviceID` does not exist",
+     u"the option's value against the machine's NICs: `-index` counts the NICs with a managed-network "
+     u"service "
+     u"binding from 1 (with `-DeviceID`, those with that PCI device ID); `interactivenetworktest`'s menu "
+     u"lists "
+     u"them"},
+    {0x80160105, u"0x80160105", u"pingtest",
+     u"an unsupported ping kind was asked for (`-dhcpping=false` or `-localping=true`)",
+     u"the call's options: pingtest pings the DHCP server only"},
+    {0x80160107, u"0x80160107", u"pingtest", u"no link after six checks", u"the cable and the switch port"},
+    {0x80160301, u"0x80160301 (Warning)", u"interactivenetworktest", u"no link after ten checks",
+     u"as 0x80160107"},
+    {0x80160106, u"0x80160106", u"pingtest",
+     u"DHCP refused: another DHCP client was active on the NIC for 20 s, or the ping found no address",
+     u"another program or driver using the NIC's DHCP"},
+    {0x80160402, u"0x80160402", u"macaddresstest",
+     u"every attempt found a bad MAC address: zero, broadcast-like, or matching a pattern of `Network.ini`'s "
+     u"`[Invalid_MACPattern]`",
+     u"the address the log shows: all zeros or all ones is a NIC whose address was never programmed (its "
+     u"EEPROM); a pattern match is the fleet's own rule"},
+    {0x80160501, u"0x80160501", u"SpeedTest",
+     u"the transmit throughput was below `-NetworkSpeed` in every attempt",
+     u"the speed the switch port negotiated (a 100 Mbit/s port under a 1000 Mbit/s test), and the log's "
+     u"frames per "
+     u"second and frames that failed"},
+    {0x80160601, u"0x80160601", u"NicSpeedTest",
+     u"the NIC's rated speeds, by its PCI vendor and device ID, do not reach `-NetworkSpeed`",
+     u"the NIC model against the speed the machine should have; the rated speeds come from the built-in "
+     u"table and "
+     u"the `[NIC_Speed]` section of `Network.ini`"},
+    {0x80160701, u"0x80160701", u"IRQTest", u"the NIC's PCI interrupt line is 0 (no interrupt routed)",
+     u"the interrupt routing of the slot in the firmware's setup"},
+    {0x80000001, u"0x80000001", u"any test",
+     u"the operator failed or cancelled the test at a progress report or a menu",
+     u"nothing on the machine: the test was stopped by hand; run it again"},
+    {0x80000002, u"0x80000002", u"any test", u"the option string was refused",
+     u"the log's line naming the option; `-help=TEST` lists a test's options with their ranges"},
+    {0x800000FF, u"0x800000FF", u"any test",
+     u"the module itself failed: memory, a firmware protocol it could not open, a NIC outside "
+     u"`NicSpeedTest`'s "
+     u"rated-speed table",
+     u"the module's `Debug.log` and the status of the result; for `NicSpeedTest`, a row for the NIC in "
+     u"`[NIC_Speed]` of `Network.ini`"},
+};
+
+} // namespace
+
+const AdviceRow* AdviceRows(UINTN* Count) {
+  *Count = sizeof(kRows) / sizeof(kRows[0]);
+  return kRows;
+}
+
+const AdviceRow* AdviceFor(UINTN Code) {
+  for (const AdviceRow& row : kRows)
+    if (row.Code == Code)
+      return &row;
+  return nullptr;
+}
+
+void AdviceText(UINTN Code, CHAR16* Out, UINTN OutSize) {
+  if (OutSize < sizeof(CHAR16))
+    return;
+  Out[0] = 0;
+  const AdviceRow* row = AdviceFor(Code);
+  if (row == nullptr)
+    return;
+  const CHAR16* check = row->Check;
+  if (StrnCmp(check, u"as 0x", 5) == 0) { // the referred code's advice, then what this row adds
+    const CHAR16* end = nullptr;
+    const AdviceRow* referred = AdviceFor(UINTN(StrToInteger(check + 3, &end, FALSE)));
+    if (referred != nullptr && end != nullptr) {
+      SPrint(Out, OutSize, u"%s%s", referred->Check, *end == u'.' ? end : u"");
+      check = nullptr;
+    }
+  }
+  if (check != nullptr)
+    StrCopy(Out, OutSize, check);
+  CHAR16* to = Out; // the table's code spans read as plain text on a screen
+  for (const CHAR16* from = Out; *from != 0; ++from)
+    if (*from != u'`')
+      *to++ = *from;
+  *to = 0;
+}

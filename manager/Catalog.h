@@ -1,0 +1,54 @@
+// The module's catalog as the manager's menu reads it: the tests with their descriptions and, for
+// each, its arguments with type, range, list and default. A value the technician types is checked
+// against the catalog before a call is made, as the module would check it.
+#pragma once
+#include "text/Xml.h"
+
+constexpr UINTN kFrontMaxTests = 16;
+constexpr UINTN kFrontMaxArguments = 16;
+constexpr UINTN kFrontValueChars = 128;
+
+struct FrontArgument {
+  // Texts of the catalog document (null where the catalog has none).
+  const CHAR16* Name;
+  const CHAR16* Default;
+  const CHAR16* Type; // "integer", "integer64", "boolean", "string" or "" (a switch without value)
+  const CHAR16* Description;
+  const CHAR16* Low;
+  const CHAR16* High;
+  const CHAR16* List; // entries separated by ","
+  bool Required;
+  CHAR16 Value[kFrontValueChars]; // the value the next call uses; the default until edited
+  bool Edited;
+};
+
+struct FrontTest {
+  const CHAR16* Name;
+  const CHAR16* Description;
+  FrontArgument Arguments[kFrontMaxArguments];
+  UINTN ArgumentCount;
+};
+
+struct FrontCatalog {
+  XmlNode* Document; // owns every text above
+  FrontTest Tests[kFrontMaxTests];
+  UINTN TestCount;
+};
+
+// Reads a catalog document (decoded text). EFI_NOT_FOUND when it holds no DIAGNOSTIC element or no
+// test; tests and arguments past the limits above are left out (TestCount and ArgumentCount stop).
+EFI_STATUS ReadFrontCatalog(const CHAR16* Text, FrontCatalog* Catalog);
+void FreeFrontCatalog(FrontCatalog* Catalog);
+
+// Whether Value suits the argument's type, range and list; when not, Why says so in a line such as
+// "-retries takes 0..5; 9 is outside". Quote marks are refused: the option string could not carry them.
+bool CheckFrontValue(const FrontArgument& Argument, const CHAR16* Value, CHAR16* Why, UINTN WhySize);
+
+// The option string of a call: "-test=<name>" and every edited argument as "<name>=<value>" (a
+// switch without value by its name, when its value is true; a value with a blank in double quotes).
+// False when it does not fit.
+bool BuildFrontOptions(const FrontTest& Test, CHAR16* Out, UINTN OutSize);
+
+// The range and list of an argument as the menu shows them ("0..5", "1 or higher", "a|b|c"; empty
+// when it has neither).
+void DescribeFrontLimits(const FrontArgument& Argument, CHAR16* Out, UINTN OutSize);

@@ -1,0 +1,314 @@
+#include "manager/Front.h"
+
+#include "base/Print.h"
+#include "base/String.h"
+#include "manager/Advice.h"
+#include "manager/Report.h"
+
+namespace {
+
+constexpr UINTN kColumns = 79; // a line of an 80-column console, the last column left free
+constexpr UINTN kLineChars = 1024;
+
+// The menu's own texts: the message file's, in the manager's language, where it has them.
+enum TextId : UINTN {
+  kTitle = 200,
+  kRunAll,
+  kFinish,
+  kRun,
+  kBack,
+  kHint,
+  kPressKey,
+  kSummary,
+  kNoCalls,
+  kNewValue,
+  kNoTests,
+};
+const CHAR16* const kEnglish[] = {
+    u"Wirecheck: choose a test",
+    u"Run all tests",
+    u"Finish",
+    u"Run",
+    u"Back",
+    u"Choose with a digit or the arrow keys and Enter; ESC goes back.",
+    u"Press a key to return to the menu.",
+    u"Summary of this session",
+    u"No test was run.",
+    u"New value (Enter keeps it, ESC leaves it as it was)",
+    u"The module's catalog could not be read: there is no test to choose.",
+};
+
+class Menu {
+public:
+  Menu(FrontHost& host, FrontCatalog& catalog, FrontSession& session)
+      : host_(host), catalog_(catalog), session_(session) {}
+
+  void Run() {
+    if (catalog_.TestCount == 0)
+      Line(u"FRONT %s\r\n", T(kNoTests));
+    for (;;) {
+      const Answer* a = nullptr;
+      INT64 choice = host_.Script != nullptr ? ScriptedMain(&a) : ChooseOnMain();
+      if (choice < 0 || UINTN(choice) == catalog_.TestCount + 2)
+        break; // Finish
+      if (UINTN(choice) == catalog_.TestCount + 1) {
+        for (UINTN t = 0; t < catalog_.TestCount; ++t)
+          RunTest(catalog_.Tests[t]);
+        continue;
+      }
+      TestScreen(catalog_.Tests[choice - 1]);
+    }
+    Summary();
+  }
+
+private:
+  const CHAR16* T(UINTN id) {
+    const CHAR16* text = host_.Text != nullptr ? host_.Text(host_.Context, id) : nullptr;
+    return text != nullptr ? text : kEnglish[id - kTitle];
+  }
+
+  template <class... A> void Line(const CHAR16* format, const A&... args) {
+    CHAR16 line[kLineChars];
+    SPrint(line, sizeof(line), format, args...);
+    host_.Show(host_.Context, line, 0);
+  }
+
+  // An item line cut to the console's width.
+  void Item(UINTN number, const CHAR16* text, bool highlighted) {
+    CHAR16 line[kLineChars];
+    SPrint(line, sizeof(line), u"FRONT item=%d %s", number, text);
+    if (StrLen(line) > kColumns)
+      StrCopy(line + kColumns - 3, sizeof(line) - (kColumns - 3) * sizeof(CHAR16), u"...");
+    StrAppend(line, sizeof(line), u"\r\n");
+    host_.Show(host_.Context, line, highlighted ? EFI_BLACK | 0x70 : 0); // reverse video for the highlight
+  }
+
+  // The scripted answer for the main screen: a test's position, all, finish.
+  INT64 ScriptedMain(const Answer** a) {
+    for (;;) {
+      *a = TakeAnswer(host_.Script, AnswerKind::Front);
+      if (*a == nullptr) {
+        Line(u"FRONT the script has no answer left: finish\r\n");
+        return -1;
+      }
+      switch ((*a)->Step) {
+      case FrontStep::Finish:
+        return -1;
+      case FrontStep::All:
+        return INT64(catalog_.TestCount + 1);
+      case FrontStep::Test:
+        for (UINTN t = 0; t < catalog_.TestCount; ++t)
+          if (StriEq(catalog_.Tests[t].Name, (*a)->Name)) {
+            Line(u"FRONT test=%s\r\n", catalog_.Tests[t].Name);
+            return INT64(t + 1);
+          }
+        Line(u"FRONT the catalog has no test %s\r\n", (*a)->Name);
+        break;
+      default:
+        Line(u"FRONT a script line for a test's screen came on the list of tests: left out\r\n");
+        break;
+      }
+    }
+  }
+
+  void DrawMain(UINTN highlight) {
+    Line(u"FRONT screen=tests title=\"%s\"\r\n", T(kTitle));
+    CHAR16 text[kLineChars];
+    for (UINTN t = 0; t < catalog_.TestCount; ++t) {
+      SPrint(text, sizeof(text), u"%-24s%s", catalog_.Tests[t].Name, catalog_.Tests[t].Description);
+      Item(t + 1, text, highlight == t + 1);
+    }
+    Item(catalog_.TestCount + 1, T(kRunAll), highlight == catalog_.TestCount + 1);
+    Item(catalog_.TestCount + 2, T(kFinish), highlight == catalog_.TestCount + 2);
+    Line(u"FRONT %s\r\n", T(kHint));
+  }
+
+  INT64 ChooseOnMain() {
+    return Choose(catalog_.TestCount + 2, [this](UINTN highlight) { DrawMain(highlight); });
+  }
+
+  // The keyboard's choice among items 1..count: digits and Enter, or the arrows and Enter; ESC
+  // gives -1. Keys other than these are let go, so a key held down only repeats itself.
+  template <class Draw> INT64 Choose(UINTN count, Draw draw) {
+    UINTN highlight = 1;
+    UINTN typed = 0;
+    host_.Clear(host_.Context);
+    draw(highlight);
+    for (;;) {
+      EFI_INPUT_KEY key = host_.ReadKey(host_.Context);
+      if (key.ScanCode == SCAN_ESC)
+        return -1;
+      if (key.ScanCode == SCAN_UP || key.ScanCode == SCAN_DOWN) {
+        highlight = key.ScanCode == SCAN_UP ? (highlight > 1 ? highlight - 1 : count)
+                                            : (highlight < count ? highlight + 1 : 1);
+        typed = 0;
+        host_.Clear(host_.Context);
+        draw(highlight);
+      } else if (key.UnicodeChar >= u'0' && key.UnicodeChar <= u'9' && typed < 1000) {
+        typed = typed * 10 + UINTN(key.UnicodeChar - u'0');
+      } else if (key.UnicodeChar == u'\r') {
+        UINTN chosen = typed != 0 ? typed : highlight;
+        if (chosen >= 1 && chosen <= count) {
+          Line(u"FRONT answer=%d\r\n", chosen);
+          return INT64(chosen);
+        }
+        Line(u"FRONT no item %d: choose 1 to %d\r\n", chosen, count);
+        typed = 0;
+      }
+    }
+  }
+
+  void DrawTest(const FrontTest& test, UINTN highlight) {
+    Line(u"FRONT screen=test name=%s\r\n", test.Name);
+    Line(u"FRONT %s\r\n", test.Description);
+    CHAR16 text[kLineChars];
+    for (UINTN i = 0; i < test.ArgumentCount; ++i) {
+      const FrontArgument& a = test.Arguments[i];
+      CHAR16 limits[160];
+      DescribeFrontLimits(a, limits, sizeof(limits));
+      SPrint(text, sizeof(text), u"%s=%s (%s%s%s, default %s)", a.Name, a.Value,
+             a.Type[0] ? a.Type : u"switch", limits[0] ? u", " : u"", limits,
+             a.Default != nullptr ? a.Default : u"none");
+      Item(i + 1, text, highlight == i + 1);
+    }
+    Item(test.ArgumentCount + 1, T(kRun), highlight == test.ArgumentCount + 1);
+    Item(test.ArgumentCount + 2, T(kBack), highlight == test.ArgumentCount + 2);
+    Line(u"FRONT %s\r\n", T(kHint));
+  }
+
+  void TestScreen(FrontTest& test) {
+    for (;;) {
+      if (host_.Script != nullptr) {
+        DrawTest(test, 0);
+        const Answer* a = TakeAnswer(host_.Script, AnswerKind::Front);
+        if (a == nullptr || a->Step == FrontStep::Back)
+          return;
+        if (a->Step == FrontStep::Run) {
+          RunTest(test);
+          return;
+        }
+        if (a->Step == FrontStep::Set) {
+          FrontArgument* arg = Find(test, a->Name);
+          if (arg == nullptr)
+            Line(u"FRONT refused: %s has no argument %s\r\n", test.Name, a->Name);
+          else
+            Set(*arg, a->Text);
+          continue;
+        }
+        Line(u"FRONT a script line for the list of tests came on a test's screen: left out\r\n");
+        continue;
+      }
+      INT64 choice = Choose(test.ArgumentCount + 2, [&](UINTN highlight) { DrawTest(test, highlight); });
+      if (choice < 0 || UINTN(choice) == test.ArgumentCount + 2)
+        return;
+      if (UINTN(choice) == test.ArgumentCount + 1) {
+        RunTest(test);
+        return;
+      }
+      Edit(test.Arguments[choice - 1]);
+    }
+  }
+
+  static FrontArgument* Find(FrontTest& test, const CHAR16* name) {
+    for (UINTN i = 0; i < test.ArgumentCount; ++i)
+      if (StriEq(test.Arguments[i].Name, name))
+        return &test.Arguments[i];
+    return nullptr;
+  }
+
+  // A new value, checked against the catalog; a refused one says why and the old one stays.
+  void Set(FrontArgument& arg, const CHAR16* value) {
+    CHAR16 why[kLineChars];
+    if (!CheckFrontValue(arg, value, why, sizeof(why))) {
+      Line(u"FRONT refused: %s; %s stays %s\r\n", why, arg.Name, arg.Value);
+      return;
+    }
+    StrCopy(arg.Value, sizeof(arg.Value), value);
+    arg.Edited = true;
+    Line(u"FRONT set %s=%s\r\n", arg.Name, arg.Value);
+  }
+
+  // The keyboard's new value: printable characters, Backspace; Enter takes it, ESC leaves the old one.
+  void Edit(FrontArgument& arg) {
+    CHAR16 limits[160];
+    DescribeFrontLimits(arg, limits, sizeof(limits));
+    Line(u"FRONT %s: %s%s%s\r\nFRONT %s=", T(kNewValue), arg.Name, limits[0] ? u" " : u"", limits, arg.Name);
+    CHAR16 value[kFrontValueChars] = {};
+    UINTN n = 0;
+    for (;;) {
+      EFI_INPUT_KEY key = host_.ReadKey(host_.Context);
+      if (key.ScanCode == SCAN_ESC) {
+        Line(u"\r\nFRONT %s stays %s\r\n", arg.Name, arg.Value);
+        return;
+      }
+      if (key.UnicodeChar == u'\r')
+        break;
+      if (key.UnicodeChar == u'\b' && n > 0) {
+        value[--n] = 0;
+        Line(u"\b \b");
+      } else if (key.UnicodeChar >= u' ' && key.UnicodeChar < 0x7F && n + 1 < kFrontValueChars) {
+        value[n++] = key.UnicodeChar;
+        value[n] = 0;
+        CHAR16 echo[2] = {key.UnicodeChar, 0};
+        host_.Show(host_.Context, echo, 0);
+      }
+    }
+    Line(u"\r\n");
+    if (n == 0)
+      return; // Enter alone keeps the value
+    Set(arg, value);
+  }
+
+  void RunTest(FrontTest& test) {
+    if (session_.CallCount == kFrontMaxCalls) {
+      Line(u"FRONT this session has made %d calls, the most it records: finish it to run more\r\n",
+           kFrontMaxCalls);
+      return;
+    }
+    FrontCall& call = session_.Calls[session_.CallCount];
+    if (!BuildFrontOptions(test, call.Options, sizeof(call.Options))) {
+      Line(u"FRONT refused: the option string of %s is longer than %d characters\r\n", test.Name,
+           sizeof(call.Options) / sizeof(CHAR16) - 1);
+      return;
+    }
+    ++session_.CallCount;
+    host_.Run(host_.Context, call.Options, &call);
+    ResultScreen(test, call);
+  }
+
+  void ResultScreen(const FrontTest& test, const FrontCall& call) {
+    Line(u"FRONT result test=%s options='%s' result=%s error=0x%x status=%r meaning=\"%s\"\r\n", test.Name,
+         call.Options, ResultName(call.Result), call.Error, call.Status, ReportMeaning(call.Error));
+    CHAR16 advice[kLineChars];
+    AdviceText(call.Error, advice, sizeof(advice));
+    if (advice[0] != 0)
+      Line(u"FRONT check=%s\r\n", advice);
+    if (host_.Script == nullptr) {
+      Line(u"FRONT %s\r\n", T(kPressKey));
+      host_.ReadKey(host_.Context);
+    }
+  }
+
+  void Summary() {
+    if (host_.Script == nullptr)
+      host_.Clear(host_.Context);
+    Line(u"FRONT summary calls=%d title=\"%s\"\r\n", session_.CallCount, T(kSummary));
+    if (session_.CallCount == 0)
+      Line(u"FRONT %s\r\n", T(kNoCalls));
+    for (UINTN i = 0; i < session_.CallCount; ++i) {
+      const FrontCall& c = session_.Calls[i];
+      Line(u"FRONT call=%d result=%s error=0x%x options='%s' meaning=\"%s\"\r\n", i + 1, ResultName(c.Result),
+           c.Error, c.Options, ReportMeaning(c.Error));
+    }
+  }
+
+  FrontHost& host_;
+  FrontCatalog& catalog_;
+  FrontSession& session_;
+};
+
+} // namespace
+
+void RunFrontMenu(FrontHost& Host, FrontCatalog& Catalog, FrontSession& Session) {
+  Menu(Host, Catalog, Session).Run();
+}

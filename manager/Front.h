@@ -1,0 +1,42 @@
+// The manager's menu for a technician at a machine: the module's tests from its catalog, an argument
+// screen per test whose values are checked against the catalog before a call, a result screen with
+// what to check after each call, and a summary of the session at the end. Driven by the keyboard
+// (digits or arrows and Enter, ESC back) or by a script's "front" lines.
+#pragma once
+#include "manager/Catalog.h"
+#include "manager/Script.h"
+
+constexpr UINTN kFrontMaxCalls = 64;
+
+// What a call the menu made gave back.
+struct FrontCall {
+  CHAR16 Options[256];
+  UINTN Result;
+  UINTN Error;
+  EFI_STATUS Status;
+};
+
+// What the menu needs of the manager.
+struct FrontHost {
+  void* Context;
+  // Shows a line (or a part of one) on the screen and in the manager's logs.
+  void (*Show)(void* Context, const CHAR16* Text, UINTN Attribute);
+  // Clears the screen before a menu is drawn for the keyboard.
+  void (*Clear)(void* Context);
+  // The next key, waiting for one.
+  EFI_INPUT_KEY (*ReadKey)(void* Context);
+  // Runs one call with the option string and records it like every other call.
+  void (*Run)(void* Context, CHAR16* Options, FrontCall* Call);
+  // The text of a message of the message file in the manager's language, or null.
+  const CHAR16* (*Text)(void* Context, UINTN Id);
+  AnswerScript* Script; // scripted: "front" lines answer the menu; null: the keyboard does
+};
+
+struct FrontSession {
+  FrontCall Calls[kFrontMaxCalls];
+  UINTN CallCount;
+};
+
+// Runs the menu until Finish (or the script's last "front" line), then shows the summary of the
+// session's calls. Catalog may hold no tests: the menu then offers Finish only.
+void RunFrontMenu(FrontHost& Host, FrontCatalog& Catalog, FrontSession& Session);
