@@ -86,6 +86,7 @@ private:
   // The scripted answer for the main screen: a test's position, all, finish.
   INT64 ScriptedMain(const Answer** a) {
     for (;;) {
+      DrawMain(0);
       *a = TakeAnswer(host_.Script, AnswerKind::Front);
       if (*a == nullptr) {
         Line(u"FRONT the script has no answer left: finish\r\n");
@@ -120,7 +121,7 @@ private:
     }
     Item(catalog_.TestCount + 1, T(kRunAll), highlight == catalog_.TestCount + 1);
     Item(catalog_.TestCount + 2, T(kFinish), highlight == catalog_.TestCount + 2);
-    Line(u"FRONT %s\r\n", T(kHint));
+    Line(u"FRONT hint=%s\r\n", T(kHint));
   }
 
   INT64 ChooseOnMain() {
@@ -173,7 +174,7 @@ private:
     }
     Item(test.ArgumentCount + 1, T(kRun), highlight == test.ArgumentCount + 1);
     Item(test.ArgumentCount + 2, T(kBack), highlight == test.ArgumentCount + 2);
-    Line(u"FRONT %s\r\n", T(kHint));
+    Line(u"FRONT hint=%s\r\n", T(kHint));
   }
 
   void TestScreen(FrontTest& test) {
@@ -284,7 +285,7 @@ private:
     if (advice[0] != 0)
       Line(u"FRONT check=%s\r\n", advice);
     if (host_.Script == nullptr) {
-      Line(u"FRONT %s\r\n", T(kPressKey));
+      Line(u"FRONT hint=%s\r\n", T(kPressKey));
       host_.ReadKey(host_.Context);
     }
   }

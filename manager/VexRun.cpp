@@ -1033,6 +1033,10 @@ EFI_STATUS Run(EFI_HANDLE image, Settings& settings) {
   }
   // A boot image made without calls is the technician's menu.
   settings.menu = settings.menu || (settings.bootMode && settings.callCount == 0);
+  if (settings.menu && !gState->reports) { // what the technician ran is recorded as a stick's calls are
+    gState->results = CreateFresh(u"results.txt");
+    gState->reports = true;
+  }
   wc::PoolPtr<CHAR16> scriptText;
   auto script = wc::PoolPtr<AnswerScript>::AllocateZero(sizeof(AnswerScript));
   if (settings.scriptFile != nullptr) {

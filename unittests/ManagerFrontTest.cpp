@@ -309,6 +309,17 @@ TEST_F(MenuFixture, TheKeyboardChoosesEditsRunsAndGoesBack) {
       EXPECT_LE(line.size(), 80u) << line; // 79 characters and the CR
 }
 
+TEST_F(MenuFixture, TextsComeInTheManagersLanguageAndEnglishWhereOneIsMissing) {
+  std::u16string text = u"front finish\n";
+  AnswerScript script{};
+  ASSERT_TRUE(ParseAnswerScript(text.data(), &script, nullptr));
+  FrontHost host = fake.Host(&script);
+  host.Text = [](void*, UINTN id) -> const CHAR16* { return id == 202 ? u"Terminer" : nullptr; };
+  RunFrontMenu(host, catalog, session);
+  EXPECT_NE(fake.screen.find(" Terminer\r\n"), std::string::npos);      // Finish, in French
+  EXPECT_NE(fake.screen.find(" Run all tests\r\n"), std::string::npos); // no French text given: English
+}
+
 TEST_F(MenuFixture, AScriptThatRunsOutOrSaysTheUnknownEndsTheSession) {
   std::u16string text = u"front test nosuch\nfront run\nfront test macaddresstest\nfront set -nosuch 1\n";
   AnswerScript script{};

@@ -66,8 +66,11 @@ TEST_F(MessagesTest, ShippedFileLanguagesAndEnglishFallback) {
   EXPECT_EQ(Text("ita", 100), u"Select the network adapter to test"); // no Italian block: English
   EXPECT_EQ(Text("eng", 25).substr(0, 24), u"Connect a network cable ");
   for (const char* language : {"eng", "fra", "deu", "esp"})
-    for (UINTN id : {25, 100, 101, 102, 103, 104, 105, 106, 107})
+    for (UINTN id :
+         {25,  100, 101, 102, 103, 104, 105, 106, 107, 200, 201,
+          202, 203, 204, 205, 206, 207, 208, 209, 210}) // the module's prompts and menus, then VexRun's menu
       EXPECT_NE(Text(language, id), u"<none>") << language << " " << id;
+  EXPECT_EQ(Text("deu", 202), u"Beenden");
   EXPECT_EQ(Text("eng", 999), u"<none>");
   EXPECT_NE(vol.Content(u"\\tools\\Debug.log").find("Localization(952) - MessageID 999"), std::string::npos);
 }

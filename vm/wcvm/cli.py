@@ -13,7 +13,7 @@ from .disk import build_image
 from .firmware import DEFAULT_GENERATION, DEFAULT_IPXE, GENERATIONS, IPXE
 from .firmware import resolve as resolve_firmware
 from .live import LivePrinter, run_vm
-from .report import write_json, write_junit
+from .report import call_blocks, write_json, write_junit
 
 def image_main(argv):
     """./wirecheck image FILE [--script FILE] [--file LOCAL=PATH] [--sign KEY --cert CERT] [--upload URL] OPTIONS...
@@ -31,11 +31,14 @@ def image_main(argv):
         for word in vm_args:
             if word.startswith("--") and word.split("=")[0] not in known:
                 raise ValueError(f"{word} does not apply to a boot image "
-                                 f"(only --script, --file, --call, --sign, --cert and --upload do)")
+                                 f"(only --script, --file, --call, --sign, --cert, --upload and --menu do)")
         args = parser.parse_args(vm_args)
         calls = [check_paths(c) for c in args.call + calls]
-        if not calls:
-            raise ValueError("no option string (for example: ./wirecheck image stick.img -test=pingtest)")
+        if args.menu and calls:
+            raise ValueError("--menu takes no option string: the technician chooses the calls in the menu")
+        if not calls and not args.menu:
+            raise ValueError("no option string (for example: ./wirecheck image stick.img -test=pingtest, or "
+                             "./wirecheck image stick.img --menu)")
         files = parse_files(args.file)
         script = ""
         if args.script:
@@ -53,6 +56,10 @@ def image_main(argv):
         print(f"wrote {path} ({os.path.getsize(path) // 1024} KiB): {len(calls)} call(s), results sent to "
               f"{args.upload.rstrip('/')}/<machine UUID>/<run>/ after every call; serve it for HTTP boot, or copy it "
               f"to a USB stick")
+        return 0
+    if args.menu:
+        print(f"wrote {path}: VexRun's menu of the module's tests; copy it to a USB stick with "
+              f"'sudo dd if={path} of=/dev/sdX bs=4M conv=fsync' and boot the machine from the stick")
         return 0
     print(f"wrote {path}: {len(calls)} call(s); copy it to a USB stick with "
           f"'sudo dd if={path} of=/dev/sdX bs=4M conv=fsync' and boot the machine from the stick")
@@ -95,6 +102,9 @@ def run_parser():
                              "machines do; without one, EDK2 2024 and later leave the network stack stopped)")
     parser.add_argument("--timeout", type=int, default=240, metavar="SECONDS",
                         help="the VM's time limit (default 240)")
+    parser.add_argument("--menu", action="store_true",
+                        help="no option string: VexRun's menu offers the module's tests from its catalog "
+                             "(answered at the terminal, or by a --script's front lines)")
     parser.add_argument("--secure-boot", action="store_true",
                         help="OVMF with Secure Boot on and Debian's test key enrolled; the calls run from a "
                              "boot image signed with that key (the firmware refuses its own shell)")
@@ -139,6 +149,7 @@ def image_parser():
     parser.add_argument("--sign", metavar="KEY")  # sbsign's private key, unencrypted PEM
     parser.add_argument("--cert", metavar="CERT")  # its certificate, PEM
     parser.add_argument("--upload", metavar="URL")  # where the results go with HTTP PUT
+    parser.add_argument("--menu", action="store_true")  # no calls: the technician's menu
     return parser
 
 
@@ -224,10 +235,12 @@ def main(argv):
         vm_args, calls = split_arguments(argv, parser)
         args = parser.parse_args(vm_args)
         calls = [check_paths(c) for c in args.call + calls]
-        if not calls:
-            raise ValueError("no option string (for example: ./wirecheck run -test=pingtest)")
+        if args.menu and calls:
+            raise ValueError("--menu takes no option string: the technician chooses the calls in the menu")
+        if not calls and not args.menu:
+            raise ValueError("no option string (for example: ./wirecheck run -test=pingtest, or ./wirecheck run --menu)")
         cfg = VmConfig(calls=calls, verbose=args.verbose, old_layout=args.old_layout,
-                       timeout=args.timeout, language=args.lang, ui=args.ui)
+                       timeout=args.timeout, language=args.lang, ui=args.ui, menu=args.menu)
         cfg.nics = [Nic.parse(n) for n in args.nic] or None
         cfg.firmware = resolve_firmware(args.firmware, args.ipxe, not args.no_rng)
         cfg.smbios = args.smbios
@@ -259,6 +272,8 @@ def main(argv):
     finally:
         printer.close()
         signal.signal(signal.SIGTERM, old_term)
+    if args.menu:  # the calls are those the menu made
+        calls = [options for options, _ in call_blocks(run.output)]
     if len(run.results) != len(calls):
         print(f"wirecheck run: the manager printed {len(run.results)} RESULT line(s) for {len(calls)} call(s)",
               file=sys.stderr)

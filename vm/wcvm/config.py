@@ -173,6 +173,7 @@ class VmConfig:
     script: str = ""  # answers for prompts, progress and menus
     verbose: bool = False  # manager shows the output flags of every line
     old_layout: bool = False
+    menu: bool = False  # VexRun's menu chooses the calls (-menu)
     reload: bool = False  # a fresh module image for every call
     check_handles: bool = False  # the manager compares the handle database around each call
     language: str = ""  # the manager shows prompt texts in this language of the message file

@@ -33,6 +33,8 @@ def _startup_script(cfg):
         args += " -v"
     if cfg.old_layout:
         args += " -old"
+    if cfg.menu:
+        args += " -menu"
     if cfg.reload:
         args += " -r"
     if cfg.check_handles:
@@ -149,8 +151,9 @@ def build_image(path, calls, script="", files=(), sign=None, upload=None):
         shutil.copy(os.path.join(ROOT, "support", "Wirecheck.msg.xml"), content)
         if sign:
             sign_binaries([os.path.join(content, "BOOTX64.EFI"), os.path.join(content, "Wirecheck.efi")], *sign)
-        with open(os.path.join(content, "calls.txt"), "w", newline="") as f:
-            f.write("".join(c + "\r\n" for c in calls))
+        if calls:  # without calls.txt VexRun opens its menu
+            with open(os.path.join(content, "calls.txt"), "w", newline="") as f:
+                f.write("".join(c + "\r\n" for c in calls))
         if script:
             with open(os.path.join(content, "script.txt"), "w", newline="") as f:
                 f.write(script)

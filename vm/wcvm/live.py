@@ -22,6 +22,8 @@ from .report import test_name
 
 # What the manager prints when it waits for a key that only a person can press.
 WAITING_LINES = ("Press a key to continue, ESC to abort.", "Choose an item with its number, ESC to cancel.")
+# VexRun's menu waits for a key after each of these lines, in the manager's language.
+WAITING_PREFIX = "FRONT hint="
 
 
 def _question(serial):
@@ -36,6 +38,8 @@ def _question(serial):
             prompt = f'{prompt.split(" (")[0]} ("{m.group(1).strip()}")'
         if line.startswith("MENU "):
             prompt = "a menu"
+        if line.startswith("FRONT screen="):
+            prompt = "VexRun's menu of tests (answer it with a --script of front lines: front test NAME, front run, ...)"
     return prompt or "a question"
 
 
@@ -150,7 +154,8 @@ def run_vm(cfg):
                             qmp.on_line(text)
                         if cfg.on_line:
                             cfg.on_line(text)
-                        if not cfg.keyboard and not cfg.script and text in WAITING_LINES:
+                        if not cfg.keyboard and not cfg.script and (text in WAITING_LINES
+                                                                    or text.startswith(WAITING_PREFIX)):
                             unanswerable = _question(clean_serial(bytes(raw)))
                         if text.startswith("BdsDxe: failed to "):
                             boot_failures.append(text.removeprefix("BdsDxe: "))
@@ -301,7 +306,7 @@ def _read_text(path):
 
 PROGRESS_LINE = re.compile(r"^PROGRESS \[([#.]+)\]\s*(\d+)% (\d+) s left$")
 # Lines that ask the operator something: at a terminal they stand out.
-QUESTION_LINES = ("PROMPT ", "MENU ") + WAITING_LINES
+QUESTION_LINES = ("PROMPT ", "MENU ", WAITING_PREFIX) + WAITING_LINES
 STANDOUT, PLAIN, CLEAR_LINE = "\x1b[1;7m", "\x1b[0m", "\r\x1b[2K"
 
 

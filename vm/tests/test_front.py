@@ -1,0 +1,130 @@
+"""The technician's front end: a menu stick (no calls) opens VexRun's menu of the module's tests from
+its catalog. Driven by a script's front lines on a stick signed for Secure Boot, and by keys typed
+at a terminal in tmux, as a technician would; both record every call with its options."""
+import json
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+import time
+import unittest
+
+from vmtest import ROOT, RUNNER, wcvm
+from wcvm.config import TEST_CERT, TEST_KEY, TEST_KEY_PASSPHRASE
+
+SCRIPT = """front test pingtest
+front set -retries 9
+front set -retries 2
+front run
+front all
+menu 1
+front finish
+"""
+TESTS = ["pingtest", "detectcable", "interactivenetworktest", "macaddresstest", "SpeedTest", "NicSpeedTest",
+         "IRQTest"]
+
+
+class ScriptedMenuStick(unittest.TestCase):
+    def test_a_signed_menu_stick_runs_what_the_script_chooses_and_records_it(self):
+        with tempfile.TemporaryDirectory() as work:
+            key = os.path.join(work, "key.pem")
+            subprocess.run(["openssl", "rsa", "-passin", f"pass:{TEST_KEY_PASSPHRASE}", "-in", TEST_KEY, "-out", key],
+                           check=True, capture_output=True)
+            script = os.path.join(work, "front.txt")
+            with open(script, "w") as f:
+                f.write(SCRIPT)
+            image = os.path.join(work, "menu.img")
+            made = subprocess.run(RUNNER + ["image", image, "--menu", "--script", script, "--sign", key, "--cert",
+                                            TEST_CERT], capture_output=True, text=True)
+            self.assertEqual(made.returncode, 0, made.stderr)
+            self.assertIn("VexRun's menu", made.stdout)
+            run = wcvm.run_vm(wcvm.VmConfig(image=image, secure_boot=True, timeout=400))
+            report = json.loads(wcvm.read_image_file(image, "results.json"))
+            results_txt = wcvm.read_image_file(image, "results.txt")
+        out = run.output
+        # The menu from the catalog: every test, Run all and Finish.
+        for name in TESTS:
+            self.assertRegex(out, rf"FRONT item=\d+ {name} ")
+        self.assertIn("FRONT item=8 Run all tests", out)
+        # -retries=9 is refused with the catalog's range, and no call is made for it.
+        self.assertIn("FRONT refused: -retries takes 0..5; 9 is outside; -retries stays 0", out)
+        self.assertNotIn("-retries=9", results_txt)
+        options = ["-test=pingtest -retries=2", "-test=pingtest -retries=2"] + [f"-test={t}" for t in TESTS[1:]]
+        self.assertEqual([c["options"] for c in report["cases"]], options)
+        self.assertEqual([o for o in re.findall(r"options='([^']*)'", results_txt)], options)
+        # A result screen after each call; the summary of all of them and where the files are.
+        self.assertEqual(out.count("FRONT result test="), len(options))
+        self.assertIn(f"FRONT summary calls={len(options)}", out)
+        self.assertIn("FRONT files=\\EFI\\BOOT\\results.txt", out)
+        # NicSpeedTest on a NIC outside the rated-speed table: the result screen says what to check.
+        self.assertRegex(out, r"FRONT result test=NicSpeedTest .*error=0x800000FF")
+        self.assertIn("FRONT check=the module's Debug.log and the status of the result", out)
+
+
+class MenuAtATerminal(unittest.TestCase):
+    """./wirecheck run --menu in a tmux window: the keys a technician types."""
+
+    def setUp(self):
+        if shutil.which("tmux") is None:
+            self.skipTest("tmux is missing (./wirecheck installs it)")
+        self.session = f"wcfront{os.getpid()}"
+        self.work = tempfile.mkdtemp(prefix="wirecheck-front-")
+        self.last = os.path.join(self.work, "last")
+        env = f"WIRECHECK_VM_LAST={self.last} PYTHONPATH={os.path.join(ROOT, 'vm')}"
+        subprocess.run(["tmux", "new-session", "-d", "-s", self.session, "-x", "80", "-y", "25",
+                        f"cd {ROOT} && {env} python3 -m wcvm --menu; echo RUN-ENDED $?; sleep 600"], check=True)
+
+    def tearDown(self):
+        subprocess.run(["tmux", "kill-session", "-t", self.session], capture_output=True)
+        shutil.rmtree(self.work, ignore_errors=True)
+
+    def screen(self):
+        return subprocess.run(["tmux", "capture-pane", "-p", "-t", self.session, "-S", "-2000"], capture_output=True,
+                              text=True).stdout
+
+    def wait_for(self, text, seconds=240):
+        deadline = time.time() + seconds
+        while time.time() < deadline:
+            if text in self.screen():
+                return
+            time.sleep(0.5)
+        self.fail(f"no '{text}' on the terminal within {seconds} s:\n{self.screen()[-3000:]}")
+
+    def keys(self, *keys):
+        for key in keys:
+            subprocess.run(["tmux", "send-keys", "-t", self.session, key], check=True)
+            time.sleep(0.3)
+
+    def test_a_technician_chooses_edits_runs_all_and_finishes(self):
+        self.wait_for("FRONT screen=tests")
+        self.keys("1", "Enter")  # pingtest
+        self.wait_for("FRONT screen=test name=pingtest")
+        self.keys("1", "Enter", "9", "Enter")  # -retries=9: refused
+        self.wait_for("-retries takes 0..5; 9 is outside")
+        self.keys("1", "Enter", "2", "Enter")
+        self.wait_for("FRONT set -retries=2")
+        self.keys("7", "Enter")  # Run
+        self.wait_for("FRONT result test=pingtest")
+        self.keys("Space")
+        self.wait_for("FRONT item=8 Run all tests")
+        self.keys("8", "Enter")
+        # interactivenetworktest asks which NIC: the module's own menu, answered with its number.
+        self.wait_for("Choose an item with its number")
+        self.keys("1", "Enter")
+        for test in TESTS[1:]:
+            self.wait_for(f"FRONT result test={test}", 300)
+            self.keys("Space")
+        self.wait_for("FRONT item=9 Finish")
+        self.keys("Escape")
+        self.wait_for("RUN-ENDED", 120)
+        screen = self.screen()
+        self.assertIn("FRONT summary calls=8", screen)
+        with open(os.path.join(self.last, "results.txt")) as f:
+            options = re.findall(r"options='([^']*)'", f.read())
+        self.assertEqual(options, ["-test=pingtest -retries=2", "-test=pingtest -retries=2"] +
+                         [f"-test={t}" for t in TESTS[1:]])
+
+
+if __name__ == "__main__":
+    unittest.main()
