@@ -9,6 +9,7 @@ namespace {
 
 constexpr UINTN kColumns = 79; // a line of an 80-column console, the last column left free
 constexpr UINTN kLineChars = 1024;
+constexpr UINTN kNameColumn = 24; // where the tests' descriptions begin
 
 // The menu's own texts: the message file's, in the manager's language, where it has them.
 enum TextId : UINTN {
@@ -116,7 +117,11 @@ private:
     Line(u"FRONT screen=tests title=\"%s\"\r\n", T(kTitle));
     CHAR16 text[kLineChars];
     for (UINTN t = 0; t < catalog_.TestCount; ++t) {
-      SPrint(text, sizeof(text), u"%-24s%s", catalog_.Tests[t].Name, catalog_.Tests[t].Description);
+      // The name in a column of its own (the print routine pads on the left only).
+      SPrint(text, sizeof(text), u"%s ", catalog_.Tests[t].Name);
+      while (StrLen(text) < kNameColumn)
+        StrAppend(text, sizeof(text), u" ");
+      StrAppend(text, sizeof(text), catalog_.Tests[t].Description);
       Item(t + 1, text, highlight == t + 1);
     }
     Item(catalog_.TestCount + 1, T(kRunAll), highlight == catalog_.TestCount + 1);
@@ -133,6 +138,7 @@ private:
   template <class Draw> INT64 Choose(UINTN count, Draw draw) {
     UINTN highlight = 1;
     UINTN typed = 0;
+    host_.Drain(host_.Context); // before the screen: a key seen after it is meant for it
     host_.Clear(host_.Context);
     draw(highlight);
     for (;;) {
@@ -285,6 +291,7 @@ private:
     if (advice[0] != 0)
       Line(u"FRONT check=%s\r\n", advice);
     if (host_.Script == nullptr) {
+      host_.Drain(host_.Context);
       Line(u"FRONT hint=%s\r\n", T(kPressKey));
       host_.ReadKey(host_.Context);
     }

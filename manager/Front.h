@@ -25,6 +25,8 @@ struct FrontHost {
   void (*Clear)(void* Context);
   // The next key, waiting for one.
   EFI_INPUT_KEY (*ReadKey)(void* Context);
+  // Lets go of keys typed before a screen appeared (a key held down): each screen waits for its own.
+  void (*Drain)(void* Context);
   // Runs one call with the option string and records it like every other call.
   void (*Run)(void* Context, CHAR16* Options, FrontCall* Call);
   // The text of a message of the message file in the manager's language, or null.

@@ -787,6 +787,12 @@ void FrontClear(void*) {
 EFI_INPUT_KEY FrontKey(void*) {
   return WaitForKey();
 }
+void FrontDrain(void*) {
+  EFI_INPUT_KEY key;
+  for (UINTN i = 0;
+       i < 256 && gST->ConIn != nullptr && !EFI_ERROR(gST->ConIn->ReadKeyStroke(gST->ConIn, &key)); ++i) {
+  }
+}
 void FrontRun(void* context, CHAR16* options, FrontCall* call) {
   auto* c = static_cast<FrontContext*>(context);
   RunOneCall(*c->api, c->module, options, call);
@@ -830,7 +836,8 @@ void RunMenu(const ModuleApi& api, EFI_HANDLE module) {
     Say(u"VexRun: the module's catalog could not be read (%r); the menu offers Finish only\r\n", status);
   auto session = wc::PoolPtr<FrontSession>::AllocateZero(sizeof(FrontSession));
   if (session) {
-    FrontHost host = {&context, FrontShow, FrontClear, FrontKey, FrontRun, FrontText, gState->script};
+    FrontHost host = {&context,   FrontShow, FrontClear, FrontKey,
+                      FrontDrain, FrontRun,  FrontText,  gState->script};
     RunFrontMenu(host, catalog, *session);
     Say(u"FRONT files=%s\\results.txt %s\\results.xml %s\\results.json\r\n", gState->dir, gState->dir,
         gState->dir);

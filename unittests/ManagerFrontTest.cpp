@@ -250,7 +250,17 @@ struct FakeHost {
     for (const char* c = text; *c != 0; ++c)
       keys.push_back({0, CHAR16(*c)});
   }
-  FrontHost Host(AnswerScript* script) { return {this, Show, Clear, Key, Run, nullptr, script}; }
+  // Keys marked as typed before the next screen appeared (a key held down): Drain lets them go.
+  std::set<size_t> ahead;
+  size_t drained = 0;
+  static void Drain(void* c) {
+    auto* h = static_cast<FakeHost*>(c);
+    while (h->nextKey < h->keys.size() && h->ahead.count(h->nextKey) != 0) {
+      ++h->nextKey;
+      ++h->drained;
+    }
+  }
+  FrontHost Host(AnswerScript* script) { return {this, Show, Clear, Key, Drain, Run, nullptr, script}; }
 };
 
 struct MenuFixture : CatalogFixture {
@@ -291,9 +301,13 @@ TEST_F(MenuFixture, TheKeyboardChoosesEditsRunsAndGoesBack) {
   fake.Type("1\r9\r"); // -retries: 9, refused
   fake.keys.push_back({SCAN_DOWN, 0});
   fake.keys.push_back({SCAN_UP, 0});
-  fake.Type("\r");                    // the highlight is on -retries again
-  fake.Type("2\b3\r");                // typed 2, rubbed out, 3
-  fake.Type("7\r");                   // Run
+  fake.Type("\r");              // the highlight is on -retries again
+  fake.Type("2\b3\r");          // typed 2, rubbed out, 3
+  fake.Type("7\r");             // Run
+  for (int i = 0; i < 5; ++i) { // Enter held down through the run: it must not choose on the next screen
+    fake.ahead.insert(fake.keys.size());
+    fake.Type("\r");
+  }
   fake.Type(" ");                     // a key after the result screen
   fake.keys.push_back({SCAN_ESC, 0}); // finish
   Sessions(nullptr);
@@ -301,6 +315,7 @@ TEST_F(MenuFixture, TheKeyboardChoosesEditsRunsAndGoesBack) {
   EXPECT_NE(fake.screen.find("-retries takes 0..5; 9 is outside"), std::string::npos);
   EXPECT_NE(fake.screen.find("FRONT set -retries=3"), std::string::npos);
   EXPECT_EQ(fake.nextKey, fake.keys.size());
+  EXPECT_EQ(fake.drained, 5u);
   EXPECT_GT(fake.clears, 3);
   // Every line fits an 80-column console.
   std::stringstream lines(fake.screen);

@@ -100,8 +100,8 @@ def run_parser():
     parser.add_argument("--no-rng", action="store_true",
                         help="no random-number generator for the firmware (by default the VM has one, as real "
                              "machines do; without one, EDK2 2024 and later leave the network stack stopped)")
-    parser.add_argument("--timeout", type=int, default=240, metavar="SECONDS",
-                        help="the VM's time limit (default 240)")
+    parser.add_argument("--timeout", type=int, default=None, metavar="SECONDS",
+                        help="the VM's time limit (default 240; with --menu, an hour: a technician takes time)")
     parser.add_argument("--menu", action="store_true",
                         help="no option string: VexRun's menu offers the module's tests from its catalog "
                              "(answered at the terminal, or by a --script's front lines)")
@@ -240,7 +240,8 @@ def main(argv):
         if not calls and not args.menu:
             raise ValueError("no option string (for example: ./wirecheck run -test=pingtest, or ./wirecheck run --menu)")
         cfg = VmConfig(calls=calls, verbose=args.verbose, old_layout=args.old_layout,
-                       timeout=args.timeout, language=args.lang, ui=args.ui, menu=args.menu)
+                       timeout=args.timeout or (3600 if args.menu else 240), language=args.lang, ui=args.ui,
+                       menu=args.menu)
         cfg.nics = [Nic.parse(n) for n in args.nic] or None
         cfg.firmware = resolve_firmware(args.firmware, args.ipxe, not args.no_rng)
         cfg.smbios = args.smbios
