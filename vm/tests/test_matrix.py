@@ -11,9 +11,9 @@ from vmtest import ROOT, run_command
 
 
 # The thirteen eepro100-family models share one option ROM (efi-eepro100.rom) and give the same
-# cell in every row on every generation (./wirecheck matrix --firmware all); the suite boots the
-# oldest, the one without power management and the newest of them, ./wirecheck matrix all thirteen.
-EEPRO100_IN_SUITE = ("i82550", "i82559er", "i82801")
+# cell in every row on every generation (./wirecheck matrix --firmware all); the suite boots one of
+# them, the newest, and ./wirecheck matrix all thirteen.
+EEPRO100_IN_SUITE = ("i82801",)
 
 
 def suite_models():
