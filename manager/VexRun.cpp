@@ -610,8 +610,8 @@ constexpr UploadFile kUploadFiles[] = {
 };
 constexpr UINTN kUploadAttempts = 3;
 constexpr UINT32 kUploadWaitMs = 10000;
-constexpr UINT64 kUploadRoundMs =
-    90000; // past this a round tries no more: a silent server never holds the machine
+// Past this a round tries no more: a silent server never holds the machine.
+constexpr UINT64 kUploadRoundMs = 90000;
 
 // One PUT of a file, on the service that answered last or, until one has, on each in turn.
 PutOutcome PutOnAnyService(const wc::HandleBuffer& services, const CHAR16* url, const UploadFile& file,
@@ -689,11 +689,8 @@ void UploadResults() {
     SPrint(answer, sizeof(answer), u"%d", outcome.HttpCode);
   else
     StrCopy(answer, sizeof(answer), u"not-2xx"); // a code the firmware's HTTP client does not name (507, say)
-  CHAR16 named[40];                              // the firmware's own status, by name
-  if (outcome.Status == EFI_HTTP_ERROR)
-    StrCopy(named, sizeof(named), u"HTTP error");
-  else
-    SPrint(named, sizeof(named), u"%r", outcome.Status);
+  CHAR16 named[40];
+  UploadStatusName(outcome.Status, named, sizeof(named));
   CHAR16 url[kUrlChars];
   SPrint(url, sizeof(url), u"%s%s", u.folder, stopped->name);
   const CHAR16* why = HttpsTrouble(url, outcome);

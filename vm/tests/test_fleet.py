@@ -110,7 +110,8 @@ class Fleet(unittest.TestCase):
         # A slow server only takes longer.
         self.assertEqual([(r["result"], r["upload"]) for r in by[slow.uuid]], [("Passed", "complete")] * 2)
         # Down, refusing, full: nothing on the server, the reason in the table, every result on the screen.
-        for machine, said in ((down, "answer=none"), (forbidden, "answer=403"), (full, "answer=not-2xx")):
+        for machine, said in ((down, "status=Connection Reset answer=none"), (forbidden, "answer=403"),
+                              (full, "answer=not-2xx")):
             (row,) = by[machine.uuid]
             self.assertIn("nothing on the server", row["upload"])
             self.assertIn(said, row["upload"])
