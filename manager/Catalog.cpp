@@ -62,17 +62,23 @@ EFI_STATUS ReadFrontCatalog(const CHAR16* Text, FrontCatalog* Catalog) {
                                        nullptr, FALSE, nullptr, FALSE);
   if (diagnostic == nullptr)
     return EFI_NOT_FOUND;
-  for (XmlNode* test = diagnostic->FirstChild; test != nullptr && Catalog->TestCount < kFrontMaxTests;
-       test = test->NextSibling) {
+  for (XmlNode* test = diagnostic->FirstChild; test != nullptr; test = test->NextSibling) {
     if (test->Type != XML_ELEMENT || !StriEq(test->Name, u"TEST") || Attribute(test, u"Name") == nullptr)
       continue;
+    if (Catalog->TestCount == kFrontMaxTests) {
+      ++Catalog->Omitted;
+      continue;
+    }
     FrontTest& t = Catalog->Tests[Catalog->TestCount++];
     t.Name = Attribute(test, u"Name");
     t.Description = OrEmpty(Attribute(test, u"Description"));
-    for (XmlNode* arg = test->FirstChild; arg != nullptr && t.ArgumentCount < kFrontMaxArguments;
-         arg = arg->NextSibling) {
+    for (XmlNode* arg = test->FirstChild; arg != nullptr; arg = arg->NextSibling) {
       if (arg->Type != XML_ELEMENT || !StriEq(arg->Name, u"ARGUMENT") || Attribute(arg, u"Name") == nullptr)
         continue;
+      if (t.ArgumentCount == kFrontMaxArguments) {
+        ++t.Omitted;
+        continue;
+      }
       FrontArgument& a = t.Arguments[t.ArgumentCount++];
       a.Name = Attribute(arg, u"Name");
       a.Default = Attribute(arg, u"Value");

@@ -27,16 +27,18 @@ struct FrontTest {
   const CHAR16* Description;
   FrontArgument Arguments[kFrontMaxArguments];
   UINTN ArgumentCount;
+  UINTN Omitted; // arguments past kFrontMaxArguments: the menu says so, and they keep their defaults
 };
 
 struct FrontCatalog {
   XmlNode* Document; // owns every text above
   FrontTest Tests[kFrontMaxTests];
   UINTN TestCount;
+  UINTN Omitted; // tests past kFrontMaxTests
 };
 
 // Reads a catalog document (decoded text). EFI_NOT_FOUND when it holds no DIAGNOSTIC element or no
-// test; tests and arguments past the limits above are left out (TestCount and ArgumentCount stop).
+// test; tests and arguments past the limits above are left out and counted.
 EFI_STATUS ReadFrontCatalog(const CHAR16* Text, FrontCatalog* Catalog);
 void FreeFrontCatalog(FrontCatalog* Catalog);
 

@@ -124,6 +124,9 @@ private:
       StrAppend(text, sizeof(text), catalog_.Tests[t].Description);
       Item(t + 1, text, highlight == t + 1);
     }
+    if (catalog_.Omitted != 0)
+      Line(u"FRONT the catalog lists %d more tests than this screen holds; they are not offered\r\n",
+           catalog_.Omitted);
     Item(catalog_.TestCount + 1, T(kRunAll), highlight == catalog_.TestCount + 1);
     Item(catalog_.TestCount + 2, T(kFinish), highlight == catalog_.TestCount + 2);
     Line(u"FRONT hint=%s\r\n", T(kHint));
@@ -178,6 +181,9 @@ private:
              a.Default != nullptr ? a.Default : u"none");
       Item(i + 1, text, highlight == i + 1);
     }
+    if (test.Omitted != 0)
+      Line(u"FRONT the catalog lists %d more arguments than this screen holds; they keep their defaults\r\n",
+           test.Omitted);
     Item(test.ArgumentCount + 1, T(kRun), highlight == test.ArgumentCount + 1);
     Item(test.ArgumentCount + 2, T(kBack), highlight == test.ArgumentCount + 2);
     Line(u"FRONT hint=%s\r\n", T(kHint));

@@ -998,6 +998,12 @@ EFI_STATUS Run(EFI_HANDLE image, Settings& settings) {
     gState->results = CreateFresh(u"results.txt");
     gState->reports = true;
   }
+  wc::PoolPtr<CHAR16> languageText; // a boot image's language for prompts and the menu: lang.txt
+  if (settings.bootMode && !EFI_ERROR(ReadWholeFile(u"lang.txt", languageText))) {
+    CHAR16* cursor = languageText.Get();
+    if (CHAR16* line = NextLine(&cursor); line != nullptr && line[0] != 0)
+      UnicodeToAscii(settings.language, sizeof(settings.language), line);
+  }
   wc::PoolPtr<CHAR16> uploadText;
   if (settings.bootMode && !EFI_ERROR(ReadWholeFile(u"upload.txt", uploadText))) {
     CHAR16* cursor = uploadText.Get();

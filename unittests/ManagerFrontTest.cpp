@@ -117,6 +117,48 @@ TEST_F(CatalogFixture, TheCallCarriesTheEditedArguments) {
   EXPECT_FALSE(BuildFrontOptions(ping, small, sizeof(small)));
 }
 
+// The menu on a fake manager: what it showed, the calls it made, the keys it was given.
+struct FakeHost {
+  std::string screen;
+  std::vector<std::string> calls;
+  std::vector<EFI_INPUT_KEY> keys;
+  size_t nextKey = 0;
+  int clears = 0;
+
+  static void Show(void* c, const CHAR16* text, UINTN) { static_cast<FakeHost*>(c)->screen += Narrow(text); }
+  static void Clear(void* c) { ++static_cast<FakeHost*>(c)->clears; }
+  static EFI_INPUT_KEY Key(void* c) {
+    auto* h = static_cast<FakeHost*>(c);
+    if (h->nextKey == h->keys.size()) {
+      ADD_FAILURE() << "the menu asked for more keys than were typed";
+      return {SCAN_ESC, 0};
+    }
+    return h->keys[h->nextKey++];
+  }
+  static void Run(void* c, CHAR16* options, FrontCall* call) {
+    auto* h = static_cast<FakeHost*>(c);
+    h->calls.push_back(Narrow(options));
+    call->Result = h->calls.size() == 1 ? TEST_RESULT_FAILED : TEST_RESULT_PASSED;
+    call->Error = h->calls.size() == 1 ? 0x80160107 : 0;
+    call->Status = EFI_SUCCESS;
+  }
+  void Type(const char* text) {
+    for (const char* c = text; *c != 0; ++c)
+      keys.push_back({0, CHAR16(*c)});
+  }
+  // Keys marked as typed before the next screen appeared (a key held down): Drain lets them go.
+  std::set<size_t> ahead;
+  size_t drained = 0;
+  static void Drain(void* c) {
+    auto* h = static_cast<FakeHost*>(c);
+    while (h->nextKey < h->keys.size() && h->ahead.count(h->nextKey) != 0) {
+      ++h->nextKey;
+      ++h->drained;
+    }
+  }
+  FrontHost Host(AnswerScript* script) { return {this, Show, Clear, Key, Drain, Run, nullptr, script}; }
+};
+
 TEST(FrontCatalogInput, BrokenCatalogsAreRefusedWithoutLeaks) {
   FakeFirmware fw;
   const char16_t* broken[] = {u"",
@@ -143,6 +185,22 @@ TEST(FrontCatalogInput, BrokenCatalogsAreRefusedWithoutLeaks) {
   ASSERT_EQ(ReadFrontCatalog(many.c_str(), &catalog), EFI_SUCCESS);
   EXPECT_EQ(catalog.TestCount, kFrontMaxTests);
   EXPECT_EQ(catalog.Tests[kFrontMaxTests - 1].ArgumentCount, kFrontMaxArguments);
+  EXPECT_EQ(catalog.Omitted, 4u);
+  EXPECT_EQ(catalog.Tests[0].Omitted, 4u);
+  // The menu says what it leaves out, and every line still fits the screen.
+  FakeHost host;
+  FrontSession session{};
+  std::u16string script = u"front test t0\nfront finish\n";
+  AnswerScript answers{};
+  ASSERT_TRUE(ParseAnswerScript(script.data(), &answers, nullptr));
+  FrontHost h = host.Host(&answers);
+  RunFrontMenu(h, catalog, session);
+  EXPECT_NE(host.screen.find("FRONT the catalog lists 4 more tests than this screen holds"),
+            std::string::npos);
+  EXPECT_NE(
+      host.screen.find("FRONT the catalog lists 4 more arguments than this screen holds; they keep their "
+                       "defaults"),
+      std::string::npos);
   FreeFrontCatalog(&catalog);
   for (uint64_t n = 1; n < 200; ++n) { // every allocation failed in turn
     fw.FailUse(n);
@@ -220,48 +278,6 @@ TEST(Advice, TheReadmeTableIsTheAdviceTheScreenShows) {
 } // namespace
 
 namespace {
-
-// The menu on a fake manager: what it showed, the calls it made, the keys it was given.
-struct FakeHost {
-  std::string screen;
-  std::vector<std::string> calls;
-  std::vector<EFI_INPUT_KEY> keys;
-  size_t nextKey = 0;
-  int clears = 0;
-
-  static void Show(void* c, const CHAR16* text, UINTN) { static_cast<FakeHost*>(c)->screen += Narrow(text); }
-  static void Clear(void* c) { ++static_cast<FakeHost*>(c)->clears; }
-  static EFI_INPUT_KEY Key(void* c) {
-    auto* h = static_cast<FakeHost*>(c);
-    if (h->nextKey == h->keys.size()) {
-      ADD_FAILURE() << "the menu asked for more keys than were typed";
-      return {SCAN_ESC, 0};
-    }
-    return h->keys[h->nextKey++];
-  }
-  static void Run(void* c, CHAR16* options, FrontCall* call) {
-    auto* h = static_cast<FakeHost*>(c);
-    h->calls.push_back(Narrow(options));
-    call->Result = h->calls.size() == 1 ? TEST_RESULT_FAILED : TEST_RESULT_PASSED;
-    call->Error = h->calls.size() == 1 ? 0x80160107 : 0;
-    call->Status = EFI_SUCCESS;
-  }
-  void Type(const char* text) {
-    for (const char* c = text; *c != 0; ++c)
-      keys.push_back({0, CHAR16(*c)});
-  }
-  // Keys marked as typed before the next screen appeared (a key held down): Drain lets them go.
-  std::set<size_t> ahead;
-  size_t drained = 0;
-  static void Drain(void* c) {
-    auto* h = static_cast<FakeHost*>(c);
-    while (h->nextKey < h->keys.size() && h->ahead.count(h->nextKey) != 0) {
-      ++h->nextKey;
-      ++h->drained;
-    }
-  }
-  FrontHost Host(AnswerScript* script) { return {this, Show, Clear, Key, Drain, Run, nullptr, script}; }
-};
 
 struct MenuFixture : CatalogFixture {
   FakeHost fake;

@@ -1,5 +1,5 @@
 """The technician's front end: a menu stick (no calls) opens VexRun's menu of the module's tests from
-its catalog. Driven by a script's front lines on a stick signed for Secure Boot, and by keys typed
+its catalog. Driven by a script's front lines on a French stick signed for Secure Boot, and by keys typed
 at a terminal in tmux, as a technician would; both record every call with its options."""
 import json
 import os
@@ -34,8 +34,8 @@ class ScriptedMenuStick(unittest.TestCase):
             with open(script, "w") as f:
                 f.write(SCRIPT)
             image = os.path.join(work, "menu.img")
-            made = subprocess.run(RUNNER + ["image", image, "--menu", "--script", script, "--sign", key, "--cert",
-                                            TEST_CERT], capture_output=True, text=True)
+            made = subprocess.run(RUNNER + ["image", image, "--menu", "--lang", "fra", "--script", script, "--sign",
+                                            key, "--cert", TEST_CERT], capture_output=True, text=True)
             self.assertEqual(made.returncode, 0, made.stderr)
             self.assertIn("VexRun's menu", made.stdout)
             # The stick holds the script; the runner is told of it, so that the menu's waits are not
@@ -47,7 +47,9 @@ class ScriptedMenuStick(unittest.TestCase):
         # The menu from the catalog: every test, Run all and Finish.
         for name in TESTS:
             self.assertRegex(out, rf"FRONT item=\d+ {name} +\S")
-        self.assertIn("FRONT item=8 Run all tests", out)
+        # In the stick's language, French.
+        self.assertIn('FRONT screen=tests title="Wirecheck : choisissez un test"', out)
+        self.assertIn("FRONT item=8 Lancer tous les tests", out)
         # -retries=9 is refused with the catalog's range, and no call is made for it.
         self.assertIn("FRONT refused: -retries takes 0..5; 9 is outside; -retries stays 0", out)
         self.assertNotIn("-retries=9", results_txt)

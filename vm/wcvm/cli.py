@@ -20,7 +20,7 @@ def image_main(argv):
     (or -- "OPTIONS" ...)."""
     if not argv or argv[0].startswith("-"):
         print("usage: ./wirecheck image FILE [--script FILE] [--file LOCAL=PATH] [--sign KEY --cert CERT] "
-              "[--upload URL] OPTIONS... "
+              "[--upload URL] [--lang LANG] OPTIONS... | --menu "
               "| -- \"OPTIONS 1\" \"OPTIONS 2\" ...", file=sys.stderr)
         return 2
     path = argv[0]
@@ -31,7 +31,7 @@ def image_main(argv):
         for word in vm_args:
             if word.startswith("--") and word.split("=")[0] not in known:
                 raise ValueError(f"{word} does not apply to a boot image "
-                                 f"(only --script, --file, --call, --sign, --cert, --upload and --menu do)")
+                                 f"(only --script, --file, --call, --sign, --cert, --upload, --menu and --lang do)")
         args = parser.parse_args(vm_args)
         calls = [check_paths(c) for c in args.call + calls]
         if args.menu and calls:
@@ -47,8 +47,11 @@ def image_main(argv):
         if bool(args.sign) != bool(args.cert):
             raise ValueError("--sign KEY and --cert CERT go together")
         check_upload_url(args.upload)
+        if args.lang is not None and not re.match(r"^[a-z]{3}$", args.lang):
+            raise ValueError(f"--lang {args.lang}: a three-letter language code of the message file "
+                             f"(eng, fra, deu, esp)")
         build_image(path, calls, script, files, sign=(args.sign, args.cert) if args.sign else None,
-                    upload=args.upload)
+                    upload=args.upload, language=args.lang)
     except (ValueError, OSError, HarnessError) as e:
         print(f"wirecheck image: {e}", file=sys.stderr)
         return 2
@@ -150,6 +153,7 @@ def image_parser():
     parser.add_argument("--cert", metavar="CERT")  # its certificate, PEM
     parser.add_argument("--upload", metavar="URL")  # where the results go with HTTP PUT
     parser.add_argument("--menu", action="store_true")  # no calls: the technician's menu
+    parser.add_argument("--lang", metavar="LANG")  # the language of prompts and the menu (lang.txt)
     return parser
 
 

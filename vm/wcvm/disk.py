@@ -136,11 +136,12 @@ def sign_binaries(paths, key, cert):
                                    f"{said[-1] if said else f'exit status {done.returncode}'}")
 
 
-def build_image(path, calls, script="", files=(), sign=None, upload=None):
+def build_image(path, calls, script="", files=(), sign=None, upload=None, language=None):
     """A disk image for a USB stick or a network boot: an MBR with one EFI system partition (FAT),
     the manager as \\EFI\\BOOT\\BOOTX64.EFI with the module, its messages and the calls beside
     it. sign: (key, certificate) to sign both binaries with, for machines with Secure Boot on.
-    upload: the URL the manager sends the results to after every call (upload.txt)."""
+    upload: the URL the manager sends the results to after every call (upload.txt). language: the
+    message file's language for prompts and the menu (lang.txt)."""
     check_tools()
     work = tempfile.mkdtemp(prefix="wirecheck-image-")
     try:
@@ -160,6 +161,9 @@ def build_image(path, calls, script="", files=(), sign=None, upload=None):
         if upload:
             with open(os.path.join(content, "upload.txt"), "w", newline="") as f:
                 f.write(upload + "\r\n")
+        if language:
+            with open(os.path.join(content, "lang.txt"), "w", newline="") as f:
+                f.write(language + "\r\n")
         names = sorted(os.listdir(content))
         part_bytes = _partition_bytes([os.path.join(content, n) for n in names] + [local for local, _ in files])
         part = os.path.join(work, "part.img")
