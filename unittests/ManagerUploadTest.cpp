@@ -233,6 +233,24 @@ TEST_F(UploadOnFakes, NoConnectionOrNoClientIsNotAnAnswer) {
   EXPECT_EQ(HttpPut(nic, u"file://x", "text/plain", "", 0, 10).Status, EFI_INVALID_PARAMETER);
 }
 
+TEST_F(UploadOnFakes, WhatAFailedHttpsUploadSaysOfTheFirmwaresTls) {
+  PutOutcome noAnswer;
+  noAnswer.Status = EFI_ABORTED; // the firmware's word for a failed handshake
+  EXPECT_NE(std::u16string(HttpsTrouble(u"https://10.0.0.1/r", noAnswer)).find(u"the TLS handshake failed"),
+            std::u16string::npos);
+  EXPECT_EQ(HttpsTrouble(u"http://10.0.0.1/r", noAnswer), nullptr); // plain HTTP has no handshake
+  noAnswer.Status = EFI_NOT_FOUND; // and for a missing TlsCaCertificate variable
+  EXPECT_NE(std::u16string(HttpsTrouble(u"https://10.0.0.1/r", noAnswer)).find(u"no certificate authority"),
+            std::u16string::npos);
+  const EFI_GUID tlsCa = {0xFD2340D0, 0x3DAB, 0x4349, {0xA6, 0xC7, 0x3B, 0x4F, 0x12, 0xB4, 0x8E, 0xAE}};
+  fw.SetVariable(u"TlsCaCertificate", tlsCa, u"x"); // enrolled: Not Found then means something else
+  EXPECT_EQ(HttpsTrouble(u"https://10.0.0.1/r", noAnswer), nullptr);
+  PutOutcome refused;
+  refused.Status = EFI_HTTP_ERROR;
+  refused.Answered = true;
+  EXPECT_EQ(HttpsTrouble(u"https://10.0.0.1/r", refused), nullptr);
+}
+
 TEST_F(UploadOnFakes, EveryFailingFirmwareCallLeavesNothingBehind) {
   for (uint64_t n = 1; n < 40; ++n) {
     fw.FailUse(n);

@@ -71,19 +71,21 @@ class MenuAtATerminal(unittest.TestCase):
     def setUp(self):
         if shutil.which("tmux") is None:
             self.skipTest("tmux is missing (./wirecheck installs it)")
-        self.session = f"wcfront{os.getpid()}"
+        # A tmux server of the test's own: the user's sessions are never touched.
+        self.tmux = ["tmux", "-L", f"wirecheck-front-{os.getpid()}-{time.monotonic_ns()}"]
+        self.session = "front"
         self.work = tempfile.mkdtemp(prefix="wirecheck-front-")
         self.last = os.path.join(self.work, "last")
         env = f"WIRECHECK_VM_LAST={self.last} PYTHONPATH={os.path.join(ROOT, 'vm')}"
-        subprocess.run(["tmux", "new-session", "-d", "-s", self.session, "-x", "80", "-y", "25",
+        subprocess.run(self.tmux + ["new-session", "-d", "-s", self.session, "-x", "80", "-y", "25",
                         f"cd {ROOT} && {env} python3 -m wcvm --menu --timeout 900; echo RUN-ENDED $?; sleep 600"], check=True)
 
     def tearDown(self):
-        subprocess.run(["tmux", "kill-session", "-t", self.session], capture_output=True)
+        subprocess.run(self.tmux + ["kill-server"], capture_output=True)
         shutil.rmtree(self.work, ignore_errors=True)
 
     def screen(self):
-        return subprocess.run(["tmux", "capture-pane", "-p", "-J", "-t", self.session, "-S", "-3000"],
+        return subprocess.run(self.tmux + ["capture-pane", "-p", "-J", "-t", self.session, "-S", "-3000"],
                               capture_output=True, text=True).stdout
 
     def wait_for(self, text, seconds=240, times=1):
@@ -96,7 +98,7 @@ class MenuAtATerminal(unittest.TestCase):
 
     def keys(self, *keys):
         for key in keys:
-            subprocess.run(["tmux", "send-keys", "-t", self.session, key], check=True)
+            subprocess.run(self.tmux + ["send-keys", "-t", self.session, key], check=True)
             time.sleep(0.3)
 
     def test_a_technician_chooses_edits_runs_all_and_finishes(self):

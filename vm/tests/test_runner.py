@@ -185,7 +185,9 @@ class RunnerTest(unittest.TestCase):
             made = subprocess.run(RUNNER + ["image", image, "--"] + calls, capture_output=True, text=True)
             self.assertEqual(made.returncode, 0, made.stderr)
             self.assertIn("dd if=", made.stdout)
-            for usb in (False, True):  # a virtio disk, and a USB stick on an XHCI controller
+            # A USB stick on an XHCI controller, as a technician's meets a real machine (test_front boots
+            # a stick on a virtio disk, test_fleet one from the network).
+            for usb in (True,):
                 with self.subTest(usb_stick=usb):
                     run = wcvm.run_vm(wcvm.VmConfig(image=image, usb_stick=usb))
                     self.assertNotIn("startup.nsh", run.serial)
