@@ -124,11 +124,17 @@ private:
       StrAppend(text, sizeof(text), catalog_.Tests[t].Description);
       Item(t + 1, text, highlight == t + 1);
     }
-    if (catalog_.Omitted != 0)
-      Line(u"FRONT the catalog lists %d more tests than this screen holds; they are not offered\r\n",
-           catalog_.Omitted);
-    Item(catalog_.TestCount + 1, T(kRunAll), highlight == catalog_.TestCount + 1);
-    Item(catalog_.TestCount + 2, T(kFinish), highlight == catalog_.TestCount + 2);
+    Footer(catalog_.Omitted, u"tests", u"they are not offered", catalog_.TestCount, kRunAll, kFinish,
+           highlight);
+  }
+
+  // The end of a screen: what the catalog has past the screen's room, the two last items, the hint.
+  void Footer(UINTN omitted, const CHAR16* what, const CHAR16* then, UINTN count, UINTN first, UINTN second,
+              UINTN highlight) {
+    if (omitted != 0)
+      Line(u"FRONT the catalog lists %d more %s than this screen holds; %s\r\n", omitted, what, then);
+    Item(count + 1, T(first), highlight == count + 1);
+    Item(count + 2, T(second), highlight == count + 2);
     Line(u"FRONT hint=%s\r\n", T(kHint));
   }
 
@@ -181,12 +187,8 @@ private:
              a.Default != nullptr ? a.Default : u"none");
       Item(i + 1, text, highlight == i + 1);
     }
-    if (test.Omitted != 0)
-      Line(u"FRONT the catalog lists %d more arguments than this screen holds; they keep their defaults\r\n",
-           test.Omitted);
-    Item(test.ArgumentCount + 1, T(kRun), highlight == test.ArgumentCount + 1);
-    Item(test.ArgumentCount + 2, T(kBack), highlight == test.ArgumentCount + 2);
-    Line(u"FRONT hint=%s\r\n", T(kHint));
+    Footer(test.Omitted, u"arguments", u"they keep their defaults", test.ArgumentCount, kRun, kBack,
+           highlight);
   }
 
   void TestScreen(FrontTest& test) {
