@@ -107,9 +107,7 @@ bool FormatSystemUuid(const UINT8 (&Uuid)[16], CHAR16* Out, UINTN OutSize) {
                          UINT16(u[6] | u[7] << 8), u[8], u[9], u[10], u[11], u[12], u[13], u[14], u[15]);
   if (!Fits(written, OutSize))
     return false;
-  for (CHAR16* c = Out; *c != 0; ++c) // the print routine writes upper-case digits
-    if (*c >= u'A' && *c <= u'F')
-      *c = CHAR16(*c - u'A' + u'a');
+  StrToLower(Out); // the print routine writes upper-case digits
   return true;
 }
 

@@ -340,6 +340,18 @@ EFI_STATUS ReadWholeFile(const CHAR16* name, wc::PoolPtr<CHAR16>& text,
   return text ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
 }
 
+// The first line of a settings file beside the manager that is neither empty nor a "#" comment; it
+// points into text. Null when the file or such a line is missing.
+const CHAR16* SettingLine(const CHAR16* name, wc::PoolPtr<CHAR16>& text) {
+  if (EFI_ERROR(ReadWholeFile(name, text)))
+    return nullptr;
+  CHAR16* cursor = text.Get();
+  while (CHAR16* line = NextLine(&cursor))
+    if (line[0] != 0 && line[0] != u'#')
+      return line;
+  return nullptr;
+}
+
 // A new, empty file beside the manager (null when it cannot be made).
 EFI_FILE_PROTOCOL* CreateFresh(const CHAR16* name) {
   CHAR16 path[kPathChars];
@@ -493,9 +505,15 @@ HandleCounts CountHandleDatabase(EFI_HANDLE module) {
   return counts;
 }
 
+// The module's operations in the layout the manager drives (one of the two is set).
 struct ModuleApi {
   VEX_TEST_MODULE_PROTOCOL* current = nullptr;
   VEX_TEST_MODULE_OLD_PROTOCOL* old = nullptr;
+  VEX_EXECUTE_TEST Execute() const { return current != nullptr ? current->ExecuteTest : old->ExecuteTest; }
+  VEX_GET_TEST_NAME Name() const { return current != nullptr ? current->GetTestName : old->GetTestName; }
+  VEX_GET_TEST_VERSION Version() const {
+    return current != nullptr ? current->GetTestVersion : old->GetTestVersion;
+  }
 };
 
 void WriteDocument(const CHAR16* name, CHAR16* text) {
@@ -557,9 +575,7 @@ void ReadMachineIdentity(MachineIdentity& id) {
       continue;
     const UINT8* a = snp->Mode->PermanentAddress.Addr;
     SPrint(id.mac, sizeof(id.mac), u"%02x:%02x:%02x:%02x:%02x:%02x", a[0], a[1], a[2], a[3], a[4], a[5]);
-    for (CHAR16* c = id.mac; *c != 0; ++c)
-      if (*c >= u'A' && *c <= u'F')
-        *c = CHAR16(*c - u'A' + u'a');
+    StrToLower(id.mac); // the print routine writes upper-case digits
     break;
   }
 }
@@ -631,17 +647,22 @@ PutOutcome PutOnAnyService(const wc::HandleBuffer& services, const CHAR16* url, 
   return outcome;
 }
 
-// After every call (and once more at the end): every results file to the run's folder. A file is
+// The manager's open files, written through to the disk.
+void FlushFiles() {
+  EFI_FILE_PROTOCOL* files[] = {gState->log, gState->out, gState->results};
+  for (EFI_FILE_PROTOCOL* file : files)
+    if (file != nullptr)
+      file->Flush(file);
+}
+
+// After every call (and once more at the end, its files flushed first): every results file to the
+// run's folder. A file is
 // tried kUploadAttempts times; the round stops at the first file that does not get through, says
 // why on the screen and in results.txt, and leaves everything on the machine's disk as it is.
 void UploadResults() {
   UploadState& u = gState->upload;
   if (u.folder[0] == 0)
     return;
-  EFI_FILE_PROTOCOL* open[] = {gState->log, gState->out, gState->results};
-  for (EFI_FILE_PROTOCOL* file : open)
-    if (file != nullptr)
-      file->Flush(file);
   wc::HandleBuffer services;
   EFI_STATUS status = services.Locate(EFI_HTTP_SERVICE_BINDING_PROTOCOL_GUID);
   UINT64 start = ReadTimeStampCounter();
@@ -731,7 +752,7 @@ void RunOneCall(const ModuleApi& api, EFI_HANDLE module, CHAR16* options, FrontC
   }
   result = 0;
   error = 0;
-  VEX_EXECUTE_TEST execute = api.current != nullptr ? api.current->ExecuteTest : api.old->ExecuteTest;
+  VEX_EXECUTE_TEST execute = api.Execute();
   HandleCounts before;
   if (gState->checkHandles)
     before = CountHandleDatabase(module);
@@ -760,10 +781,7 @@ void RunOneCall(const ModuleApi& api, EFI_HANDLE module, CHAR16* options, FrontC
   }
   // A machine that hangs in a later call (a firmware driver looping, say) still leaves this call's
   // result and log on the disk.
-  EFI_FILE_PROTOCOL* files[] = {gState->log, gState->out, gState->results};
-  for (EFI_FILE_PROTOCOL* file : files)
-    if (file != nullptr)
-      file->Flush(file);
+  FlushFiles();
   UploadResults();
 }
 
@@ -810,7 +828,7 @@ EFI_STATUS ReadModuleCatalog(const ModuleApi& api, FrontCatalog& catalog) {
   SPrint(options, sizeof(options), u"-catalog=%s\\catalog.xml", gState->dir);
   UINTN result = 0;
   UINTN error = 0;
-  VEX_EXECUTE_TEST execute = api.current != nullptr ? api.current->ExecuteTest : api.old->ExecuteTest;
+  VEX_EXECUTE_TEST execute = api.Execute();
   execute(0, options, &result, &error);
   wc::PoolPtr<CHAR16> text;
   EFI_STATUS status = ReadWholeFile(u"catalog.xml", text, TextEncoding::Ucs2);
@@ -928,14 +946,11 @@ EFI_STATUS RunSession(EFI_HANDLE image, EFI_DEVICE_PATH_PROTOCOL* modulePath, co
 
   if (api.current != nullptr || api.old != nullptr) {
     CHAR16 name[64] = {};
-    VEX_GET_TEST_NAME getName = api.current != nullptr ? api.current->GetTestName : api.old->GetTestName;
-    VEX_GET_TEST_VERSION getVersion =
-        api.current != nullptr ? api.current->GetTestVersion : api.old->GetTestVersion;
-    getName(name, sizeof(name));
+    api.Name()(name, sizeof(name));
     UINTN major = 0;
     UINTN minor = 0;
     wc::PoolPtr<CHAR16> build;
-    getVersion(&major, &minor, build.Receive());
+    api.Version()(&major, &minor, build.Receive());
     Say(u"MODULE name=%s version=%d.%d build=\"%s\"\r\n", name, major, minor, build ? build.Get() : u"");
     if (settings.menu)
       RunMenu(api, module);
@@ -998,18 +1013,15 @@ EFI_STATUS Run(EFI_HANDLE image, Settings& settings) {
     gState->results = CreateFresh(u"results.txt");
     gState->reports = true;
   }
-  wc::PoolPtr<CHAR16> languageText; // a boot image's language for prompts and the menu: lang.txt
-  if (settings.bootMode && !EFI_ERROR(ReadWholeFile(u"lang.txt", languageText))) {
-    CHAR16* cursor = languageText.Get();
-    if (CHAR16* line = NextLine(&cursor); line != nullptr && line[0] != 0)
-      UnicodeToAscii(settings.language, sizeof(settings.language), line);
-  }
+  // A boot image's settings: the language of prompts and the menu, the upload URL.
+  wc::PoolPtr<CHAR16> languageText;
   wc::PoolPtr<CHAR16> uploadText;
-  if (settings.bootMode && !EFI_ERROR(ReadWholeFile(u"upload.txt", uploadText))) {
-    CHAR16* cursor = uploadText.Get();
-    while (CHAR16* line = NextLine(&cursor))
-      if (line[0] != 0 && line[0] != u'#' && settings.uploadUrl == nullptr)
-        settings.uploadUrl = line;
+  if (settings.bootMode) {
+    if (const CHAR16* language = SettingLine(u"lang.txt", languageText))
+      UnicodeToAscii(settings.language, sizeof(settings.language), language);
+    if (const CHAR16* url = SettingLine(u"upload.txt", uploadText);
+        url != nullptr && settings.uploadUrl == nullptr)
+      settings.uploadUrl = url;
   }
   if (settings.bootMode || settings.uploadUrl != nullptr) {
     EfiSmbiosLibInitialize(image, gST);
@@ -1123,6 +1135,7 @@ extern "C" EFI_STATUS EFIAPI VexRunMain(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE
   Settings settings;
   EFI_STATUS status = Run(ImageHandle, settings);
   Say(u"VEXRUN END status=%r\r\n", status);
+  FlushFiles();
   UploadResults(); // the whole log, and a module the firmware refused
   EFI_FILE_PROTOCOL* files[] = {state.log, state.out, state.results};
   for (EFI_FILE_PROTOCOL* file : files)

@@ -236,8 +236,9 @@ def _boot_machine(ns, firmware, secure, machine, tap, work, boots, lock, stop, c
                     boot.ended = f"stopped after {int(time.monotonic() - start)} s"
                     break
                 screen = read_text(serial)
-                if refusal(screen):
-                    boot.ended = refusal(screen)
+                refused = refusal(screen)
+                if refused:
+                    boot.ended = refused
                     break
                 if "VEXRUN DONE" in screen:
                     # The manager's work is over; what stays is its screen for a person, whom the
@@ -330,13 +331,12 @@ def print_table(rows, out=sys.stdout):
 
 def write_junit(path, rows):
     """One case per call on the server; a boot that sent nothing is an error case of its own."""
-    cases = [r for r in rows]
-    failures = [r for r in cases if r["call"] and r["result"] != "Passed"]
-    errors = [r for r in cases if not r["call"]]
+    failures = [r for r in rows if r["call"] and r["result"] != "Passed"]
+    errors = [r for r in rows if not r["call"]]
     suites = ET.Element("testsuites")
-    suite = ET.SubElement(suites, "testsuite", name="wirecheck-fleet", tests=str(len(cases)),
+    suite = ET.SubElement(suites, "testsuite", name="wirecheck-fleet", tests=str(len(rows)),
                           failures=str(len(failures)), errors=str(len(errors)), skipped="0")
-    for r in cases:
+    for r in rows:
         case = ET.SubElement(suite, "testcase", classname=f"fleet.{r['machine']}",
                              name=f"{r['run']} {r['options']}".strip())
         if r in failures:
