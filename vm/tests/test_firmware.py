@@ -27,8 +27,12 @@ class OwnBuild(unittest.TestCase):
             not_a_volume = os.path.join(work, "OVMF_CODE.fd")
             with open(not_a_volume, "wb") as f:
                 f.write(bytes(4096))
+            truncated = os.path.join(work, "OVMF_CUT.fd")
+            with open(GENERATIONS["edk2-2022.11"].code, "rb") as f, open(truncated, "wb") as cut:
+                cut.write(f.read(300000))
             for spec, words in ((os.path.join(work, "missing.fd"), "no such file"),
                                 (not_a_volume, "is not a UEFI firmware volume"),
+                                (truncated, "is cut short"),
                                 ("edk2-1999.01", "not one of")):
                 with self.subTest(spec=spec):
                     done = run_runner("--firmware", spec, PING)

@@ -10,6 +10,7 @@ import glob
 import os
 import re
 import shutil
+import struct
 import subprocess
 from dataclasses import dataclass
 
@@ -46,6 +47,7 @@ DEFAULT_IPXE = "2019"
 # with one.
 FV_SIGNATURE_OFFSET = 40
 FV_SIGNATURE = b"_FVH"
+FV_LENGTH_OFFSET = 32
 
 
 @dataclass(frozen=True)
@@ -61,14 +63,23 @@ class Firmware:
 
 
 def check_volume(path, what):
-    """A file that is missing, unreadable or not a firmware volume: one clear line, not QEMU's error."""
+    """A file that is missing, unreadable, not a firmware volume or cut short: one clear line, not QEMU's
+    error. The volumes of a firmware image follow one another, each header giving its length (byte 32):
+    a volume that runs past the end of the file is a truncated copy."""
     try:
         with open(path, "rb") as f:
-            head = f.read(FV_SIGNATURE_OFFSET + len(FV_SIGNATURE))
+            data = f.read()
     except OSError as e:
         raise HarnessError(f"{what} {path}: {e.strerror.lower() if e.strerror else e}")
-    if head[FV_SIGNATURE_OFFSET:] != FV_SIGNATURE:
+    if data[FV_SIGNATURE_OFFSET:FV_SIGNATURE_OFFSET + len(FV_SIGNATURE)] != FV_SIGNATURE:
         raise HarnessError(f"{what} {path} is not a UEFI firmware volume (no _FVH signature at byte 40)")
+    offset = 0
+    while data[offset + FV_SIGNATURE_OFFSET:offset + FV_SIGNATURE_OFFSET + len(FV_SIGNATURE)] == FV_SIGNATURE:
+        (length,) = struct.unpack_from("<Q", data, offset + FV_LENGTH_OFFSET)
+        if length < FV_SIGNATURE_OFFSET or offset + length > len(data):
+            raise HarnessError(f"{what} {path} is cut short: its firmware volume at byte {offset} is {length} "
+                               f"bytes long, but the file has {len(data)} bytes (a copy that did not finish?)")
+        offset += length
     return path
 
 
