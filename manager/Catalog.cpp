@@ -25,8 +25,8 @@ bool InList(const CHAR16* list, const CHAR16* value) {
     if (*c == u',' || *c == 0) {
       UINTN n = UINTN(c - entry);
       if (n == length) {
-        CHAR16 piece[kFrontValueChars];
-        if (n < kFrontValueChars) {
+        CHAR16 piece[kMenuValueChars];
+        if (n < kMenuValueChars) {
           CopyMem(piece, entry, n * sizeof(CHAR16));
           piece[n] = 0;
           if (StriEq(piece, value))
@@ -51,7 +51,7 @@ bool ReadNumber(const CHAR16* text, UINT64* number) {
 
 } // namespace
 
-EFI_STATUS ReadFrontCatalog(const CHAR16* Text, FrontCatalog* Catalog) {
+EFI_STATUS ReadMenuCatalog(const CHAR16* Text, MenuCatalog* Catalog) {
   if (Text == nullptr || Catalog == nullptr)
     return EFI_INVALID_PARAMETER;
   SetMem(Catalog, sizeof(*Catalog), 0);
@@ -65,21 +65,21 @@ EFI_STATUS ReadFrontCatalog(const CHAR16* Text, FrontCatalog* Catalog) {
   for (XmlNode* test = diagnostic->FirstChild; test != nullptr; test = test->NextSibling) {
     if (test->Type != XML_ELEMENT || !StriEq(test->Name, u"TEST") || Attribute(test, u"Name") == nullptr)
       continue;
-    if (Catalog->TestCount == kFrontMaxTests) {
+    if (Catalog->TestCount == kMenuMaxTests) {
       ++Catalog->Omitted;
       continue;
     }
-    FrontTest& t = Catalog->Tests[Catalog->TestCount++];
+    MenuTest& t = Catalog->Tests[Catalog->TestCount++];
     t.Name = Attribute(test, u"Name");
     t.Description = OrEmpty(Attribute(test, u"Description"));
     for (XmlNode* arg = test->FirstChild; arg != nullptr; arg = arg->NextSibling) {
       if (arg->Type != XML_ELEMENT || !StriEq(arg->Name, u"ARGUMENT") || Attribute(arg, u"Name") == nullptr)
         continue;
-      if (t.ArgumentCount == kFrontMaxArguments) {
+      if (t.ArgumentCount == kMenuMaxArguments) {
         ++t.Omitted;
         continue;
       }
-      FrontArgument& a = t.Arguments[t.ArgumentCount++];
+      MenuArgument& a = t.Arguments[t.ArgumentCount++];
       a.Name = Attribute(arg, u"Name");
       a.Default = Attribute(arg, u"Value");
       a.Type = OrEmpty(Attribute(arg, u"Type"));
@@ -94,15 +94,15 @@ EFI_STATUS ReadFrontCatalog(const CHAR16* Text, FrontCatalog* Catalog) {
   return Catalog->TestCount == 0 ? EFI_NOT_FOUND : EFI_SUCCESS;
 }
 
-void FreeFrontCatalog(FrontCatalog* Catalog) {
+void FreeMenuCatalog(MenuCatalog* Catalog) {
   if (Catalog == nullptr)
     return;
   XmlFreeDocument(Catalog->Document);
   SetMem(Catalog, sizeof(*Catalog), 0);
 }
 
-void DescribeFrontLimits(const FrontArgument& Argument, CHAR16* Out, UINTN OutSize) {
-  const FrontArgument& a = Argument;
+void DescribeMenuLimits(const MenuArgument& Argument, CHAR16* Out, UINTN OutSize) {
+  const MenuArgument& a = Argument;
   if (a.List != nullptr) {
     SPrint(Out, OutSize, u"%s", a.List);
     for (CHAR16* c = Out; *c != 0; ++c)
@@ -119,11 +119,11 @@ void DescribeFrontLimits(const FrontArgument& Argument, CHAR16* Out, UINTN OutSi
   }
 }
 
-bool CheckFrontValue(const FrontArgument& Argument, const CHAR16* Value, CHAR16* Why, UINTN WhySize) {
-  const FrontArgument& a = Argument;
+bool CheckMenuValue(const MenuArgument& Argument, const CHAR16* Value, CHAR16* Why, UINTN WhySize) {
+  const MenuArgument& a = Argument;
   Value = OrEmpty(Value);
-  if (StrLen(Value) + 1 >= kFrontValueChars) {
-    SPrint(Why, WhySize, u"%s: a value of at most %d characters", a.Name, kFrontValueChars - 2);
+  if (StrLen(Value) + 1 >= kMenuValueChars) {
+    SPrint(Why, WhySize, u"%s: a value of at most %d characters", a.Name, kMenuValueChars - 2);
     return false;
   }
   for (const CHAR16* c = Value; *c != 0; ++c)
@@ -132,7 +132,7 @@ bool CheckFrontValue(const FrontArgument& Argument, const CHAR16* Value, CHAR16*
       return false;
     }
   CHAR16 limits[160];
-  DescribeFrontLimits(a, limits, sizeof(limits));
+  DescribeMenuLimits(a, limits, sizeof(limits));
   if (a.List != nullptr && !InList(a.List, Value)) {
     SPrint(Why, WhySize, u"%s takes one of %s; '%s' is not one", a.Name, limits, Value);
     return false;
@@ -167,13 +167,13 @@ bool CheckFrontValue(const FrontArgument& Argument, const CHAR16* Value, CHAR16*
   return true;
 }
 
-bool BuildFrontOptions(const FrontTest& Test, CHAR16* Out, UINTN OutSize) {
+bool BuildMenuOptions(const MenuTest& Test, CHAR16* Out, UINTN OutSize) {
   UINTN written = SPrint(Out, OutSize, u"-test=%s", Test.Name);
   for (UINTN i = 0; i < Test.ArgumentCount; ++i) {
-    const FrontArgument& a = Test.Arguments[i];
+    const MenuArgument& a = Test.Arguments[i];
     if (!a.Edited)
       continue;
-    CHAR16 piece[kFrontValueChars * 2];
+    CHAR16 piece[kMenuValueChars * 2];
     if (a.Type[0] == 0) { // a switch: present or not
       BOOLEAN on = FALSE;
       if (EFI_ERROR(ParseBoolean(a.Value, &on)) || !on)

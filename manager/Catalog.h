@@ -4,11 +4,11 @@
 #pragma once
 #include "text/Xml.h"
 
-constexpr UINTN kFrontMaxTests = 16;
-constexpr UINTN kFrontMaxArguments = 16;
-constexpr UINTN kFrontValueChars = 128;
+constexpr UINTN kMenuMaxTests = 16;
+constexpr UINTN kMenuMaxArguments = 16;
+constexpr UINTN kMenuValueChars = 128;
 
-struct FrontArgument {
+struct MenuArgument {
   // Texts of the catalog document (null where the catalog has none).
   const CHAR16* Name;
   const CHAR16* Default;
@@ -18,39 +18,39 @@ struct FrontArgument {
   const CHAR16* High;
   const CHAR16* List; // entries separated by ","
   bool Required;
-  CHAR16 Value[kFrontValueChars]; // the value the next call uses; the default until edited
+  CHAR16 Value[kMenuValueChars]; // the value the next call uses; the default until edited
   bool Edited;
 };
 
-struct FrontTest {
+struct MenuTest {
   const CHAR16* Name;
   const CHAR16* Description;
-  FrontArgument Arguments[kFrontMaxArguments];
+  MenuArgument Arguments[kMenuMaxArguments];
   UINTN ArgumentCount;
-  UINTN Omitted; // arguments past kFrontMaxArguments: the menu says so, and they keep their defaults
+  UINTN Omitted; // arguments past kMenuMaxArguments: the menu says so, and they keep their defaults
 };
 
-struct FrontCatalog {
+struct MenuCatalog {
   XmlNode* Document; // owns every text above
-  FrontTest Tests[kFrontMaxTests];
+  MenuTest Tests[kMenuMaxTests];
   UINTN TestCount;
-  UINTN Omitted; // tests past kFrontMaxTests
+  UINTN Omitted; // tests past kMenuMaxTests
 };
 
 // Reads a catalog document (decoded text). EFI_NOT_FOUND when it holds no DIAGNOSTIC element or no
 // test; tests and arguments past the limits above are left out and counted.
-EFI_STATUS ReadFrontCatalog(const CHAR16* Text, FrontCatalog* Catalog);
-void FreeFrontCatalog(FrontCatalog* Catalog);
+EFI_STATUS ReadMenuCatalog(const CHAR16* Text, MenuCatalog* Catalog);
+void FreeMenuCatalog(MenuCatalog* Catalog);
 
 // Whether Value suits the argument's type, range and list; when not, Why says so in a line such as
 // "-retries takes 0..5; 9 is outside". Quote marks are refused: the option string could not carry them.
-bool CheckFrontValue(const FrontArgument& Argument, const CHAR16* Value, CHAR16* Why, UINTN WhySize);
+bool CheckMenuValue(const MenuArgument& Argument, const CHAR16* Value, CHAR16* Why, UINTN WhySize);
 
 // The option string of a call: "-test=<name>" and every edited argument as "<name>=<value>" (a
 // switch without value by its name, when its value is true; a value with a blank in double quotes).
 // False when it does not fit.
-bool BuildFrontOptions(const FrontTest& Test, CHAR16* Out, UINTN OutSize);
+bool BuildMenuOptions(const MenuTest& Test, CHAR16* Out, UINTN OutSize);
 
 // The range and list of an argument as the menu shows them ("0..5", "1 or higher", "a|b|c"; empty
 // when it has neither).
-void DescribeFrontLimits(const FrontArgument& Argument, CHAR16* Out, UINTN OutSize);
+void DescribeMenuLimits(const MenuArgument& Argument, CHAR16* Out, UINTN OutSize);

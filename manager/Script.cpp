@@ -81,15 +81,15 @@ BOOLEAN ParseAnswerScript(CHAR16* Text, AnswerScript* Script, UINTN* BadLine) {
       else
         ok = ParseSigned(arg, &a.Value) && a.Value >= 1;
     } else if (StriEq(line, u"front")) {
-      a.Kind = AnswerKind::Front;
+      a.Kind = AnswerKind::Technician;
       CHAR16* rest = SplitWord(arg);
       static constexpr struct {
         const CHAR16* word;
-        FrontStep step;
+        MenuStep step;
         UINTN words; // after the step's own word
-      } kSteps[] = {{u"test", FrontStep::Test, 1}, {u"set", FrontStep::Set, 2},
-                    {u"run", FrontStep::Run, 0},   {u"back", FrontStep::Back, 0},
-                    {u"all", FrontStep::All, 0},   {u"finish", FrontStep::Finish, 0}};
+      } kSteps[] = {{u"test", MenuStep::Test, 1}, {u"set", MenuStep::Set, 2},
+                    {u"run", MenuStep::Run, 0},   {u"back", MenuStep::Back, 0},
+                    {u"all", MenuStep::All, 0},   {u"finish", MenuStep::Finish, 0}};
       ok = false;
       for (const auto& step : kSteps) {
         if (!StriEq(arg, step.word))

@@ -11,15 +11,15 @@ CHAR16* NextLine(CHAR16** Cursor);
 // none|cancel|fail", "menu <n>|cancel" (the n-th item, from 1, or the cancel entry), and for the
 // manager's own menu "front test <name>", "front set <option> <value>", "front run", "front back",
 // "front all" and "front finish"; blank lines and lines starting with "#" are skipped.
-enum class AnswerKind : UINT8 { Prompt, Progress, Menu, Front };
+enum class AnswerKind : UINT8 { Prompt, Progress, Menu, Technician };
 
-enum class FrontStep : UINT8 { Test, Set, Run, Back, All, Finish };
+enum class MenuStep : UINT8 { Test, Set, Run, Back, All, Finish };
 
 struct Answer {
   AnswerKind Kind;
   INT64 Value; // prompt: 0 ok, 1 abort; progress: interrupt value; menu: item position, -1 cancel
   // front: the step, and its words in the script's text (the test's name; the option and its value)
-  FrontStep Step;
+  MenuStep Step;
   const CHAR16* Name;
   const CHAR16* Text;
 };

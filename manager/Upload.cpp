@@ -8,230 +8,139 @@
 
 namespace {
 
-bool AllBytes(const UINT8 (&bytes)[16], UINT8 value) {
-  for (UINT8 b : bytes)
-    if (b != value)
-      return false;
-  return true;
-}
-
-// A formatted text that filled its buffer may have been cut.
-bool Fits(UINTN written, UINTN size) {
-  return written + 1 < size / sizeof(CHAR16);
-}
-
-void EFIAPI TokenDone(EFI_EVENT, void*) {}
-
-// An HTTP child of one service binding, destroyed with its owner.
-class HttpChild {
-public:
-  HttpChild() = default;
-  HttpChild(const HttpChild&) = delete;
-  HttpChild& operator=(const HttpChild&) = delete;
-  ~HttpChild() {
-    if (child_ != nullptr)
-      binding_->DestroyChild(binding_, child_);
-  }
-  EFI_STATUS Create(EFI_HANDLE service) {
-    EFI_STATUS status = gBS->HandleProtocol(service, &EFI_HTTP_SERVICE_BINDING_PROTOCOL_GUID,
-                                            reinterpret_cast<void**>(&binding_));
-    if (EFI_ERROR(status))
-      return status;
-    status = binding_->CreateChild(binding_, &child_);
-    if (EFI_ERROR(status)) {
-      child_ = nullptr;
-      return status;
-    }
-    return gBS->HandleProtocol(child_, &EFI_HTTP_PROTOCOL_GUID, reinterpret_cast<void**>(&http_));
-  }
-  EFI_HTTP_PROTOCOL* operator->() const { return http_; }
-  EFI_HTTP_PROTOCOL* Get() const { return http_; }
-
-private:
-  EFI_SERVICE_BINDING_PROTOCOL* binding_ = nullptr;
-  EFI_HANDLE child_ = nullptr;
-  EFI_HTTP_PROTOCOL* http_ = nullptr;
+struct UploadFile {
+  const CHAR16* name;
+  const CHAR8* type;
+};
+constexpr UploadFile kUploadFiles[] = {
+    {u"results.txt", "text/plain; charset=utf-8"}, {u"results.xml", "application/xml"},
+    {u"results.json", "application/json"},         {u"VexRun.log", "text/plain; charset=utf-8"},
+    {u"Debug.log", "text/plain; charset=utf-16"}, // the module writes its log in UCS-2
 };
 
-// Polls the child until the token completes or TimeoutMs pass; a token still pending then is
-// cancelled, so that the firmware never writes into it after we return.
-EFI_STATUS WaitForToken(EFI_HTTP_PROTOCOL* http, EFI_HTTP_TOKEN& token, UINT32 timeoutMs) {
-  wc::EventOwner timer;
-  EFI_STATUS status = timer.Create(EVT_TIMER);
-  if (EFI_ERROR(status) ||
-      EFI_ERROR(status = gBS->SetTimer(timer.Get(), TimerRelative, UINT64(timeoutMs) * 10000))) {
-    http->Cancel(http, &token);
-    return status;
-  }
-  while (token.Status == EFI_NOT_READY) {
-    http->Poll(http);
-    if (gBS->CheckEvent(timer.Get()) == EFI_SUCCESS) {
-      if (token.Status != EFI_NOT_READY)
-        break;
-      http->Cancel(http, &token);
-      return EFI_TIMEOUT;
+UINT64 Remaining(const UploadHost& host, UINT64 start) {
+  UINT64 spent = host.Milliseconds(host.Context) - start;
+  return spent >= kUploadRoundMs ? 0 : kUploadRoundMs - spent;
+}
+
+// One PUT of a file: on the service that answered last, then on each other one until one answers,
+// each within what the round has left (a PUT waits for its request and then for its answer: each
+// gets half of that at most).
+PutOutcome PutOnServices(UploadState& state, const wc::HandleBuffer& services, const UploadHost& host,
+                         UINT64 start, const CHAR16* url, const UploadFile& file, const void* body,
+                         UINTN size) {
+  PutOutcome outcome;
+  outcome.Status = EFI_NOT_FOUND;
+  EFI_HANDLE last = state.Service;
+  for (UINTN i = 0; i <= services.Count(); ++i) {
+    EFI_HANDLE service = i == 0 ? last : services[i - 1];
+    if (service == nullptr || (i > 0 && service == last))
+      continue;
+    UINT64 left = Remaining(host, start);
+    if (left < 2)
+      return {EFI_TIMEOUT, 0, false};
+    outcome = HttpPut(service, url, file.type, body, size, UINT32(wc::Min<UINT64>(kUploadWaitMs, left / 2)));
+    if (outcome.Answered) {
+      state.Service = service;
+      return outcome;
     }
   }
-  return token.Status;
-}
-
-// One half of an exchange, the request sent or the answer read, in a token of its own.
-EFI_STATUS Exchange(EFI_HTTP_PROTOCOL* http, EFI_HTTP_MESSAGE& message, bool request, UINT32 timeoutMs) {
-  wc::EventOwner event;
-  EFI_STATUS status = event.Create(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, TokenDone);
-  if (EFI_ERROR(status))
-    return status;
-  EFI_HTTP_TOKEN token = {event.Get(), EFI_NOT_READY, &message};
-  status = request ? http->Request(http, &token) : http->Response(http, &token);
-  return EFI_ERROR(status) ? status : WaitForToken(http, token, timeoutMs);
-}
-
-void FreeHeaders(EFI_HTTP_HEADER* headers, UINTN count) {
-  if (headers == nullptr)
-    return;
-  for (UINTN i = 0; i < count; ++i) {
-    FreePool(headers[i].FieldName);
-    FreePool(headers[i].FieldValue);
-  }
-  FreePool(headers);
+  return outcome;
 }
 
 } // namespace
 
-bool FormatSystemUuid(const UINT8 (&Uuid)[16], CHAR16* Out, UINTN OutSize) {
-  if (AllBytes(Uuid, 0) || AllBytes(Uuid, 0xFF))
-    return false;
-  const UINT8* u = Uuid;
-  UINTN written = SPrint(Out, OutSize, u"%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x",
-                         UINT32(u[0] | u[1] << 8 | u[2] << 16 | UINT32(u[3]) << 24), UINT16(u[4] | u[5] << 8),
-                         UINT16(u[6] | u[7] << 8), u[8], u[9], u[10], u[11], u[12], u[13], u[14], u[15]);
-  if (!Fits(written, OutSize))
-    return false;
-  StrToLower(Out); // the print routine writes upper-case digits
-  return true;
+TickClock::~TickClock() {
+  if (event_ != nullptr)
+    gBS->CloseEvent(event_);
 }
 
-void UploadStatusName(EFI_STATUS Status, CHAR16* Out, UINTN OutSize) {
-  static constexpr struct {
-    EFI_STATUS status;
-    const CHAR16* name;
-  } kNames[] = {{EFI_HTTP_ERROR, u"HTTP error"},
-                {EFI_NETWORK_UNREACHABLE, u"Network Unreachable"},
-                {EFI_HOST_UNREACHABLE, u"Host Unreachable"},
-                {EFI_PROTOCOL_UNREACHABLE, u"Protocol Unreachable"},
-                {EFI_PORT_UNREACHABLE, u"Port Unreachable"},
-                {EFI_CONNECTION_FIN, u"Connection Closed"},
-                {EFI_CONNECTION_RESET, u"Connection Reset"},
-                {EFI_CONNECTION_REFUSED, u"Connection Refused"}};
-  for (const auto& n : kNames)
-    if (n.status == Status) {
-      StrCopy(Out, OutSize, n.name);
-      return;
+void EFIAPI TickClock::Tick(EFI_EVENT, void* Context) {
+  auto* clock = static_cast<TickClock*>(Context);
+  clock->ticks_ = clock->ticks_ + 1;
+}
+
+EFI_STATUS TickClock::Start() {
+  EFI_STATUS status = gBS->CreateEvent(EVT_TIMER | EVT_NOTIFY_SIGNAL, TPL_CALLBACK, Tick, this, &event_);
+  if (EFI_ERROR(status)) {
+    event_ = nullptr;
+    return status;
+  }
+  return gBS->SetTimer(event_, TimerPeriodic, kTickMs * 10000);
+}
+
+UploadReport UploadRound(UploadState& State, const UploadHost& Host) {
+  UploadReport report = {};
+  if (State.Folder[0] == 0)
+    return report;
+  report.Attempted = true;
+  ReleaseFinishedExchanges();
+  wc::HandleBuffer services;
+  EFI_STATUS status = services.Locate(EFI_HTTP_SERVICE_BINDING_PROTOCOL_GUID);
+  if (EFI_ERROR(status)) {
+    report.Outcome.Status = status;
+    report.Stopped = kUploadFiles[0].name;
+    State.Failed = true;
+    return report;
+  }
+  UINT64 start = Host.Milliseconds(Host.Context);
+  for (const UploadFile& file : kUploadFiles) {
+    wc::PoolPtr<UINT8> data;
+    UINTN size = 0;
+    if (EFI_ERROR(Host.ReadFile(Host.Context, file.name, reinterpret_cast<void**>(data.Receive()), &size)))
+      continue; // not written (yet): the module's log before its first line, say
+    CHAR16 url[kUrlChars];
+    SPrint(url, sizeof(url), u"%s%s", State.Folder, file.name); // fits: the folder was planned for it
+    for (UINTN attempt = 1; attempt <= kUploadAttempts; ++attempt) {
+      UINT64 left = Remaining(Host, start);
+      if (left == 0) {
+        report.OutOfTime = true;
+        if (!EFI_ERROR(report.Outcome.Status) || attempt == 1)
+          report.Outcome = {EFI_TIMEOUT, 0, false};
+        break;
+      }
+      report.Outcome = PutOnServices(State, services, Host, start, url, file, data.Get(), size);
+      if (!EFI_ERROR(report.Outcome.Status))
+        break;
+      if (attempt < kUploadAttempts) // a pause that grows, within what the round has left
+        gBS->Stall(UINTN(wc::Min<UINT64>(attempt * 1000, Remaining(Host, start))) * 1000);
     }
-  SPrint(Out, OutSize, u"%r", Status);
+    if (EFI_ERROR(report.Outcome.Status)) {
+      report.OutOfTime = report.OutOfTime || Remaining(Host, start) < 2;
+      report.Stopped = file.name;
+      break;
+    }
+    ++report.Sent;
+  }
+  State.Failed = report.Stopped != nullptr;
+  return report;
 }
 
-const CHAR16* HttpsTrouble(const CHAR16* Url, const PutOutcome& Outcome) {
-  constexpr EFI_GUID kTlsCaCertificateGuid = {
-      0xFD2340D0, 0x3DAB, 0x4349, {0xA6, 0xC7, 0x3B, 0x4F, 0x12, 0xB4, 0x8E, 0xAE}};
-  if (Outcome.Answered || StrnCmp(Url, u"https://", 8) != 0)
-    return nullptr;
-  if (Outcome.Status == EFI_ABORTED)
-    return u"the TLS handshake failed: the server's certificate is not signed by a certificate authority the "
-           u"firmware trusts, or does not name the server";
-  UINTN size = 0;
-  if (Outcome.Status != EFI_NOT_FOUND ||
-      gRT->GetVariable(const_cast<CHAR16*>(u"TlsCaCertificate"), &kTlsCaCertificateGuid, nullptr, &size,
-                       nullptr) != EFI_NOT_FOUND)
-    return nullptr;
-  return u"the firmware has no certificate authority for HTTPS (no TlsCaCertificate variable): enrol the "
-         u"fleet's "
-         u"CA certificate in the firmware's TLS settings";
-}
-
-UINTN HttpStatusNumber(EFI_HTTP_STATUS_CODE Code) {
-  return Code < sizeof(kHttpStatusCodes) / sizeof(kHttpStatusCodes[0]) ? kHttpStatusCodes[Code] : 0;
-}
-
-bool UrlAuthority(const CHAR16* Url, CHAR8* Host, UINTN HostSize) {
-  if (Url == nullptr || HostSize == 0)
-    return false;
-  const CHAR16* start = nullptr;
-  if (StrnCmp(Url, u"http://", 7) == 0)
-    start = Url + 7;
-  else if (StrnCmp(Url, u"https://", 8) == 0)
-    start = Url + 8;
+void UploadFailureLine(const UploadState& State, const UploadReport& Report, const CHAR16* Directory,
+                       CHAR16* Line, UINTN LineSize) {
+  const PutOutcome& outcome = Report.Outcome;
+  CHAR16 answer[48];
+  if (!outcome.Answered)
+    StrCopy(answer, sizeof(answer), u"none");
+  else if (outcome.HttpCode != 0)
+    SPrint(answer, sizeof(answer), u"%d", outcome.HttpCode);
   else
-    return false;
-  UINTN n = 0;
-  for (const CHAR16* c = start; *c != 0 && *c != u'/'; ++c) {
-    if (*c <= u' ' || *c > 0x7E || n + 1 >= HostSize)
-      return false;
-    Host[n++] = CHAR8(*c);
-  }
-  Host[n] = 0;
-  return n > 0;
-}
-
-bool UploadFolder(const CHAR16* BaseUrl, const CHAR16* Machine, const EFI_TIME& Start, UINT16 Tag,
-                  CHAR16* Out, UINTN OutSize) {
-  UINTN length = StrLen(BaseUrl);
-  const CHAR16* slash = length > 0 && BaseUrl[length - 1] == u'/' ? u"" : u"/";
-  UINTN written = SPrint(Out, OutSize, u"%s%s%s/%04d%02d%02d-%02d%02d%02d-%05d/", BaseUrl, slash, Machine,
-                         Start.Year, Start.Month, Start.Day, Start.Hour, Start.Minute, Start.Second, Tag);
-  return Fits(written, OutSize);
-}
-
-PutOutcome HttpPut(EFI_HANDLE Service, const CHAR16* Url, const CHAR8* ContentType, const void* Body,
-                   UINTN Size, UINT32 TimeoutMs) {
-  PutOutcome outcome;
-  CHAR8 host[128];
-  if (!UrlAuthority(Url, host, sizeof(host))) {
-    outcome.Status = EFI_INVALID_PARAMETER;
-    return outcome;
-  }
-  HttpChild http;
-  if (EFI_ERROR(outcome.Status = http.Create(Service)))
-    return outcome;
-  EFI_HTTPv4_ACCESS_POINT access = {};
-  access.UseDefaultAddress = TRUE; // the NIC's own address, from its DHCP or static configuration
-  EFI_HTTP_CONFIG_DATA config = {HttpVersion11, TimeoutMs, FALSE, &access};
-  if (EFI_ERROR(outcome.Status = http->Configure(http.Get(), &config)))
-    return outcome;
-
-  CHAR8 length[24];
-  CHAR16 digits[24];
-  SPrint(digits, sizeof(digits), u"%d", Size);
-  UnicodeToAscii(length, sizeof(length), digits);
-  EFI_HTTP_HEADER headers[] = {
-      {const_cast<CHAR8*>("Host"), host},
-      {const_cast<CHAR8*>("User-Agent"), const_cast<CHAR8*>("VexRun/1.1")},
-      {const_cast<CHAR8*>("Content-Type"), const_cast<CHAR8*>(ContentType)},
-      {const_cast<CHAR8*>("Content-Length"), length},
-      {const_cast<CHAR8*>("Connection"), const_cast<CHAR8*>("close")},
-  };
-  EFI_HTTP_REQUEST_DATA request = {HttpMethodPut, const_cast<CHAR16*>(Url)};
-  EFI_HTTP_MESSAGE sent = {};
-  sent.Data.Request = &request;
-  sent.HeaderCount = sizeof(headers) / sizeof(headers[0]);
-  sent.Headers = headers;
-  sent.BodyLength = Size;
-  static UINT8 empty = 0; // the firmware wants a body pointer even for an empty file
-  sent.Body = Size != 0 ? const_cast<void*>(Body) : &empty;
-  if (EFI_ERROR(outcome.Status = Exchange(http.Get(), sent, true, TimeoutMs)))
-    return outcome;
-
-  EFI_HTTP_RESPONSE_DATA answer = {};
-  EFI_HTTP_MESSAGE received = {};
-  received.Data.Response = &answer;
-  outcome.Status = Exchange(http.Get(), received, false, TimeoutMs);
-  FreeHeaders(received.Headers, received.HeaderCount);
-  // An answer of 300 or more ends the token with the firmware's HTTP error, its code still given.
-  if (!EFI_ERROR(outcome.Status) || outcome.Status == EFI_HTTP_ERROR) {
-    outcome.Answered = true;
-    outcome.HttpCode = HttpStatusNumber(answer.StatusCode);
-    if (outcome.HttpCode < 200 || outcome.HttpCode > 299)
-      outcome.Status = EFI_HTTP_ERROR;
-  }
-  return outcome;
+    StrCopy(answer, sizeof(answer), u"not-2xx"); // a code the firmware's HTTP client does not name (507, say)
+  CHAR16 named[40];
+  UploadStatusName(outcome.Status, named, sizeof(named));
+  CHAR16 url[kUrlChars];
+  SPrint(url, sizeof(url), u"%s%s", State.Folder, Report.Stopped);
+  const CHAR16* why = HttpsTrouble(url, outcome);
+  if (why == nullptr && Report.OutOfTime)
+    why = u"the round reached its bound of 90 seconds";
+  CHAR16 where[400];
+  if (State.InMemory)
+    StrCopy(
+        where, sizeof(where),
+        u"this machine booted from the network: the results are only in its memory and on this screen, which "
+        u"stays until a key is pressed");
+  else
+    SPrint(where, sizeof(where), u"the results stay on this machine's disk in %s\\", Directory);
+  SPrint(Line, LineSize, u"UPLOAD state=failed file=%s status=%s answer=%s to=%s; %s%s%s\r\n", Report.Stopped,
+         named, answer, State.Folder, why != nullptr ? why : u"", why != nullptr ? u"; " : u"", where);
 }

@@ -1,47 +1,64 @@
-// Sending the results files to a fleet's web server with HTTP PUT, through the firmware's own HTTP
-// client, and the names they are sent under: URL/<machine>/<run>/<file>, where the machine is the
-// SMBIOS system UUID and the run the time the manager started.
+// The upload round: after every call (and once more at the end), every results file to the run's
+// folder on the fleet's web server, on whichever NIC reaches it, within a bound that no silent
+// server stretches.
 #pragma once
-#include "uefi/protocol/Http.h"
+#include "manager/HttpPut.h"
 
-constexpr UINTN kUrlChars = 400;
-constexpr UINTN kMachineChars = 40;
+constexpr UINTN kUploadAttempts = 3;     // tries of one file
+constexpr UINT32 kUploadWaitMs = 10000;  // the longest wait for the request or the answer of one PUT
+constexpr UINT64 kUploadRoundMs = 90000; // past this a round tries no more
 
-// The SMBIOS system UUID (type 1, offset 8) in registry form, lower case. SMBIOS stores its first
-// three fields little-endian. False for a UUID the table marks as unset (all zeros: not present;
-// all ones: not settable), so that no two machines share a made-up name.
-bool FormatSystemUuid(const UINT8 (&Uuid)[16], CHAR16* Out, UINTN OutSize);
-
-// The HTTP status number of the firmware's status position; 0 for a code the firmware does not name.
-UINTN HttpStatusNumber(EFI_HTTP_STATUS_CODE Code);
-
-// "host[:port]" of an http:// or https:// URL, for the Host header; false for any other form or
-// a host that does not fit.
-bool UrlAuthority(const CHAR16* Url, CHAR8* Host, UINTN HostSize);
-
-// The run's folder under the upload URL: URL/<machine>/<yyyymmdd-hhmmss>-<tag>/ (the tag, five digits, keeps
-// two runs started in the same second apart). False when it does not fit.
-bool UploadFolder(const CHAR16* BaseUrl, const CHAR16* Machine, const EFI_TIME& Start, UINT16 Tag,
-                  CHAR16* Out, UINTN OutSize);
-
-// How one PUT ended.
-struct PutOutcome {
-  EFI_STATUS Status = EFI_NOT_STARTED; // success only for a 2xx answer
-  UINTN HttpCode = 0;    // the answer's code; 0 without an answer, or one the firmware does not name
-  bool Answered = false; // the server sent a status line
+// Where the results go and how the last round went.
+struct UploadState {
+  CHAR16 Folder[kUrlChars]; // URL/<machine>/<run>/; empty when nothing is uploaded
+  bool InMemory;            // the manager's disk is a RAM disk (a network boot): gone at power-off
+  EFI_HANDLE Service;       // the HTTP service binding that answered last; tried first
+  bool Failed;              // the last round did not send every file
 };
 
-// The status an upload ended with, by name: the network's own statuses and the HTTP error, which the
-// module's status table does not carry, then that table's names (%r).
-void UploadStatusName(EFI_STATUS Status, CHAR16* Out, UINTN OutSize);
+// Milliseconds counted by a periodic firmware timer: it needs neither the real-time clock nor the
+// time-stamp counter's frequency, either of which a machine may lack.
+class TickClock {
+public:
+  TickClock() = default;
+  TickClock(const TickClock&) = delete;
+  TickClock& operator=(const TickClock&) = delete;
+  ~TickClock();
+  EFI_STATUS Start();
+  UINT64 Milliseconds() const { return ticks_ * kTickMs; }
 
-// What an HTTPS upload without an answer says of the firmware's TLS, as its HTTP client reports it:
-// EFI_NOT_FOUND for a missing TlsCaCertificate variable (no certificate authority enrolled) and
-// EFI_ABORTED for a handshake that failed. Null for any other outcome.
-const CHAR16* HttpsTrouble(const CHAR16* Url, const PutOutcome& Outcome);
+private:
+  static constexpr UINT64 kTickMs = 10;
+  static void EFIAPI Tick(EFI_EVENT Event, void* Context);
+  EFI_EVENT event_ = nullptr;
+  volatile UINT64 ticks_ = 0;
+};
 
-// One HTTP PUT of Body to Url through the HTTP service binding on Service, in a child of its own
-// that is destroyed before it returns. Waits at most TimeoutMs for each of the request and the answer
-// (the firmware's own TCP connect may take up to its connection timeout before that).
-PutOutcome HttpPut(EFI_HANDLE Service, const CHAR16* Url, const CHAR8* ContentType, const void* Body,
-                   UINTN Size, UINT32 TimeoutMs);
+// What a round needs of the manager.
+struct UploadHost {
+  void* Context;
+  // A results file beside the manager, whole, in pool that the round frees; an error when it is
+  // not there (yet).
+  EFI_STATUS (*ReadFile)(void* Context, const CHAR16* Name, void** Data, UINTN* Size);
+  // Milliseconds on a clock that only goes forward.
+  UINT64 (*Milliseconds)(void* Context);
+};
+
+// How a round ended.
+struct UploadReport {
+  bool Attempted;        // an upload URL is set
+  UINTN Sent;            // files the server took
+  const CHAR16* Stopped; // the file the round stopped at; null when every file got through
+  PutOutcome Outcome;    // of the last PUT (of the stopped file's last try)
+  bool OutOfTime;        // the round's bound ended it
+};
+
+// One round. A file is tried kUploadAttempts times, each try on the service that answered last and,
+// when that one does not answer, on every other; the round stops at the first file that does not
+// get through, and at kUploadRoundMs in all.
+UploadReport UploadRound(UploadState& State, const UploadHost& Host);
+
+// The screen's line for a round that stopped: the file, the status and answer, the folder, what an
+// HTTPS failure says of the firmware's TLS, and where the results are now (Directory: the manager's).
+void UploadFailureLine(const UploadState& State, const UploadReport& Report, const CHAR16* Directory,
+                       CHAR16* Line, UINTN LineSize);

@@ -6,10 +6,10 @@
 #include "manager/Catalog.h"
 #include "manager/Script.h"
 
-constexpr UINTN kFrontMaxCalls = 64;
+constexpr UINTN kMenuMaxCalls = 64;
 
 // What a call the menu made gave back.
-struct FrontCall {
+struct MenuCall {
   CHAR16 Options[256];
   UINTN Result;
   UINTN Error;
@@ -17,7 +17,7 @@ struct FrontCall {
 };
 
 // What the menu needs of the manager.
-struct FrontHost {
+struct MenuHost {
   void* Context;
   // Shows a line (or a part of one) on the screen and in the manager's logs.
   void (*Show)(void* Context, const CHAR16* Text, UINTN Attribute);
@@ -28,17 +28,17 @@ struct FrontHost {
   // Lets go of keys typed before a screen appeared (a key held down): each screen waits for its own.
   void (*Drain)(void* Context);
   // Runs one call with the option string and records it like every other call.
-  void (*Run)(void* Context, CHAR16* Options, FrontCall* Call);
+  void (*Run)(void* Context, CHAR16* Options, MenuCall* Call);
   // The text of a message of the message file in the manager's language, or null.
   const CHAR16* (*Text)(void* Context, UINTN Id);
   AnswerScript* Script; // scripted: "front" lines answer the menu; null: the keyboard does
 };
 
-struct FrontSession {
-  FrontCall Calls[kFrontMaxCalls];
+struct MenuSession {
+  MenuCall Calls[kMenuMaxCalls];
   UINTN CallCount;
 };
 
 // Runs the menu until Finish (or the script's last "front" line), then shows the summary of the
 // session's calls. Catalog may hold no tests: the menu then offers Finish only.
-void RunFrontMenu(FrontHost& Host, FrontCatalog& Catalog, FrontSession& Session);
+void RunTechnicianMenu(MenuHost& Host, MenuCatalog& Catalog, MenuSession& Session);

@@ -12,7 +12,7 @@
 #include "fakes/FakeFirmware.h"
 #include "manager/Advice.h"
 #include "manager/Catalog.h"
-#include "manager/Front.h"
+#include "manager/Menu.h"
 #include "options/Catalog.h"
 #include "report/Results.h"
 #include "tests/TestTable.h"
@@ -33,33 +33,33 @@ std::string Narrow(const CHAR16* s) {
 
 struct CatalogFixture : ::testing::Test {
   FakeFirmware fw;
-  FrontCatalog catalog{};
+  MenuCatalog catalog{};
   void SetUp() override {
     std::u16string text = Wide(Expected("catalog.xml"));
-    ASSERT_EQ(ReadFrontCatalog(text.c_str(), &catalog), EFI_SUCCESS);
+    ASSERT_EQ(ReadMenuCatalog(text.c_str(), &catalog), EFI_SUCCESS);
   }
   void TearDown() override {
-    FreeFrontCatalog(&catalog);
+    FreeMenuCatalog(&catalog);
     EXPECT_TRUE(fw.pool.empty());
   }
-  FrontTest& Test(const char* name) {
+  MenuTest& Test(const char* name) {
     for (UINTN i = 0; i < catalog.TestCount; ++i)
       if (Narrow(catalog.Tests[i].Name) == name)
         return catalog.Tests[i];
     ADD_FAILURE() << name;
     return catalog.Tests[0];
   }
-  FrontArgument& Arg(const char* test, const char* name) {
-    FrontTest& t = Test(test);
+  MenuArgument& Arg(const char* test, const char* name) {
+    MenuTest& t = Test(test);
     for (UINTN i = 0; i < t.ArgumentCount; ++i)
       if (Narrow(t.Arguments[i].Name) == name)
         return t.Arguments[i];
     ADD_FAILURE() << name;
     return t.Arguments[0];
   }
-  std::string Why(FrontArgument& a, const char16_t* value) {
+  std::string Why(MenuArgument& a, const char16_t* value) {
     CHAR16 why[200] = {};
-    return CheckFrontValue(a, value, why, sizeof(why)) ? "" : Narrow(why);
+    return CheckMenuValue(a, value, why, sizeof(why)) ? "" : Narrow(why);
   }
 };
 
@@ -75,15 +75,15 @@ TEST_F(CatalogFixture, EveryTestAndArgumentOfTheModulesCatalog) {
       ++options;
     EXPECT_EQ(catalog.Tests[i].ArgumentCount, options) << Narrow(catalog.Tests[i].Name);
   }
-  FrontArgument& retries = Arg("pingtest", "-retries");
+  MenuArgument& retries = Arg("pingtest", "-retries");
   EXPECT_EQ(Narrow(retries.Value), "0"); // the default until edited
   CHAR16 limits[64];
-  DescribeFrontLimits(retries, limits, sizeof(limits));
+  DescribeMenuLimits(retries, limits, sizeof(limits));
   EXPECT_EQ(Narrow(limits), "0..5");
 }
 
 TEST_F(CatalogFixture, ValuesAreCheckedAsTheModuleChecksThem) {
-  FrontArgument& retries = Arg("pingtest", "-retries");
+  MenuArgument& retries = Arg("pingtest", "-retries");
   EXPECT_EQ(Why(retries, u"2"), "");
   EXPECT_EQ(Why(retries, u"5"), ""); // the edges of the range are in it
   EXPECT_EQ(Why(retries, u"0"), "");
@@ -101,20 +101,20 @@ TEST_F(CatalogFixture, ValuesAreCheckedAsTheModuleChecksThem) {
 }
 
 TEST_F(CatalogFixture, TheCallCarriesTheEditedArguments) {
-  FrontTest& ping = Test("pingtest");
+  MenuTest& ping = Test("pingtest");
   CHAR16 options[256];
-  ASSERT_TRUE(BuildFrontOptions(ping, options, sizeof(options)));
+  ASSERT_TRUE(BuildMenuOptions(ping, options, sizeof(options)));
   EXPECT_EQ(Narrow(options), "-test=pingtest");
-  FrontArgument& retries = Arg("pingtest", "-retries");
+  MenuArgument& retries = Arg("pingtest", "-retries");
   StrCopy(retries.Value, sizeof(retries.Value), u"2");
   retries.Edited = true;
-  FrontArgument& path = Arg("pingtest", "-devicepath");
+  MenuArgument& path = Arg("pingtest", "-devicepath");
   StrCopy(path.Value, sizeof(path.Value), u"a b");
   path.Edited = true;
-  ASSERT_TRUE(BuildFrontOptions(ping, options, sizeof(options)));
+  ASSERT_TRUE(BuildMenuOptions(ping, options, sizeof(options)));
   EXPECT_EQ(Narrow(options), "-test=pingtest -retries=2 -devicepath=\"a b\"");
   CHAR16 small[20];
-  EXPECT_FALSE(BuildFrontOptions(ping, small, sizeof(small)));
+  EXPECT_FALSE(BuildMenuOptions(ping, small, sizeof(small)));
 }
 
 // The menu on a fake manager: what it showed, the calls it made, the keys it was given.
@@ -135,7 +135,7 @@ struct FakeHost {
     }
     return h->keys[h->nextKey++];
   }
-  static void Run(void* c, CHAR16* options, FrontCall* call) {
+  static void Run(void* c, CHAR16* options, MenuCall* call) {
     auto* h = static_cast<FakeHost*>(c);
     h->calls.push_back(Narrow(options));
     call->Result = h->calls.size() == 1 ? TEST_RESULT_FAILED : TEST_RESULT_PASSED;
@@ -156,10 +156,10 @@ struct FakeHost {
       ++h->drained;
     }
   }
-  FrontHost Host(AnswerScript* script) { return {this, Show, Clear, Key, Drain, Run, nullptr, script}; }
+  MenuHost Host(AnswerScript* script) { return {this, Show, Clear, Key, Drain, Run, nullptr, script}; }
 };
 
-TEST(FrontCatalogInput, BrokenCatalogsAreRefusedWithoutLeaks) {
+TEST(MenuCatalogInput, BrokenCatalogsAreRefusedWithoutLeaks) {
   FakeFirmware fw;
   const char16_t* broken[] = {u"",
                               u"<DIAGNOSTIC>",
@@ -168,9 +168,9 @@ TEST(FrontCatalogInput, BrokenCatalogsAreRefusedWithoutLeaks) {
                               u"<DIAGNOSTIC><TEST Description=\"no name\"/></DIAGNOSTIC>",
                               u"<<<"};
   for (const char16_t* text : broken) {
-    FrontCatalog catalog{};
-    EXPECT_TRUE(EFI_ERROR(ReadFrontCatalog(text, &catalog))) << Narrow(text);
-    FreeFrontCatalog(&catalog);
+    MenuCatalog catalog{};
+    EXPECT_TRUE(EFI_ERROR(ReadMenuCatalog(text, &catalog))) << Narrow(text);
+    FreeMenuCatalog(&catalog);
   }
   // More tests and arguments than the menu keeps: the first ones, and nothing overruns.
   std::u16string many = u"<DIAGNOSTIC>";
@@ -181,32 +181,32 @@ TEST(FrontCatalogInput, BrokenCatalogsAreRefusedWithoutLeaks) {
     many += u"</TEST>";
   }
   many += u"</DIAGNOSTIC>";
-  FrontCatalog catalog{};
-  ASSERT_EQ(ReadFrontCatalog(many.c_str(), &catalog), EFI_SUCCESS);
-  EXPECT_EQ(catalog.TestCount, kFrontMaxTests);
-  EXPECT_EQ(catalog.Tests[kFrontMaxTests - 1].ArgumentCount, kFrontMaxArguments);
+  MenuCatalog catalog{};
+  ASSERT_EQ(ReadMenuCatalog(many.c_str(), &catalog), EFI_SUCCESS);
+  EXPECT_EQ(catalog.TestCount, kMenuMaxTests);
+  EXPECT_EQ(catalog.Tests[kMenuMaxTests - 1].ArgumentCount, kMenuMaxArguments);
   EXPECT_EQ(catalog.Omitted, 4u);
   EXPECT_EQ(catalog.Tests[0].Omitted, 4u);
   // The menu says what it leaves out, and every line still fits the screen.
   FakeHost host;
-  FrontSession session{};
+  MenuSession session{};
   std::u16string script = u"front test t0\nfront finish\n";
   AnswerScript answers{};
   ASSERT_TRUE(ParseAnswerScript(script.data(), &answers, nullptr));
-  FrontHost h = host.Host(&answers);
-  RunFrontMenu(h, catalog, session);
+  MenuHost h = host.Host(&answers);
+  RunTechnicianMenu(h, catalog, session);
   EXPECT_NE(host.screen.find("FRONT the catalog lists 4 more tests than this screen holds"),
             std::string::npos);
   EXPECT_NE(
       host.screen.find("FRONT the catalog lists 4 more arguments than this screen holds; they keep their "
                        "defaults"),
       std::string::npos);
-  FreeFrontCatalog(&catalog);
+  FreeMenuCatalog(&catalog);
   for (uint64_t n = 1; n < 200; ++n) { // every allocation failed in turn
     fw.FailUse(n);
-    FrontCatalog c{};
-    ReadFrontCatalog(Wide(Expected("catalog.xml")).c_str(), &c);
-    FreeFrontCatalog(&c);
+    MenuCatalog c{};
+    ReadMenuCatalog(Wide(Expected("catalog.xml")).c_str(), &c);
+    FreeMenuCatalog(&c);
   }
   fw.FailUse(0);
   EXPECT_TRUE(fw.pool.empty());
@@ -281,10 +281,10 @@ namespace {
 
 struct MenuFixture : CatalogFixture {
   FakeHost fake;
-  FrontSession session{};
+  MenuSession session{};
   void Sessions(AnswerScript* script) {
-    FrontHost host = fake.Host(script);
-    RunFrontMenu(host, catalog, session);
+    MenuHost host = fake.Host(script);
+    RunTechnicianMenu(host, catalog, session);
   }
 };
 
@@ -344,9 +344,9 @@ TEST_F(MenuFixture, TextsComeInTheManagersLanguageAndEnglishWhereOneIsMissing) {
   std::u16string text = u"front finish\n";
   AnswerScript script{};
   ASSERT_TRUE(ParseAnswerScript(text.data(), &script, nullptr));
-  FrontHost host = fake.Host(&script);
+  MenuHost host = fake.Host(&script);
   host.Text = [](void*, UINTN id) -> const CHAR16* { return id == 202 ? u"Terminer" : nullptr; };
-  RunFrontMenu(host, catalog, session);
+  RunTechnicianMenu(host, catalog, session);
   EXPECT_NE(fake.screen.find(" Terminer\r\n"), std::string::npos);      // Finish, in French
   EXPECT_NE(fake.screen.find(" Run all tests\r\n"), std::string::npos); // no French text given: English
 }

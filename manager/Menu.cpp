@@ -1,14 +1,15 @@
-#include "manager/Front.h"
+#include "manager/Menu.h"
 
 #include "base/Print.h"
 #include "base/String.h"
 #include "manager/Advice.h"
+#include "manager/Chooser.h"
 #include "manager/Report.h"
 
 namespace {
 
-constexpr UINTN kColumns = 79; // a line of an 80-column console, the last column left free
-constexpr UINTN kLineChars = 1024;
+constexpr UINTN kColumns = 79;    // a line of an 80-column console, the last column left free
+constexpr UINTN kLineChars = 512; // a screen line and its control text; 79 columns are shown
 constexpr UINTN kNameColumn = 24; // where the tests' descriptions begin
 
 // The menu's own texts: the message file's, in the manager's language, where it has them.
@@ -39,9 +40,9 @@ const CHAR16* const kEnglish[] = {
     u"The module's catalog could not be read: there is no test to choose.",
 };
 
-class Menu {
+class TechnicianMenu {
 public:
-  Menu(FrontHost& host, FrontCatalog& catalog, FrontSession& session)
+  TechnicianMenu(MenuHost& host, MenuCatalog& catalog, MenuSession& session)
       : host_(host), catalog_(catalog), session_(session) {}
 
   void Run() {
@@ -88,17 +89,17 @@ private:
   INT64 ScriptedMain(const Answer** a) {
     for (;;) {
       DrawMain(0);
-      *a = TakeAnswer(host_.Script, AnswerKind::Front);
+      *a = TakeAnswer(host_.Script, AnswerKind::Technician);
       if (*a == nullptr) {
         Line(u"FRONT the script has no answer left: finish\r\n");
         return -1;
       }
       switch ((*a)->Step) {
-      case FrontStep::Finish:
+      case MenuStep::Finish:
         return -1;
-      case FrontStep::All:
+      case MenuStep::All:
         return INT64(catalog_.TestCount + 1);
-      case FrontStep::Test:
+      case MenuStep::Test:
         for (UINTN t = 0; t < catalog_.TestCount; ++t)
           if (StriEq(catalog_.Tests[t].Name, (*a)->Name)) {
             Line(u"FRONT test=%s\r\n", catalog_.Tests[t].Name);
@@ -142,46 +143,29 @@ private:
     return Choose(catalog_.TestCount + 2, [this](UINTN highlight) { DrawMain(highlight); });
   }
 
-  // The keyboard's choice among items 1..count: digits and Enter, or the arrows and Enter; ESC
-  // gives -1. Keys other than these are let go, so a key held down only repeats itself.
+  // The keyboard's choice, on a screen cleared and drawn anew when the highlight moves.
   template <class Draw> INT64 Choose(UINTN count, Draw draw) {
-    UINTN highlight = 1;
-    UINTN typed = 0;
     host_.Drain(host_.Context); // before the screen: a key seen after it is meant for it
-    host_.Clear(host_.Context);
-    draw(highlight);
-    for (;;) {
-      EFI_INPUT_KEY key = host_.ReadKey(host_.Context);
-      if (key.ScanCode == SCAN_ESC)
-        return -1;
-      if (key.ScanCode == SCAN_UP || key.ScanCode == SCAN_DOWN) {
-        highlight = key.ScanCode == SCAN_UP ? (highlight > 1 ? highlight - 1 : count)
-                                            : (highlight < count ? highlight + 1 : 1);
-        typed = 0;
-        host_.Clear(host_.Context);
-        draw(highlight);
-      } else if (key.UnicodeChar >= u'0' && key.UnicodeChar <= u'9' && typed < 1000) {
-        typed = typed * 10 + UINTN(key.UnicodeChar - u'0');
-      } else if (key.UnicodeChar == u'\r') {
-        UINTN chosen = typed != 0 ? typed : highlight;
-        if (chosen >= 1 && chosen <= count) {
-          Line(u"FRONT answer=%d\r\n", chosen);
-          return INT64(chosen);
-        }
-        Line(u"FRONT no item %d: choose 1 to %d\r\n", chosen, count);
-        typed = 0;
-      }
-    }
+    INT64 chosen = ChooseItem(
+        count, [this] { return host_.ReadKey(host_.Context); },
+        [&](UINTN highlight) {
+          host_.Clear(host_.Context);
+          draw(highlight);
+        },
+        [&](UINTN n) { Line(u"FRONT no item %d: choose 1 to %d\r\n", n, count); });
+    if (chosen > 0)
+      Line(u"FRONT answer=%d\r\n", chosen);
+    return chosen;
   }
 
-  void DrawTest(const FrontTest& test, UINTN highlight) {
+  void DrawTest(const MenuTest& test, UINTN highlight) {
     Line(u"FRONT screen=test name=%s\r\n", test.Name);
     Line(u"FRONT %s\r\n", test.Description);
     CHAR16 text[kLineChars];
     for (UINTN i = 0; i < test.ArgumentCount; ++i) {
-      const FrontArgument& a = test.Arguments[i];
+      const MenuArgument& a = test.Arguments[i];
       CHAR16 limits[160];
-      DescribeFrontLimits(a, limits, sizeof(limits));
+      DescribeMenuLimits(a, limits, sizeof(limits));
       SPrint(text, sizeof(text), u"%s=%s (%s%s%s, default %s)", a.Name, a.Value,
              a.Type[0] ? a.Type : u"switch", limits[0] ? u", " : u"", limits,
              a.Default != nullptr ? a.Default : u"none");
@@ -191,19 +175,19 @@ private:
            highlight);
   }
 
-  void TestScreen(FrontTest& test) {
+  void TestScreen(MenuTest& test) {
     for (;;) {
       if (host_.Script != nullptr) {
         DrawTest(test, 0);
-        const Answer* a = TakeAnswer(host_.Script, AnswerKind::Front);
-        if (a == nullptr || a->Step == FrontStep::Back)
+        const Answer* a = TakeAnswer(host_.Script, AnswerKind::Technician);
+        if (a == nullptr || a->Step == MenuStep::Back)
           return;
-        if (a->Step == FrontStep::Run) {
+        if (a->Step == MenuStep::Run) {
           RunTest(test);
           return;
         }
-        if (a->Step == FrontStep::Set) {
-          FrontArgument* arg = Find(test, a->Name);
+        if (a->Step == MenuStep::Set) {
+          MenuArgument* arg = Find(test, a->Name);
           if (arg == nullptr)
             Line(u"FRONT refused: %s has no argument %s\r\n", test.Name, a->Name);
           else
@@ -224,7 +208,7 @@ private:
     }
   }
 
-  static FrontArgument* Find(FrontTest& test, const CHAR16* name) {
+  static MenuArgument* Find(MenuTest& test, const CHAR16* name) {
     for (UINTN i = 0; i < test.ArgumentCount; ++i)
       if (StriEq(test.Arguments[i].Name, name))
         return &test.Arguments[i];
@@ -232,9 +216,9 @@ private:
   }
 
   // A new value, checked against the catalog; a refused one says why and the old one stays.
-  void Set(FrontArgument& arg, const CHAR16* value) {
+  void Set(MenuArgument& arg, const CHAR16* value) {
     CHAR16 why[kLineChars];
-    if (!CheckFrontValue(arg, value, why, sizeof(why))) {
+    if (!CheckMenuValue(arg, value, why, sizeof(why))) {
       Line(u"FRONT refused: %s; %s stays %s\r\n", why, arg.Name, arg.Value);
       return;
     }
@@ -244,11 +228,11 @@ private:
   }
 
   // The keyboard's new value: printable characters, Backspace; Enter takes it, ESC leaves the old one.
-  void Edit(FrontArgument& arg) {
+  void Edit(MenuArgument& arg) {
     CHAR16 limits[160];
-    DescribeFrontLimits(arg, limits, sizeof(limits));
+    DescribeMenuLimits(arg, limits, sizeof(limits));
     Line(u"FRONT %s: %s%s%s\r\nFRONT %s=", T(kNewValue), arg.Name, limits[0] ? u" " : u"", limits, arg.Name);
-    CHAR16 value[kFrontValueChars] = {};
+    CHAR16 value[kMenuValueChars] = {};
     UINTN n = 0;
     for (;;) {
       EFI_INPUT_KEY key = host_.ReadKey(host_.Context);
@@ -261,7 +245,7 @@ private:
       if (key.UnicodeChar == u'\b' && n > 0) {
         value[--n] = 0;
         Line(u"\b \b");
-      } else if (key.UnicodeChar >= u' ' && key.UnicodeChar < 0x7F && n + 1 < kFrontValueChars) {
+      } else if (key.UnicodeChar >= u' ' && key.UnicodeChar < 0x7F && n + 1 < kMenuValueChars) {
         value[n++] = key.UnicodeChar;
         value[n] = 0;
         CHAR16 echo[2] = {key.UnicodeChar, 0};
@@ -274,14 +258,14 @@ private:
     Set(arg, value);
   }
 
-  void RunTest(FrontTest& test) {
-    if (session_.CallCount == kFrontMaxCalls) {
+  void RunTest(MenuTest& test) {
+    if (session_.CallCount == kMenuMaxCalls) {
       Line(u"FRONT this session has made %d calls, the most it records: finish it to run more\r\n",
-           kFrontMaxCalls);
+           kMenuMaxCalls);
       return;
     }
-    FrontCall& call = session_.Calls[session_.CallCount];
-    if (!BuildFrontOptions(test, call.Options, sizeof(call.Options))) {
+    MenuCall& call = session_.Calls[session_.CallCount];
+    if (!BuildMenuOptions(test, call.Options, sizeof(call.Options))) {
       Line(u"FRONT refused: the option string of %s is longer than %d characters\r\n", test.Name,
            sizeof(call.Options) / sizeof(CHAR16) - 1);
       return;
@@ -291,7 +275,7 @@ private:
     ResultScreen(test, call);
   }
 
-  void ResultScreen(const FrontTest& test, const FrontCall& call) {
+  void ResultScreen(const MenuTest& test, const MenuCall& call) {
     Line(u"FRONT result test=%s options='%s' result=%s error=0x%x status=%r meaning=\"%s\"\r\n", test.Name,
          call.Options, ResultName(call.Result), call.Error, call.Status, ReportMeaning(call.Error));
     CHAR16 advice[kLineChars];
@@ -312,19 +296,19 @@ private:
     if (session_.CallCount == 0)
       Line(u"FRONT %s\r\n", T(kNoCalls));
     for (UINTN i = 0; i < session_.CallCount; ++i) {
-      const FrontCall& c = session_.Calls[i];
+      const MenuCall& c = session_.Calls[i];
       Line(u"FRONT call=%d result=%s error=0x%x options='%s' meaning=\"%s\"\r\n", i + 1, ResultName(c.Result),
            c.Error, c.Options, ReportMeaning(c.Error));
     }
   }
 
-  FrontHost& host_;
-  FrontCatalog& catalog_;
-  FrontSession& session_;
+  MenuHost& host_;
+  MenuCatalog& catalog_;
+  MenuSession& session_;
 };
 
 } // namespace
 
-void RunFrontMenu(FrontHost& Host, FrontCatalog& Catalog, FrontSession& Session) {
-  Menu(Host, Catalog, Session).Run();
+void RunTechnicianMenu(MenuHost& Host, MenuCatalog& Catalog, MenuSession& Session) {
+  TechnicianMenu(Host, Catalog, Session).Run();
 }
