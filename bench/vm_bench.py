@@ -159,8 +159,29 @@ def fleet_bench():
         print(f"BENCH fleet_{count}_bytes_downloaded_per_machine {max(downloads.values())} bytes")
 
 
+def menu_stack_bench():
+    """The deepest use of the firmware's stack in a technician's menu session that runs every test and
+    uploads after each over HTTPS (the TLS handshake runs below VexRun's frames), against the 128 KiB
+    that UEFI promises and EDK2 gives."""
+    from wcvm import fleet
+    machines = fleet.machines_for(1, os.getpid() % 100000 + 1)
+    with fleet.Fleet(machines, [], https=True, script="front all\nfront finish\n") as f:
+        f.boot()
+        serial = f.boots[0].serial_log if f.boots else ""
+    text = open(serial, errors="replace").read() if serial and os.path.exists(serial) else ""
+    m = re.search(r"STACK deepest=(\d+) size=(\d+)", text)
+    uploads = text.count("UPLOAD state=failed")
+    if m is None:
+        print("BENCH menu_https_session_deepest_stack n/a (the manager found no stack in the hand-off list)")
+        return
+    print(f"BENCH menu_https_session_deepest_stack {m.group(1)} bytes")
+    print(f"BENCH menu_https_session_stack_limit 131072 bytes (the stack found: {m.group(2)} bytes; "
+          f"failed upload rounds: {uploads})")
+
+
 if os.geteuid() == 0:
     fleet_bench()
+    menu_stack_bench()
 else:
     print("BENCH fleet n/a (the fleet's network namespace needs root)")
 

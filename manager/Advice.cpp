@@ -11,8 +11,7 @@ constexpr AdviceRow kRows[] = {
     {0x80160101, u"0x80160101", u"pingtest", u"the NIC got no IPv4 address within 60 s, or DHCP timed out",
      u"a DHCP server on the port's network: no server, one that offers but never acknowledges, and one that "
      u"answers with NAK all end here; so does a missing cable on a NIC whose driver never reads the link "
-     u"(the "
-     u"table of cable checks above: no prompt to plug the cable was shown)"},
+     u"(no prompt to plug the cable was shown: look at the cable and the port's light)"},
     {0x80160302, u"0x80160302", u"interactivenetworktest", u"no address within 60 s, or DHCP not bound",
      u"as 0x80160101"},
     {0x80160102, u"0x80160102", u"pingtest", u"the DHCP server did not answer every echo request in time",
@@ -20,7 +19,9 @@ constexpr AdviceRow kRows[] = {
      u"a "
      u"reply 1.5 s late still passes, 3 s late fails), or loses replies (one lost reply of `-testrepeats` "
      u"fails "
-     u"the test); a \"destination unreachable\" answer, replies with another identifier and replies from "
+     u"the test, unless a duplicated reply stands in for it: any echo reply from the server counts, whatever "
+     u"its sequence number); a \"destination unreachable\" answer, replies with another identifier and "
+     u"replies from "
      u"another "
      u"address count as no reply"},
     {0x80160303, u"0x80160303", u"interactivenetworktest",

@@ -1,5 +1,7 @@
 #include "manager/Menu.h"
 
+#include "base/Cxx.h"
+#include "base/Memory.h"
 #include "base/Print.h"
 #include "base/String.h"
 #include "manager/Advice.h"
@@ -69,10 +71,44 @@ private:
     return text != nullptr ? text : kEnglish[id - kTitle];
   }
 
+  // Shows a formatted text, every line of it within the screen's kColumns: a longer one is broken
+  // at its last blank that fits and goes on in a line of its own, indented under the "FRONT" mark.
   template <class... A> void Line(const CHAR16* format, const A&... args) {
-    CHAR16 line[kLineChars];
-    SPrint(line, sizeof(line), format, args...);
-    host_.Show(host_.Context, line, 0);
+    CHAR16 text[kLineChars];
+    SPrint(text, sizeof(text), format, args...);
+    constexpr const CHAR16* kGoOn = u"FRONT   ";
+    CHAR16 piece[kColumns + 4];
+    UINTN column = 0;
+    const CHAR16* rest = text;
+    while (StrLen(rest) + column > kColumns) {
+      const CHAR16* end = StrFindChar(rest, u'\n');
+      if (end != nullptr && UINTN(end - rest) + column <= kColumns + 1) { // this line fits: show it as it is
+        ShowPiece(piece, rest, UINTN(end - rest) + 1);
+        rest = end + 1;
+        column = 0;
+        continue;
+      }
+      UINTN cut = kColumns - column;
+      while (cut > 0 && rest[cut] != u' ')
+        --cut;
+      if (cut == 0)
+        cut = kColumns - column; // one long word: cut where the screen ends
+      ShowPiece(piece, rest, cut);
+      host_.Show(host_.Context, u"\r\n", 0);
+      host_.Show(host_.Context, kGoOn, 0);
+      column = StrLen(kGoOn);
+      rest += cut;
+      while (*rest == u' ')
+        ++rest;
+    }
+    host_.Show(host_.Context, rest, 0);
+  }
+
+  void ShowPiece(CHAR16 (&piece)[kColumns + 4], const CHAR16* from, UINTN chars) {
+    UINTN n = wc::Min<UINTN>(chars, kColumns + 3);
+    CopyMem(piece, from, n * sizeof(CHAR16));
+    piece[n] = 0;
+    host_.Show(host_.Context, piece, 0);
   }
 
   // An item line cut to the console's width.
@@ -133,7 +169,7 @@ private:
   void Footer(UINTN omitted, const CHAR16* what, const CHAR16* then, UINTN count, UINTN first, UINTN second,
               UINTN highlight) {
     if (omitted != 0)
-      Line(u"FRONT the catalog lists %d more %s than this screen holds; %s\r\n", omitted, what, then);
+      Line(u"FRONT %d more %s than this screen holds; %s\r\n", omitted, what, then);
     Item(count + 1, T(first), highlight == count + 1);
     Item(count + 2, T(second), highlight == count + 2);
     Line(u"FRONT hint=%s\r\n", T(kHint));
@@ -276,8 +312,8 @@ private:
   }
 
   void ResultScreen(const MenuTest& test, const MenuCall& call) {
-    Line(u"FRONT result test=%s options='%s' result=%s error=0x%x status=%r meaning=\"%s\"\r\n", test.Name,
-         call.Options, ResultName(call.Result), call.Error, call.Status, ReportMeaning(call.Error));
+    Line(u"FRONT result test=%s result=%s error=0x%x status=%r meaning=\"%s\" options='%s'\r\n", test.Name,
+         ResultName(call.Result), call.Error, call.Status, ReportMeaning(call.Error), call.Options);
     CHAR16 advice[kLineChars];
     AdviceText(call.Error, advice, sizeof(advice));
     if (advice[0] != 0)
@@ -297,8 +333,8 @@ private:
       Line(u"FRONT %s\r\n", T(kNoCalls));
     for (UINTN i = 0; i < session_.CallCount; ++i) {
       const MenuCall& c = session_.Calls[i];
-      Line(u"FRONT call=%d result=%s error=0x%x options='%s' meaning=\"%s\"\r\n", i + 1, ResultName(c.Result),
-           c.Error, c.Options, ReportMeaning(c.Error));
+      Line(u"FRONT call=%d result=%s error=0x%x meaning=\"%s\" options='%s'\r\n", i + 1, ResultName(c.Result),
+           c.Error, ReportMeaning(c.Error), c.Options);
     }
   }
 

@@ -181,8 +181,7 @@ void RunMenu(const ModuleApi& api, EFI_HANDLE module) {
     if (gManager->Results != nullptr)
       Say(u"FRONT files=%s\\results.txt %s\\results.xml %s\\results.json\r\n", d, d, d);
     else
-      Say(u"FRONT files=none: this disk takes no files (write-protected?); the results are only on this "
-          u"screen\r\n");
+      Say(u"FRONT files=none: the disk takes no files; the results are only on this screen\r\n");
     FreeMenuCatalog(catalog.Get());
   } else {
     Say(u"VexRun: no memory for the menu (%r)\r\n", EFI_OUT_OF_RESOURCES);

@@ -63,6 +63,36 @@ class ScriptedMenuStick(unittest.TestCase):
         # NicSpeedTest on a NIC outside the rated-speed table: the result screen says what to check.
         self.assertRegex(out, r"FRONT result test=NicSpeedTest .*error=0x800000FF")
         self.assertIn("FRONT check=the module's Debug.log and the status of the result", out)
+        assert_screen_width(self, out)
+
+
+class WriteProtectedStick(unittest.TestCase):
+    def test_the_menu_works_and_says_the_results_are_only_on_the_screen(self):
+        with tempfile.TemporaryDirectory() as work:
+            image = os.path.join(work, "locked.img")
+            script = "front test detectcable\nfront run\nfront finish\n"
+            answers = os.path.join(work, "answers.txt")
+            with open(answers, "w") as f:
+                f.write(script)
+            made = subprocess.run(RUNNER + ["image", image, "--menu", "--script", answers], capture_output=True,
+                                  text=True)
+            self.assertEqual(made.returncode, 0, made.stderr)
+            run = wcvm.run_vm(wcvm.VmConfig(image=image, write_protected=True, script=script, timeout=300))
+            self.assertIsNone(wcvm.read_image_file(image, "results.txt"))
+        out = run.output
+        for name in TESTS:
+            self.assertRegex(out, rf"FRONT item=\d+ {name} +\S")
+        self.assertIn("FRONT result test=detectcable", out)
+        self.assertIn("FRONT files=none", out)
+        self.assertIn("the results are only on this", out)
+        self.assertNotIn("catalog could not be read", out)
+        assert_screen_width(self, out)
+
+
+def assert_screen_width(test, out):
+    """Every line of the technician's menu fits an 80-column screen."""
+    wide = [line for line in out.splitlines() if line.startswith("FRONT") and len(line) > 79]
+    test.assertEqual(wide, [])
 
 
 class MenuAtATerminal(unittest.TestCase):

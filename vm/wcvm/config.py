@@ -185,6 +185,7 @@ class VmConfig:
     shell_after: list = field(default_factory=list)  # shell lines after the manager, before power-off
     image: str = ""  # boot this disk image (made by build_image) instead of the shell and startup.nsh
     usb_stick: bool = False  # the disk is a USB stick on an XHCI controller rather than a virtio disk
+    write_protected: bool = False  # the disk takes no writes, as a stick with its lock switch on
     secure_boot: bool = False  # OVMF's Secure Boot build, Debian's test key enrolled (boot images only)
     on_line: object = None  # called with each clean serial line as it arrives
     keyboard: bool = False  # keys typed at this terminal reach the VM

@@ -11,6 +11,7 @@ from concurrent.futures import ThreadPoolExecutor
 
 from .config import ROOT, HarnessError, Nic, VmConfig, chosen
 from .firmware import take_options as take_firmware_options
+from .junit import take_junit, write_faults_junit
 from .live import run_vm
 from .peer import FAULTS
 from .report import call_seconds
@@ -76,8 +77,9 @@ def run_fault(fault, work, dump="", firmware=None, calls=None):
 
 def main(argv):
     try:
+        junit, argv = take_junit(argv)
         firmwares, argv = take_firmware_options(argv, several=True)
-    except HarnessError as e:
+    except (HarnessError, ValueError) as e:
         print(f"wirecheck faults: {e}", file=sys.stderr)
         return 2
     faults = chosen(argv, CASES, "faults", "fault")
@@ -115,4 +117,6 @@ def main(argv):
     with open(os.path.join(ROOT, "build", "faults.json"), "w") as f:
         json.dump({"firmware": [fw.name for fw in firmwares], "faults": {k: FAULTS[k] for k in faults},
                    "rows": rows, "broken": broken, "wall_seconds": round(wall)}, f, indent=1)
+    if junit:
+        write_faults_junit(junit, rows, broken)
     return 2 if broken else 1 if bad else 0

@@ -351,8 +351,9 @@ class Fleet:
     """The namespace, the servers and the machines of one fleet run; `with Fleet(...) as f: f.boot()`."""
 
     def __init__(self, machines, calls, firmware=None, secure=False, sign=None, images=None, nginx_extra="",
-                 servers=(), work=None, https=False):
+                 servers=(), work=None, https=False, script=""):
         self.machines, self.calls, self.secure, self.https = machines, calls, secure, https
+        self.script = script  # answers on the stick (with no calls: the technician's menu, scripted)
         self.firmware = firmware or resolve_firmware(DEFAULT_GENERATION)
         self.sign = sign
         self.images = images or {}  # name -> function(path) that makes it, beside stick.img
@@ -375,7 +376,7 @@ class Fleet:
         if self.https:
             _, crt, key, self.cacerts = make_certificates(self.work)
             self.tls = (crt, key)
-        build_image(os.path.join(self.www, "stick.img"), self.calls, sign=self.sign,
+        build_image(os.path.join(self.www, "stick.img"), self.calls, script=self.script, sign=self.sign,
                     upload=UPLOAD_URL_TLS if self.https else UPLOAD_URL)
         for name, make in self.images.items():
             make(os.path.join(self.www, name))

@@ -15,6 +15,7 @@ from concurrent.futures import ThreadPoolExecutor
 
 from .config import NIC_MODELS, ROOT, HarnessError, Nic, VmConfig, chosen
 from .firmware import take_options as take_firmware_options
+from .junit import take_junit, write_matrix_junit
 from .live import run_vm
 from .report import call_blocks
 
@@ -270,6 +271,11 @@ def _jobs(argv):
 def main(argv):
     jobs, argv = _jobs(argv)
     try:
+        junit, argv = take_junit(argv)
+    except ValueError as e:
+        print(f"wirecheck matrix: {e}", file=sys.stderr)
+        return 2
+    try:
         firmwares, argv = take_firmware_options(argv, several=True)
     except HarnessError as e:
         print(f"wirecheck matrix: {e}", file=sys.stderr)
@@ -323,6 +329,8 @@ def main(argv):
                    "columns": [{"firmware": fw.name, "model": m, "label": label} for fw, m, label in columns],
                    "rows": rows, "explained": explained, "wall_seconds": round(wall)},
                   f, indent=1)
+    if junit:
+        write_matrix_junit(junit, rows)
     return 1 if bad else 0
 
 

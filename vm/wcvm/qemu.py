@@ -38,7 +38,7 @@ def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None, peer_monitor
                 "-drive", f"if=pflash,format=raw,unit=1,file={vars_copy}"]
     else:
         cmd += ["-bios", code]
-    cmd += ["-drive", f"if=none,id=d0,format=raw,file={disk}"]
+    cmd += ["-drive", f"if=none,id=d0,format=raw,file={disk}" + (",readonly=on" if cfg.write_protected else "")]
     if cfg.usb_stick:
         # As a technician's stick meets a real machine: a USB mass-storage device on an XHCI controller.
         cmd += ["-device", "qemu-xhci,id=xhci", "-device", "usb-storage,bus=xhci.0,drive=d0,bootindex=0"]
