@@ -110,9 +110,10 @@ void Withdraw(EFI_HTTP_PROTOCOL* http, Exchange*& e) {
   }
 }
 
-// Sends the request or asks for the answer, then polls the child until the token completes or
-// TimeoutMs pass.
-EFI_STATUS Await(EFI_HTTP_PROTOCOL* http, Exchange*& e, bool request, UINT32 timeoutMs) {
+// Sends the request or asks for the answer, then polls the child until the token completes, TimeoutMs
+// pass or the bound is over.
+EFI_STATUS Await(EFI_HTTP_PROTOCOL* http, Exchange*& e, bool request, UINT32 timeoutMs,
+                 const WaitBound* bound) {
   EFI_STATUS status = request ? http->Request(http, &e->Token) : http->Response(http, &e->Token);
   if (EFI_ERROR(status)) {
     e->Token.Status = status; // never queued
@@ -127,7 +128,8 @@ EFI_STATUS Await(EFI_HTTP_PROTOCOL* http, Exchange*& e, bool request, UINT32 tim
   }
   while (e->Token.Status == EFI_NOT_READY) {
     http->Poll(http);
-    if (gBS->CheckEvent(timer.Get()) == EFI_SUCCESS && e->Token.Status == EFI_NOT_READY) {
+    bool over = gBS->CheckEvent(timer.Get()) == EFI_SUCCESS || (bound != nullptr && bound->Over());
+    if (over && e->Token.Status == EFI_NOT_READY) {
       Withdraw(http, e);
       return EFI_TIMEOUT;
     }
@@ -239,6 +241,24 @@ bool UploadFolder(const CHAR16* BaseUrl, const CHAR16* Machine, const EFI_TIME& 
   return Fits(written + kUploadNameChars, OutSize);
 }
 
+WaitBound::~WaitBound() {
+  if (event_ != nullptr)
+    gBS->CloseEvent(event_);
+}
+
+void EFIAPI WaitBound::Fire(EFI_EVENT, void* Context) {
+  static_cast<WaitBound*>(Context)->over_ = true;
+}
+
+EFI_STATUS WaitBound::Start(UINT64 Milliseconds) {
+  EFI_STATUS status = gBS->CreateEvent(EVT_TIMER | EVT_NOTIFY_SIGNAL, TPL_CALLBACK, Fire, this, &event_);
+  if (EFI_ERROR(status)) {
+    event_ = nullptr;
+    return status;
+  }
+  return gBS->SetTimer(event_, TimerRelative, Milliseconds * 10000);
+}
+
 void ReleaseFinishedExchanges() {
   for (Exchange** link = &gLeftToFirmware; *link != nullptr;) {
     Exchange* e = *link;
@@ -261,7 +281,7 @@ UINTN ExchangesLeftToFirmware() {
 }
 
 PutOutcome HttpPut(EFI_HANDLE Service, const CHAR16* Url, const CHAR8* ContentType, const void* Body,
-                   UINTN Size, UINT32 TimeoutMs) {
+                   UINTN Size, UINT32 TimeoutMs, const WaitBound* Bound) {
   ReleaseFinishedExchanges();
   PutOutcome outcome;
   CHAR8 host[128];
@@ -314,13 +334,13 @@ PutOutcome HttpPut(EFI_HANDLE Service, const CHAR16* Url, const CHAR8* ContentTy
   sent->Message.Headers = sent->Headers;
   sent->Message.BodyLength = Size;
   sent->Message.Body = sent->Body;
-  if (EFI_ERROR(outcome.Status = Await(http.Get(), sent, true, TimeoutMs)))
+  if (EFI_ERROR(outcome.Status = Await(http.Get(), sent, true, TimeoutMs, Bound)))
     return outcome;
 
   if (EFI_ERROR(outcome.Status = NewExchange(&received)))
     return outcome;
   received->Message.Data.Response = &received->Response;
-  outcome.Status = Await(http.Get(), received, false, TimeoutMs);
+  outcome.Status = Await(http.Get(), received, false, TimeoutMs, Bound);
   // An answer of 300 or more ends the token with the firmware's HTTP error, its code still given.
   if (received != nullptr && (!EFI_ERROR(outcome.Status) || outcome.Status == EFI_HTTP_ERROR)) {
     outcome.Answered = true;

@@ -45,11 +45,30 @@ const CHAR16* HttpsTrouble(const CHAR16* Url, const PutOutcome& Outcome);
 // One HTTP PUT of Body to Url through the HTTP service binding on Service, in a child of its own
 // that is destroyed before it returns. Waits at most TimeoutMs for each of the request and the answer
 // (the firmware's own TCP connect may take up to its connection timeout before that).
+// A bound on the waits of several PUTs: a one-shot firmware timer whose notify function marks the
+// bound as over, so that no wait outlasts it, whichever call was running when it fell due.
+class WaitBound {
+public:
+  WaitBound() = default;
+  WaitBound(const WaitBound&) = delete;
+  WaitBound& operator=(const WaitBound&) = delete;
+  ~WaitBound();
+  // A failure leaves no bound (the waits then end by their own time-outs only).
+  EFI_STATUS Start(UINT64 Milliseconds);
+  bool Over() const { return over_; }
+
+private:
+  static void EFIAPI Fire(EFI_EVENT Event, void* Context);
+  EFI_EVENT event_ = nullptr;
+  volatile bool over_ = false;
+};
+
 // Frees the exchanges left to the firmware whose token has since completed; how many are still left.
 void ReleaseFinishedExchanges();
 UINTN ExchangesLeftToFirmware();
 
 // Each token lives, with the message it carries, in pool until the firmware is done with it: a token
 // that Cancel does not withdraw is left to the firmware (ReleaseFinishedExchanges frees it later).
+// Bound, when given, ends every wait once it is over.
 PutOutcome HttpPut(EFI_HANDLE Service, const CHAR16* Url, const CHAR8* ContentType, const void* Body,
-                   UINTN Size, UINT32 TimeoutMs);
+                   UINTN Size, UINT32 TimeoutMs, const WaitBound* Bound = nullptr);

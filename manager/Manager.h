@@ -60,7 +60,6 @@ struct ManagerState {
   bool CheckHandles; // compare the handle database before and after each execute call
   const CHAR8* Language;
   UploadState Upload;
-  TickClock Clock; // since VexRun started, for the upload round's bound
   MachineIdentity Machine;
   bool KnowsMachine;   // boot mode or an upload: the results name the machine
   CHAR16* CatalogText; // the module's catalog as it handed it to the output operation (-catalog)

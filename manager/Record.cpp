@@ -118,16 +118,13 @@ namespace {
 EFI_STATUS ReadForUpload(void*, const CHAR16* name, void** data, UINTN* size) {
   return ReadFileBytes(name, data, size);
 }
-UINT64 ManagerMilliseconds(void*) {
-  return gManager->Clock.Milliseconds();
-}
 
 } // namespace
 
 void SendResults() {
   UploadState& u = gManager->Upload;
   bool failedBefore = u.Failed;
-  UploadReport report = UploadRound(u, {nullptr, ReadForUpload, ManagerMilliseconds});
+  UploadReport report = UploadRound(u, {nullptr, ReadForUpload});
   if (!report.Attempted)
     return;
   if (report.Stopped == nullptr) {

@@ -18,28 +18,17 @@ constexpr UploadFile kUploadFiles[] = {
     {u"Debug.log", "text/plain; charset=utf-16"}, // the module writes its log in UCS-2
 };
 
-UINT64 Remaining(const UploadHost& host, UINT64 start) {
-  UINT64 spent = host.Milliseconds(host.Context) - start;
-  return spent >= kUploadRoundMs ? 0 : kUploadRoundMs - spent;
-}
-
-// One PUT of a file: on the service that answered last, then on each other one until one answers,
-// each within what the round has left (a PUT waits for its request and then for its answer: each
-// gets half of that at most).
-PutOutcome PutOnServices(UploadState& state, const wc::HandleBuffer& services, const UploadHost& host,
-                         UINT64 start, const CHAR16* url, const UploadFile& file, const void* body,
-                         UINTN size) {
+// One PUT of a file: on the service that answered last, then on each other one until one answers.
+PutOutcome PutOnServices(UploadState& state, const wc::HandleBuffer& services, const WaitBound& bound,
+                         const CHAR16* url, const UploadFile& file, const void* body, UINTN size) {
   PutOutcome outcome;
   outcome.Status = EFI_NOT_FOUND;
   EFI_HANDLE last = state.Service;
-  for (UINTN i = 0; i <= services.Count(); ++i) {
+  for (UINTN i = 0; i <= services.Count() && !bound.Over(); ++i) {
     EFI_HANDLE service = i == 0 ? last : services[i - 1];
     if (service == nullptr || (i > 0 && service == last))
       continue;
-    UINT64 left = Remaining(host, start);
-    if (left < 2)
-      return {EFI_TIMEOUT, 0, false};
-    outcome = HttpPut(service, url, file.type, body, size, UINT32(wc::Min<UINT64>(kUploadWaitMs, left / 2)));
+    outcome = HttpPut(service, url, file.type, body, size, kUploadWaitMs, &bound);
     if (outcome.Answered) {
       state.Service = service;
       return outcome;
@@ -48,26 +37,19 @@ PutOutcome PutOnServices(UploadState& state, const wc::HandleBuffer& services, c
   return outcome;
 }
 
-} // namespace
-
-TickClock::~TickClock() {
-  if (event_ != nullptr)
-    gBS->CloseEvent(event_);
-}
-
-void EFIAPI TickClock::Tick(EFI_EVENT, void* Context) {
-  auto* clock = static_cast<TickClock*>(Context);
-  clock->ticks_ = clock->ticks_ + 1;
-}
-
-EFI_STATUS TickClock::Start() {
-  EFI_STATUS status = gBS->CreateEvent(EVT_TIMER | EVT_NOTIFY_SIGNAL, TPL_CALLBACK, Tick, this, &event_);
-  if (EFI_ERROR(status)) {
-    event_ = nullptr;
-    return status;
+// A pause between two tries of a file, which ends early when the round's bound is over.
+void Pause(UINT64 milliseconds, const WaitBound& bound) {
+  wc::EventOwner timer;
+  if (EFI_ERROR(timer.Create(EVT_TIMER)) ||
+      EFI_ERROR(gBS->SetTimer(timer.Get(), TimerRelative, milliseconds * 10000))) {
+    gBS->Stall(UINTN(milliseconds) * 1000);
+    return;
   }
-  return gBS->SetTimer(event_, TimerPeriodic, kTickMs * 10000);
+  while (!bound.Over() && gBS->CheckEvent(timer.Get()) != EFI_SUCCESS) {
+  }
 }
+
+} // namespace
 
 UploadReport UploadRound(UploadState& State, const UploadHost& Host) {
   UploadReport report = {};
@@ -77,13 +59,15 @@ UploadReport UploadRound(UploadState& State, const UploadHost& Host) {
   ReleaseFinishedExchanges();
   wc::HandleBuffer services;
   EFI_STATUS status = services.Locate(EFI_HTTP_SERVICE_BINDING_PROTOCOL_GUID);
+  WaitBound bound;
+  if (!EFI_ERROR(status))
+    status = bound.Start(kUploadRoundMs);
   if (EFI_ERROR(status)) {
     report.Outcome.Status = status;
     report.Stopped = kUploadFiles[0].name;
     State.Failed = true;
     return report;
   }
-  UINT64 start = Host.Milliseconds(Host.Context);
   for (const UploadFile& file : kUploadFiles) {
     wc::PoolPtr<UINT8> data;
     UINTN size = 0;
@@ -91,22 +75,18 @@ UploadReport UploadRound(UploadState& State, const UploadHost& Host) {
       continue; // not written (yet): the module's log before its first line, say
     CHAR16 url[kUrlChars];
     SPrint(url, sizeof(url), u"%s%s", State.Folder, file.name); // fits: the folder was planned for it
-    for (UINTN attempt = 1; attempt <= kUploadAttempts; ++attempt) {
-      UINT64 left = Remaining(Host, start);
-      if (left == 0) {
-        report.OutOfTime = true;
-        if (!EFI_ERROR(report.Outcome.Status) || attempt == 1)
-          report.Outcome = {EFI_TIMEOUT, 0, false};
-        break;
-      }
-      report.Outcome = PutOnServices(State, services, Host, start, url, file, data.Get(), size);
+    report.Outcome = {EFI_TIMEOUT, 0, false};                   // what a file no try reached ends with
+    for (UINTN attempt = 1; attempt <= kUploadAttempts && !bound.Over(); ++attempt) {
+      report.Outcome = PutOnServices(State, services, bound, url, file, data.Get(), size);
       if (!EFI_ERROR(report.Outcome.Status))
         break;
-      if (attempt < kUploadAttempts) // a pause that grows, within what the round has left
-        gBS->Stall(UINTN(wc::Min<UINT64>(attempt * 1000, Remaining(Host, start))) * 1000);
+      // A pause that grows; a NIC still without its address (the firmware's DHCP, which the first try
+      // started, is under way) gets a longer one.
+      if (attempt < kUploadAttempts)
+        Pause(attempt * (report.Outcome.Status == EFI_NO_MAPPING ? 3000 : 1000), bound);
     }
     if (EFI_ERROR(report.Outcome.Status)) {
-      report.OutOfTime = report.OutOfTime || Remaining(Host, start) < 2;
+      report.OutOfTime = bound.Over();
       report.Stopped = file.name;
       break;
     }

@@ -16,32 +16,12 @@ struct UploadState {
   bool Failed;              // the last round did not send every file
 };
 
-// Milliseconds counted by a periodic firmware timer: it needs neither the real-time clock nor the
-// time-stamp counter's frequency, either of which a machine may lack.
-class TickClock {
-public:
-  TickClock() = default;
-  TickClock(const TickClock&) = delete;
-  TickClock& operator=(const TickClock&) = delete;
-  ~TickClock();
-  EFI_STATUS Start();
-  UINT64 Milliseconds() const { return ticks_ * kTickMs; }
-
-private:
-  static constexpr UINT64 kTickMs = 10;
-  static void EFIAPI Tick(EFI_EVENT Event, void* Context);
-  EFI_EVENT event_ = nullptr;
-  volatile UINT64 ticks_ = 0;
-};
-
 // What a round needs of the manager.
 struct UploadHost {
   void* Context;
   // A results file beside the manager, whole, in pool that the round frees; an error when it is
   // not there (yet).
   EFI_STATUS (*ReadFile)(void* Context, const CHAR16* Name, void** Data, UINTN* Size);
-  // Milliseconds on a clock that only goes forward.
-  UINT64 (*Milliseconds)(void* Context);
 };
 
 // How a round ended.
@@ -55,7 +35,9 @@ struct UploadReport {
 
 // One round. A file is tried kUploadAttempts times, each try on the service that answered last and,
 // when that one does not answer, on every other; the round stops at the first file that does not
-// get through, and at kUploadRoundMs in all.
+// get through, and at kUploadRoundMs in all. The bound is a firmware timer that every wait of the
+// round watches (the real-time clock and the time-stamp counter's frequency play no part: a machine
+// may lack either, and a clock read between waits misses the firmware's time spent at raised TPL).
 UploadReport UploadRound(UploadState& State, const UploadHost& Host);
 
 // The screen's line for a round that stopped: the file, the status and answer, the folder, what an

@@ -239,7 +239,6 @@ extern "C" EFI_STATUS EFIAPI VexRunMain(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE
   new (settings.Get()) Settings();
   gManager = state.Get();
   gManager->Language = "eng";
-  gManager->Clock.Start();
   Say(u"VEXRUN BEGIN\r\n");
   EFI_STATUS status = Run(ImageHandle, *settings);
   Say(u"VEXRUN END status=%r\r\n", status);

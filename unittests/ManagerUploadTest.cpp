@@ -334,8 +334,7 @@ struct RoundOnFakes : UploadOnFakes {
     *size = it->second.size();
     return *data != nullptr ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
   }
-  static UINT64 VirtualMs(void*) { return FakeFirmware::current->now / 10000; }
-  UploadReport Round() { return UploadRound(state, {this, Read, VirtualMs}); }
+  UploadReport Round() { return UploadRound(state, {this, Read}); }
 };
 
 RoundOnFakes* RoundOnFakes::self = nullptr;
@@ -376,24 +375,19 @@ TEST_F(RoundOnFakes, TheBoundHoldsOnTheFirmwaresTimerWithoutARealTimeClock) {
   FakeHttp third;
   fw.AddProtocol(reinterpret_cast<EFI_HANDLE>(0xB00200), EFI_HTTP_SERVICE_BINDING_PROTOCOL_GUID, &third.sb);
   fake.answers = second.answers = third.answers = false;
-  TickClock clock;
-  ASSERT_EQ(clock.Start(), EFI_SUCCESS);
-  UINT64 start = fw.now;
-  UploadHost host = {&clock,
-                     [](void*, const CHAR16* name, void** data, UINTN* size) {
+  UploadHost host = {nullptr, [](void*, const CHAR16* name, void** data, UINTN* size) {
                        return name == std::u16string(u"results.txt") ? Read(nullptr, name, data, size)
                                                                      : EFI_NOT_FOUND;
-                     },
-                     [](void* c) { return static_cast<TickClock*>(c)->Milliseconds(); }};
+                     }};
+  UINT64 start = fw.now;
   UploadReport r = UploadRound(state, host);
   // Three services, three tries of 10 s each and the pauses between them would be 93 s for one file:
-  // the waits shrink to what the round has left, and it ends within its 90 s.
+  // the bound's timer ends the last wait, and the round ends at its 90 s.
   EXPECT_NE(r.Stopped, nullptr);
   EXPECT_EQ(r.Outcome.Status, EFI_TIMEOUT);
   UINT64 seconds = (fw.now - start) / 10000000;
-  EXPECT_GE(seconds, 80u);
-  EXPECT_LE(seconds, 90u);
-  r.OutOfTime = true; // and a round that its bound ended says so
+  EXPECT_EQ(seconds, 90u);
+  EXPECT_TRUE(r.OutOfTime);
   CHAR16 line[600];
   UploadFailureLine(state, r, u"\\EFI\\BOOT", line, sizeof(line));
   EXPECT_NE(std::u16string(line).find(u"bound of 90 seconds"), std::u16string::npos);
