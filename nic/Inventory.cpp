@@ -157,8 +157,9 @@ EFI_STATUS Attach(const AttachPass& pass, ORDERED_LIST* list) {
   return EFI_SUCCESS;
 }
 
-// Asks driver Driver for the name of child Child of controller Controller: component name 2 with
-// the RFC 4646 form of the language first, then component name with its ISO 639-2 form.
+// Asks driver Driver for the name of child Child of controller Controller (or, with a null
+// controller, for its own name): component name 2 with the RFC 4646 form of the language first, then
+// component name with its ISO 639-2 form.
 EFI_STATUS AskDriver(EFI_HANDLE driver, EFI_HANDLE controller, EFI_HANDLE child, const CHAR8* language,
                      CHAR16** name) {
   struct Kind {
@@ -183,10 +184,13 @@ EFI_STATUS AskDriver(EFI_HANDLE driver, EFI_HANDLE controller, EFI_HANDLE child,
     auto* names = static_cast<EFI_COMPONENT_NAME2_PROTOCOL*>(iface);
     const CHAR8* picked = kind.Pick(language, names->SupportedLanguages);
     CHAR16* found = nullptr;
-    status = names->GetControllerName(names, controller, child, picked, &found);
+    status = controller != nullptr ? names->GetControllerName(names, controller, child, picked, &found)
+                                    : names->GetDriverName(names, picked, &found);
     if (EFI_ERROR(status) || found == nullptr)
       continue;
     *name = found;
+    if (controller == nullptr)
+      return status;
     TracePrint(kind.SupportedLine, names->SupportedLanguages);
     TracePrint(kind.PickLine, picked);
     TracePrint(u"Contrllor pName  = %s. \r\n", found);
@@ -309,7 +313,12 @@ EFI_STATUS FindRelatedHandles(EFI_HANDLE Driver, EFI_HANDLE Controller, UINT32 M
   return EFI_SUCCESS;
 }
 
-EFI_STATUS GetControllerName(EFI_HANDLE NicHandle, const CHAR8* Language, CHAR16** Name) {
+namespace {
+
+// The name that the driver which made the NIC's handle gives the NIC (Own: gives itself), found
+// through the handle database's relations: the NIC's parents, their drivers, and the children each
+// driver made. A later driver that answers replaces an earlier answer.
+EFI_STATUS NameFromServingDriver(EFI_HANDLE NicHandle, const CHAR8* Language, bool Own, CHAR16** Name) {
   if (Name == nullptr)
     return EFI_INVALID_PARAMETER;
   *Name = nullptr;
@@ -329,13 +338,23 @@ EFI_STATUS GetControllerName(EFI_HANDLE NicHandle, const CHAR8* Language, CHAR16
       for (UINTN c = 0; c < childCount; ++c) {
         if (children[c] != NicHandle)
           continue;
-        // A later driver that answers replaces an earlier answer.
         CHAR16* name = nullptr;
-        status = AskDriver(drivers[d], parents[p], NicHandle, Language, &name);
+        status = Own ? AskDriver(drivers[d], nullptr, nullptr, Language, &name)
+                     : AskDriver(drivers[d], parents[p], NicHandle, Language, &name);
         if (!EFI_ERROR(status))
           *Name = name;
       }
     }
   }
   return *Name != nullptr ? EFI_SUCCESS : status;
+}
+
+} // namespace
+
+EFI_STATUS GetControllerName(EFI_HANDLE NicHandle, const CHAR8* Language, CHAR16** Name) {
+  return NameFromServingDriver(NicHandle, Language, false, Name);
+}
+
+EFI_STATUS GetServingDriverName(EFI_HANDLE NicHandle, const CHAR8* Language, CHAR16** Name) {
+  return NameFromServingDriver(NicHandle, Language, true, Name);
 }

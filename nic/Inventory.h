@@ -26,6 +26,8 @@ EFI_STATUS BuildNicInventory(const CHAR8* Language, ORDERED_LIST* List, UINT64* 
 // The name the NIC's driver gives the controller, found through the handle database's relations:
 // the NIC's parents, their drivers, and the children each driver made. Null when none answers.
 EFI_STATUS GetControllerName(EFI_HANDLE NicHandle, const CHAR8* Language, CHAR16** Name);
+// The name of the driver that made the NIC's handle (the driver that serves it), the same way.
+EFI_STATUS GetServingDriverName(EFI_HANDLE NicHandle, const CHAR8* Language, CHAR16** Name);
 
 // Relation bits of a handle towards a driver and a controller (see FindRelatedHandles).
 enum : UINT32 {

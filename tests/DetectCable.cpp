@@ -192,6 +192,9 @@ bool DetectCableRun::WriteFlags() {
       continue;
     }
     LogPrint(u"NIC %x Media Present Status = %x.\r\n", number, present ? 1 : 0);
+    CHAR16 which[16];
+    SPrint(which, sizeof(which), u"NIC %d", number);
+    SayServingDriver(handles_[i], which);
     CHAR16 path[kPathBytes / sizeof(CHAR16)];
     SPrint(path, sizeof(path), u"%s\\%s%d.flg", options_.FlagFileDir, options_.FlagFileName, number);
     FileIoResolvePath(path, sizeof(path));

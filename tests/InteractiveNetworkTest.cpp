@@ -202,6 +202,7 @@ bool InteractiveRun::ChooseNic() {
 
 bool InteractiveRun::WaitForCable() {
   LogPrint(u"Starting Detect Cable...\r\n");
+  SayServingDriver(selected_->NicHandle, u"The chosen NIC");
   EFI_STATUS status = EFI_SUCCESS;
   // Two passes of five reads, a second before each; between them the operator is asked for the cable.
   // A NIC that cannot report its media counts as cabled; a read that fails otherwise ends the test.

@@ -1,4 +1,6 @@
 #include "tests/NicSteps.h"
+
+#include "nic/Inventory.h"
 #include "report/Output.h"
 #include "nic/FirmwareTraits.h"
 #include "report/Progress.h"
@@ -86,7 +88,17 @@ constexpr CableWaitPlan kCablePlan = {.Passes = 1, .Checks = 6, .Pause = 1000000
 constexpr UINTN kPromptConnectCable = 25;
 } // namespace
 
+void SayServingDriver(EFI_HANDLE Nic, const CHAR16* Which) {
+  wc::PoolPtr<CHAR16> name;
+  EFI_STATUS status = GetServingDriverName(Nic, "eng", name.Receive());
+  if (EFI_ERROR(status) || !name)
+    LogPrint(u"%s: no driver gives its name (%r); the cable verdict is its driver's.\r\n", Which, status);
+  else
+    LogPrint(u"%s is served by the driver \"%s\"; the cable verdict is that driver's.\r\n", Which, name.Get());
+}
+
 bool WaitForCableAtPrompt(EFI_HANDLE Nic) {
+  SayServingDriver(Nic, u"The chosen NIC");
   auto check = [Nic] {
     MediaReport media = {};
     EFI_STATUS status = ReadMedia(Nic, MediaPath::ManagedNetworkChild, false, &media);

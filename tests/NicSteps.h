@@ -22,6 +22,11 @@ struct MediaWords {
 
 void SayMedia(const MediaReport& Report, const MediaWords& Words);
 
+// Names in the log the driver that serves the NIC, by the name it gives the controller ("Which" says
+// which NIC): a cable verdict is that driver's, and two NICs of one model need not have the same one
+// (one NIC's option ROM may take over both).
+void SayServingDriver(EFI_HANDLE Nic, const CHAR16* Which);
+
 // What a test logs when it cannot choose its NIC. The line lists end with a null entry.
 struct NicChoiceTexts {
   const CHAR16* const* NoHandles;    // no handle carries the managed-network service binding

@@ -12,6 +12,7 @@ import unittest
 
 from vmtest import RUNNER
 from wcvm import fleet
+from wcvm.firmware import test_signing_key
 from wcvm.disk import IMAGE_OFFSET, IMAGE_SIZE, build_image
 
 CALLS = ["-test=pingtest", "-test=detectcable"]
@@ -131,6 +132,7 @@ class Arguments(unittest.TestCase):
         cases = [(["fleet", "3"], "no calls"),
                  (["fleet", "0", "--", "-test=pingtest"], "give 1 to 64 machines"),
                  (["fleet", "2", "--sign", "k.pem", "--", "-version"], "--sign KEY and --cert CERT go together"),
+                 (["fleet", "2", "--ipxe", "2025", "--", "-version"], "--ipxe does not apply to the fleet"),
                  (["image", "x.img", "--upload", "ftp://10.0.0.1/r", "-version"], "give an http:// or https:// URL"),
                  (["image", "x.img", "--upload", "http://10.0.0.1/a b", "-version"], "without spaces")]
         for words, said in cases:
@@ -141,7 +143,7 @@ class Arguments(unittest.TestCase):
                 self.assertIn(said, done.stderr)
 
     @unittest.skipUnless(os.geteuid() == 0, "the fleet's network namespace needs root")
-    def test_a_stopped_fleet_leaves_no_namespace_behind(self):
+    def test_a_stopped_fleet_leaves_no_namespace_behind_even_stopped_twice(self):
         with subprocess.Popen(RUNNER + ["fleet", "1", "--", "-test=pingtest"], stdout=subprocess.PIPE,
                               stderr=subprocess.PIPE, text=True) as proc:
             name = f"wcfleet-{proc.pid}-"
@@ -153,6 +155,8 @@ class Arguments(unittest.TestCase):
                 self.fail("the fleet made no namespace")
             time.sleep(3)  # the machine is booting
             proc.terminate()
+            time.sleep(0.2)  # and a second stop while the first one's clean-up runs
+            proc.terminate()
             out, err = proc.communicate(timeout=60)
         self.assertEqual(proc.returncode, 2)
         self.assertIn("the namespace and everything in it were removed", err)
@@ -161,11 +165,22 @@ class Arguments(unittest.TestCase):
         self.assertEqual(subprocess.run(["pgrep", "-f", work]).returncode, 1)
 
 
+    @unittest.skipUnless(os.geteuid() == 0, "the fleet's network namespace needs root")
+    def test_secure_boot_on_a_generation_without_it_gives_every_machine_a_row_saying_why(self):
+        done = subprocess.run(RUNNER + ["fleet", "2", "--secure-boot", "--firmware", "edk2-2020.11", "--",
+                                        "-test=pingtest"], capture_output=True, text=True, timeout=600)
+        self.assertEqual(done.returncode, 1, done.stderr)
+        rows = [line for line in done.stdout.splitlines() if "not booted: edk2-2020.11 has no Secure Boot build"
+                in line]
+        self.assertEqual(len(rows), 2, done.stdout)
+        self.assertIn("fleet: 2 case(s), 0 passed", done.stdout)
+
+
 @unittest.skipUnless(os.geteuid() == 0, "the fleet's network namespace needs root")
 class SecureBootFleet(unittest.TestCase):
     def test_a_signed_image_boots_and_uploads_and_altered_ones_are_refused(self):
         with tempfile.TemporaryDirectory() as keys:
-            sign = fleet.test_signing_key(keys)
+            sign = test_signing_key(keys)
             machines = fleet.machines_for(3, 2)
             good, module, manager = machines
             module.image, manager.image = "module.img", "manager.img"

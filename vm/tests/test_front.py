@@ -11,7 +11,7 @@ import time
 import unittest
 
 from vmtest import ROOT, RUNNER, wcvm
-from wcvm.config import TEST_CERT, TEST_KEY, TEST_KEY_PASSPHRASE
+from wcvm.firmware import test_signing_key
 
 SCRIPT = """front test pingtest
 front set -retries 9
@@ -27,15 +27,13 @@ TESTS = ["pingtest", "detectcable", "interactivenetworktest", "macaddresstest", 
 class ScriptedMenuStick(unittest.TestCase):
     def test_a_signed_menu_stick_runs_what_the_script_chooses_and_records_it(self):
         with tempfile.TemporaryDirectory() as work:
-            key = os.path.join(work, "key.pem")
-            subprocess.run(["openssl", "rsa", "-passin", f"pass:{TEST_KEY_PASSPHRASE}", "-in", TEST_KEY, "-out", key],
-                           check=True, capture_output=True)
+            key, cert = test_signing_key(work)
             script = os.path.join(work, "front.txt")
             with open(script, "w") as f:
                 f.write(SCRIPT)
             image = os.path.join(work, "menu.img")
             made = subprocess.run(RUNNER + ["image", image, "--menu", "--lang", "fra", "--script", script, "--sign",
-                                            key, "--cert", TEST_CERT], capture_output=True, text=True)
+                                            key, "--cert", cert], capture_output=True, text=True)
             self.assertEqual(made.returncode, 0, made.stderr)
             self.assertIn("VexRun's menu", made.stdout)
             # The stick holds the script; the runner is told of it, so that the menu's waits are not

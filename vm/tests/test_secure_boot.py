@@ -8,7 +8,8 @@ import tempfile
 import unittest
 
 from vmtest import PASSED, RUNNER, wcvm
-from wcvm.config import TEST_CERT, TEST_KEY, TEST_KEY_PASSPHRASE
+from wcvm.config import TEST_CERT, TEST_KEY
+from wcvm.firmware import test_signing_key
 from wcvm.disk import IMAGE_OFFSET
 
 CALLS = ["-test=pingtest", "-version"]
@@ -18,9 +19,7 @@ class SecureBoot(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.work = tempfile.TemporaryDirectory()
-        cls.key = os.path.join(cls.work.name, "key.pem")
-        subprocess.run(["openssl", "rsa", "-passin", f"pass:{TEST_KEY_PASSPHRASE}", "-in", TEST_KEY, "-out", cls.key],
-                       check=True, capture_output=True)
+        cls.key, _ = test_signing_key(cls.work.name)
 
     @classmethod
     def tearDownClass(cls):

@@ -3,7 +3,7 @@ import sys
 
 from .cli import image_main, main, short_usage
 from .faults import main as faults_main
-from .fleet import main as fleet_main
+from .fleetcmd import main as fleet_main
 from .matrix import main as matrix_main
 
 if sys.argv[1:2] == ["image"]:

@@ -3,15 +3,15 @@ import argparse
 import os
 import re
 import signal
-import subprocess
 import sys
 import tempfile
 
-from .config import (MANAGER_LINES, NIC_MODELS, NIC_OPTIONS, RESULT_LINE, TEST_CERT, TEST_KEY, TEST_KEY_PASSPHRASE,
-                     HarnessError, Nic, VmConfig, parse_files, parse_var)
+from .config import (MANAGER_LINES, NIC_MODELS, NIC_OPTIONS, RESULT_LINE, HarnessError, Nic, VmConfig, parse_files,
+                     parse_var)
 from .disk import build_image
 from .firmware import DEFAULT_GENERATION, DEFAULT_IPXE, GENERATIONS, IPXE
 from .firmware import resolve as resolve_firmware
+from .firmware import test_signing_key
 from .live import LivePrinter, run_vm
 from .report import call_blocks, write_json, write_junit
 
@@ -222,13 +222,8 @@ def secure_boot_image(cfg, args, work):
         if given:
             raise ValueError(f"{name} does not apply with --secure-boot (the manager starts from the boot image, "
                              f"without a command line or the shell)")
-    key = os.path.join(work, "test-key.pem")
-    done = subprocess.run(["openssl", "rsa", "-passin", f"pass:{TEST_KEY_PASSPHRASE}", "-in", TEST_KEY, "-out", key],
-                          capture_output=True, text=True, stdin=subprocess.DEVNULL)
-    if done.returncode != 0:
-        raise HarnessError(f"openssl could not read the test key {TEST_KEY}: {done.stderr.strip()}")
     image = os.path.join(work, "stick.img")
-    build_image(image, cfg.calls, cfg.script, cfg.files, sign=(key, TEST_CERT))
+    build_image(image, cfg.calls, cfg.script, cfg.files, sign=test_signing_key(work))
     cfg.image, cfg.secure_boot, cfg.files = image, True, []
 
 

@@ -14,7 +14,7 @@ import struct
 import subprocess
 from dataclasses import dataclass
 
-from .config import ROOT, HarnessError
+from .config import ROOT, TEST_CERT, TEST_KEY, TEST_KEY_PASSPHRASE, HarnessError
 
 CACHE = os.path.join(ROOT, "build", "firmware")
 KEYRING = "/usr/share/keyrings/debian-archive-keyring.gpg"
@@ -199,6 +199,27 @@ def resolve(firmware=DEFAULT_GENERATION, ipxe=DEFAULT_IPXE, rng=True):
 
 def default():
     return resolve()
+
+
+def secure_build(firmware):
+    """The Secure Boot build of a firmware, Debian's test key enrolled: (code, variables). Raises
+    HarnessError naming what the firmware lacks; every Secure Boot run asks here."""
+    if not firmware.secure_code:
+        with_one = ", ".join(n for n, g in GENERATIONS.items() if g.secure_code)
+        raise HarnessError(f"{firmware.name} has no Secure Boot build with Debian's test key enrolled "
+                           f"(Debian's package of that generation ships none; {with_one} have one)")
+    return firmware.secure_code, firmware.secure_vars
+
+
+def test_signing_key(folder):
+    """Debian's test key, which the Secure Boot builds have enrolled, without its passphrase (sbsign
+    would ask for it): (key, certificate), the key written into folder."""
+    key = os.path.join(folder, "test-key.pem")
+    done = subprocess.run(["openssl", "rsa", "-passin", f"pass:{TEST_KEY_PASSPHRASE}", "-in", TEST_KEY, "-out", key],
+                          capture_output=True, text=True, stdin=subprocess.DEVNULL)
+    if done.returncode != 0:
+        raise HarnessError(f"openssl could not read the test key {TEST_KEY}: {done.stderr.strip()}")
+    return key, TEST_CERT
 
 
 def take_options(argv, several=False):

@@ -17,6 +17,7 @@ from .config import (ESCAPE, LAST_DIR, MANAGER_LINES, RESULT_LINE, HarnessError,
 from .disk import build_disk, fat_partition
 from .monitor import Monitor
 from .firmware import default as firmware_default
+from .firmware import secure_build
 from .qemu import check_tools, qemu_command
 from .report import test_name
 
@@ -79,8 +80,8 @@ def run_vm(cfg):
     check_tools()
     if cfg.firmware is None:
         cfg.firmware = firmware_default()
-    if cfg.secure_boot and not cfg.firmware.secure_code:
-        raise HarnessError(f"{cfg.firmware.name} has no Secure Boot build with Debian's test key enrolled")
+    if cfg.secure_boot:
+        secure_build(cfg.firmware)
     if cfg.nics is None:
         cfg.nics = [Nic()]
     start = time.time()
@@ -88,7 +89,7 @@ def run_vm(cfg):
     try:
         disk = cfg.image or build_disk(cfg, work)
         vars_copy = os.path.join(work, "vars.fd")
-        source = cfg.firmware.secure_vars if cfg.secure_boot else cfg.firmware.vars
+        source = secure_build(cfg.firmware)[1] if cfg.secure_boot else cfg.firmware.vars
         if source:
             shutil.copy(source, vars_copy)
         else:

@@ -4,6 +4,7 @@ import os
 import shutil
 
 from .config import EFI_DIR, NIC_MODELS, HarnessError
+from .firmware import secure_build
 
 def check_tools():
     for tool in ("qemu-system-x86_64", "mformat", "mcopy"):
@@ -25,19 +26,34 @@ def iPXE_rom(model, firmware):
     return os.path.join(firmware.ipxe, name)
 
 
-def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None, peer_monitors=None):
-    firmware = cfg.firmware
+def machine_words(firmware, secure, vars_copy, serial="stdio"):
+    """The start of every VM's command line (run, matrix, faults and the fleet's machines): the
+    machine, one emulated processor, the firmware's flash (or a combined image as its BIOS) and the
+    serial console."""
     # The Secure Boot build keeps its variables behind SMM: the flash is writable only from there.
     machine = ["-machine", "q35,smm=on", "-global", "driver=cfi.pflash01,property=secure,value=on"] \
-        if cfg.secure_boot else ["-machine", "q35"]
-    code = firmware.secure_code if cfg.secure_boot else firmware.code
-    cmd = ["qemu-system-x86_64"] + machine + ["-accel", "tcg", "-m", "512", "-smp", "1",
-           "-nodefaults", "-no-reboot", "-display", "none", "-serial", "stdio", "-monitor", "none"]
+        if secure else ["-machine", "q35"]
+    code = secure_build(firmware)[0] if secure else firmware.code
+    words = ["qemu-system-x86_64"] + machine + ["-accel", "tcg", "-m", "512", "-smp", "1", "-nodefaults",
+                                                "-no-reboot", "-display", "none", "-serial", serial,
+                                                "-monitor", "none"]
     if vars_copy:
-        cmd += ["-drive", f"if=pflash,format=raw,unit=0,readonly=on,file={code}",
-                "-drive", f"if=pflash,format=raw,unit=1,file={vars_copy}"]
-    else:
-        cmd += ["-bios", code]
+        return words + ["-drive", f"if=pflash,format=raw,unit=0,readonly=on,file={code}",
+                        "-drive", f"if=pflash,format=raw,unit=1,file={vars_copy}"]
+    return words + ["-bios", code]
+
+
+def rng_words(firmware):
+    """A random-number generator, as real machines have (EDK2's network stack needs one since 2024).
+    After the NICs, so that their PCI slots are the same with and without it."""
+    if not firmware.rng:
+        return []
+    return ["-object", "rng-random,id=rng0,filename=/dev/urandom", "-device", "virtio-rng-pci,rng=rng0"]
+
+
+def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None, peer_monitors=None):
+    firmware = cfg.firmware
+    cmd = machine_words(firmware, cfg.secure_boot, vars_copy)
     cmd += ["-drive", f"if=none,id=d0,format=raw,file={disk}" + (",readonly=on" if cfg.write_protected else "")]
     if cfg.usb_stick:
         # As a technician's stick meets a real machine: a USB mass-storage device on an XHCI controller.
@@ -68,9 +84,7 @@ def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None, peer_monitor
         if nic.mac:
             device += f",mac={nic.mac}"
         cmd += ["-device", device]
-    if firmware.rng:
-        # After the NICs, so that their PCI slots are the same with and without it.
-        cmd += ["-object", "rng-random,id=rng0,filename=/dev/urandom", "-device", "virtio-rng-pci,rng=rng0"]
+    cmd += rng_words(firmware)
     for entry in cfg.smbios:
         cmd += ["-smbios", "type=" + entry]
     if qmp_path:

@@ -1,0 +1,92 @@
+"""What the fleet's servers are given: nginx's configuration (the image, and WebDAV PUT under
+/results/), dnsmasq's command line (DHCP only, the image's URL for the firmware's HTTP boot), and the
+fleet's own certificate authority with the server's certificate for HTTPS."""
+import ipaddress
+import os
+import subprocess
+import uuid
+
+from .config import HarnessError
+from .namespace import PREFIX, SERVER, run
+
+X509_GUID = uuid.UUID("a5c059a1-94e4-4aa7-87b5-ab155c2bf072")  # EFI_CERT_X509_GUID
+OWNER_GUID = uuid.UUID("5c1d0000-9a2e-4c0b-8f6e-57495245434b")  # who enrolled the certificates: the fleet
+
+
+def efi_signature_list(certificates):
+    """Certificates (DER) as the firmware keeps trusted ones: one EFI_SIGNATURE_LIST of X.509
+    entries each, the form OVMF takes through fw_cfg etc/edk2/https/cacerts."""
+    out = b""
+    for der in certificates:
+        entry = OWNER_GUID.bytes_le + der
+        out += X509_GUID.bytes_le + (28 + len(entry)).to_bytes(4, "little") + (0).to_bytes(4, "little") + \
+            len(entry).to_bytes(4, "little") + entry
+    return out
+
+
+def make_certificates(folder):
+    """The fleet's own certificate authority and the server's certificate for SERVER, signed by it;
+    returns (CA certificate PEM, server certificate, server key, cacerts for the firmware)."""
+    ca_key, ca_crt = os.path.join(folder, "ca.key"), os.path.join(folder, "ca.crt")
+    key, csr, crt = (os.path.join(folder, n) for n in ("server.key", "server.csr", "server.crt"))
+    ext = os.path.join(folder, "server.ext")
+    with open(ext, "w") as f:
+        f.write(f"subjectAltName=IP:{SERVER}\nbasicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n")
+    steps = [["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "30", "-subj",
+              "/CN=Wirecheck fleet CA", "-keyout", ca_key, "-out", ca_crt,
+              "-addext", "basicConstraints=critical,CA:TRUE", "-addext", "keyUsage=critical,keyCertSign,cRLSign"],
+             ["openssl", "req", "-newkey", "rsa:2048", "-nodes", "-subj", f"/CN={SERVER}", "-keyout", key, "-out", csr],
+             ["openssl", "x509", "-req", "-in", csr, "-CA", ca_crt, "-CAkey", ca_key, "-CAcreateserial", "-days", "30",
+              "-extfile", ext, "-out", crt]]
+    for step in steps:
+        done = run(step)
+        if done.returncode != 0:
+            raise HarnessError(f"openssl {step[1]}: {done.stderr.strip()[-300:]}")
+    der = subprocess.run(["openssl", "x509", "-in", ca_crt, "-outform", "DER"], capture_output=True, check=True).stdout
+    cacerts = os.path.join(folder, "cacerts.bin")
+    with open(cacerts, "wb") as f:
+        f.write(efi_signature_list([der]))
+    return ca_crt, crt, key, cacerts
+
+
+def nginx_config(work, www, extra="", tls=None):
+    tls_lines = "" if tls is None else \
+        f"    listen {SERVER}:443 ssl;\n    ssl_certificate {tls[0]};\n    ssl_certificate_key {tls[1]};\n"
+    return f"""user root;
+daemon off;
+pid {work}/nginx.pid;
+error_log {work}/nginx-error.log;
+events {{}}
+http {{
+  log_format timed '$msec $remote_addr "$request" $status $body_bytes_sent';
+  access_log {work}/nginx-access.log timed;
+  client_body_temp_path {work}/nginx-body;
+  types {{ application/octet-stream img; }}
+  server {{
+    listen {SERVER}:80;
+{tls_lines}    root {www};
+    location /results/ {{
+      dav_methods PUT;
+      create_full_put_path on;
+      dav_access user:rw group:r all:r;
+      client_max_body_size 64m;
+      limit_except GET HEAD {{
+        allow {ipaddress.ip_network(f"{SERVER}/{PREFIX}", strict=False)};
+        deny all;
+      }}
+    }}
+{extra}  }}
+}}
+"""
+
+
+def dnsmasq_words(work, machines):
+    words = ["dnsmasq", "--keep-in-foreground", "--port=0", "--bind-interfaces", "--interface=br0",
+             "--except-interface=lo", f"--dhcp-range={SERVER[:-1]}100,{SERVER[:-1]}200,1h",
+             "--dhcp-vendorclass=set:http,HTTPClient", "--dhcp-option-force=tag:http,60,HTTPClient",
+             "--log-dhcp", f"--log-facility={work}/dnsmasq.log", f"--pid-file={work}/dnsmasq.pid",
+             "--dhcp-leasefile=" + os.path.join(work, "dnsmasq.leases"), "--conf-file=/dev/null"]
+    for m in machines:
+        words += [f"--dhcp-host={m.mac},set:m{m.number}",
+                  f"--dhcp-boot=tag:http,tag:m{m.number},http://{SERVER}/{m.image}"]
+    return words
