@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/Globals.h"
+#include "nic/FirmwareTraits.h"
 #include "ping/BringUp.h"
 #include "ping/Dhcp.h"
 #include "ping/IcmpEcho.h"
@@ -138,6 +139,56 @@ TEST_F(PingEngineTest, AChildLeftOnTheOldInterfaceIsConfiguredAgain) {
   EXPECT_EQ(Ping(1), EFI_SUCCESS);
   EXPECT_EQ(nic.pingsSent.size(), 1u);
   EXPECT_NEAR(Seconds(), 4.0, 0.05);
+}
+
+// Without IPv4 configuration 2 (no EDK2 network stack) nothing configures the child again: it waits
+// out the long wait as the engine's definition has it.
+TEST_F(PingEngineTest, WithoutIpv4Configuration2TheChildIsNotConfiguredAgain) {
+  nic.mappedAt = 3 * kSecond + kSecond / 2;
+  nic.childLeftBehind = true;
+  constexpr FirmwareTraits noConfig2 = {0x2001E, 0, TRUE, false};
+  const EchoPolicy echo = {&gEchoes, true, AddressWait::OneTimer, &noConfig2};
+  EXPECT_EQ(ExecutePingProcess(nic.handle, kServer, 1, nullptr, echo), EFI_NO_MAPPING);
+  EXPECT_NEAR(Seconds(), 61.0, 0.1);
+}
+
+// On an old platform the interactive test's wait counted in ticks ends after the first tick, and the
+// progress callback is not called.
+TEST_F(PingEngineTest, AnOldPlatformsTickWaitEndsAfterOneTick) {
+  nic.mappedAt = ~0ull;
+  constexpr FirmwareTraits old = {0x20000, 0, FALSE, true};
+  EchoCounter counter = {0, 0};
+  const EchoPolicy echo = {&counter, false, AddressWait::CountedTicks, &old};
+  int calls = 0;
+  const PingProgress progress = {[](void* c, UINTN, UINTN) -> EFI_STATUS {
+                                   ++*static_cast<int*>(c);
+                                   return EFI_SUCCESS;
+                                 },
+                                 &calls};
+  EXPECT_EQ(ExecutePingProcess(nic.handle, kServer, 1, &progress, echo), EFI_NO_MAPPING);
+  EXPECT_EQ(calls, 0);
+  EXPECT_LT(Seconds(), 3.0);
+}
+
+// The traits as read from the firmware: the revision and family decide the platform, IPv4
+// configuration 2 on any handle the rest; an old platform is logged.
+TEST(FirmwareTraitsRead, RevisionFamilyAndIpv4Configuration2) {
+  FakeFirmware fw;
+  FakeManager manager;
+  VEX_MANAGER_PROTOCOL* link = &manager.protocol;
+  ResetOutputState();
+  InitDebugLevel(nullptr, nullptr, &link);
+  fw.st.Hdr.Revision = 0x0002001E; // 2.30
+  FirmwareTraits t = ReadFirmwareTraits();
+  EXPECT_TRUE(t.CurrentPlatform);
+  EXPECT_FALSE(t.Ip4Config2);      // nothing carries the protocol
+  fw.st.Hdr.Revision = 0x0002000A; // 2.10 on a platform of unknown family: old
+  t = ReadFirmwareTraits();
+  EXPECT_FALSE(t.CurrentPlatform);
+  EXPECT_NE(Narrow(manager.AllText()).find("Old UEFI 0x2000A platform, family id 0x0"), std::string::npos);
+  FakeNic nic{fw, 3, 0x56}; // EDK2's stack on a NIC: IPv4 configuration 2 with it
+  EXPECT_TRUE(ReadFirmwareTraits().Ip4Config2);
+  ResetOutputState();
 }
 
 TEST_F(PingEngineTest, NoAddressAfterTheLongWait) {
