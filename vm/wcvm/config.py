@@ -73,6 +73,20 @@ RESULT_LINE = re.compile(r'^RESULT result=(\w+) error=0x([0-9A-Fa-f]+) status=(.
 MANAGER_LINES = ("CALL ", "RUNTIME ", "LOAD ", "PROTOCOLS ", "MODULE ", "UNLOAD ", "VEXRUN ", "HANDLES ", "MESSAGE ")
 
 
+def take_value(argv, option, default=None):
+    """The value of OPTION among a table command's arguments (OPTION VALUE or OPTION=VALUE), and the
+    arguments without it; "" when the option is given without a value."""
+    value, rest, words = default, [], iter(argv)
+    for word in words:
+        if word == option:
+            value = next(words, "")
+        elif word.startswith(option + "="):
+            value = word[len(option) + 1:]
+        else:
+            rest.append(word)
+    return value, rest
+
+
 def chosen(argv, known, command, what):
     """The names a table command was given (all known ones when none), or None after saying which
     name it does not know."""

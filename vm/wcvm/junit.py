@@ -3,17 +3,12 @@ per cell or fault call. A cell that differs from the tests' definition for a kno
 firmware or option ROM is a skipped case that carries that reason."""
 import xml.etree.ElementTree as ET
 
+from .config import take_value
+
 
 def take_junit(argv):
     """The --junit FILE (or --junit=FILE) among the arguments, and the arguments without it."""
-    path, rest, words = None, [], iter(argv)
-    for word in words:
-        if word == "--junit":
-            path = next(words, "")
-        elif word.startswith("--junit="):
-            path = word[len("--junit="):]
-        else:
-            rest.append(word)
+    path, rest = take_value(argv, "--junit")
     if path == "":
         raise ValueError("--junit takes a file name")
     return path, rest

@@ -13,7 +13,7 @@ import sys
 import time
 from concurrent.futures import ThreadPoolExecutor
 
-from .config import NIC_MODELS, ROOT, HarnessError, Nic, VmConfig, chosen
+from .config import NIC_MODELS, ROOT, HarnessError, Nic, VmConfig, chosen, take_value
 from .firmware import take_options as take_firmware_options
 from .junit import take_junit, write_matrix_junit
 from .live import run_vm
@@ -150,7 +150,7 @@ def run_model(model, work, firmware=None, bursts=SPEED_CALLS):
     return cells
 
 
-def run_cable_model(model, work, firmware):
+def run_cable_model(model, work, firmware, mixed=True):
     """The cable-out boot of this model: its three rows. On a driver that cannot see a missing cable
     only detectcable runs (each pingtest would wait out the test's 60 s for an address)."""
     last = os.path.join(work, model + "-cable-out")
@@ -168,7 +168,8 @@ def run_cable_model(model, work, firmware):
             cells[test] = _no_answer(stopped)
         else:
             cells[test] = _cell(run, index, stopped, _flags(last) if test == CABLE_OUT else None)
-    cells[MIXED_OUT] = run_mixed_cable(model, work, firmware)
+    if mixed:
+        cells[MIXED_OUT] = run_mixed_cable(model, work, firmware)
     return cells
 
 
@@ -281,14 +282,7 @@ def verdict(firmware, model, test, cell):
 def _jobs(argv):
     """The --jobs N (or --jobs=N) among the arguments, and the arguments without it; None when N is
     not a whole number from 1 to 4."""
-    jobs, rest, words = "1", [], iter(argv)
-    for word in words:
-        if word == "--jobs":
-            jobs = next(words, "")
-        elif word.startswith("--jobs="):
-            jobs = word[len("--jobs="):]
-        else:
-            rest.append(word)
+    jobs, rest = take_value(argv, "--jobs", "1")
     if not jobs.isdigit() or not 1 <= int(jobs) <= 4:
         print(f"wirecheck matrix: --jobs takes a number of boots at a time from 1 to 4, not '{jobs}'",
               file=sys.stderr)
