@@ -48,6 +48,9 @@ CASES = {
 
 # The longest a call may take: the Parts' waits for an address (60 s), DHCP tries and pings, with room.
 LIMIT_NO_ADDRESS, LIMIT = 100, 40
+# A boot that prints nothing for this long has stopped answering (a call's longest quiet stretch is
+# pingtest's 60-second wait for an address).
+SILENCE = 120
 # Boots per firmware generation for the whole table.
 BOOTS = 2
 
@@ -101,7 +104,7 @@ def run_group(faults, work, dump="", firmware=None, calls_of=None):
     nics = [Nic(model="e1000", peer=fault, dump=dump if len(faults) == 1 else "") for fault in faults]
     run = run_vm(VmConfig(calls=[w for *_, w in planned], nics=nics, script=script,
                           last_dir=os.path.join(work, "+".join(faults)), timeout=120 + sum(cost(f) for f in faults) * 2,
-                          firmware=firmware))
+                          silence=SILENCE, firmware=firmware))
     rows = []
     name = firmware.name if firmware else ""
     times = call_seconds(run.line_times)
