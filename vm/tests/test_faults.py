@@ -13,10 +13,10 @@ from wcvm import HarnessError, Nic, call_blocks, read_pcap
 
 
 def troubleshooting_codes():
-    """The error codes the README's troubleshooting table explains."""
-    with open(os.path.join(ROOT, "README.md")) as f:
+    """The error codes the troubleshooting guide's table explains."""
+    with open(os.path.join(ROOT, "docs", "troubleshooting.md")) as f:
         text = f.read()
-    table = text[text.index("### Troubleshooting"):]
+    table = text[text.index("# Troubleshooting"):]
     table = table[:table.index("\n\n", table.index("| Code |"))]
     return {int(code, 16) for code in re.findall(r"^\| (0x[0-9A-F]{8})", table, re.M)}
 
@@ -32,7 +32,7 @@ class FaultTable(unittest.TestCase):
         self.assertEqual([r for r in table["rows"] if not r["ok"]], [])
         # No false pass: every call expected to fail failed.
         self.assertEqual([r for r in table["rows"] if r["expected"][0] != "Passed" and r["seen"][0] == "Passed"], [])
-        # Every code a fault ends in has its row in the README's troubleshooting table.
+        # Every code a fault ends in has its row in the troubleshooting guide's table.
         self.assertEqual(sorted({r["seen"][1] for r in table["rows"]} - {0} - troubleshooting_codes()), [])
         folders = os.listdir(os.path.join(ROOT, "build", "faults"))
         no_dhcp = next(f for f in folders if "no-dhcp" in f.split("+"))
