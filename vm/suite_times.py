@@ -4,7 +4,7 @@ Usage: suite_times.py BUILD_SECONDS TOTAL_SECONDS CTEST_OUTPUT..."""
 import re
 import sys
 
-LINE = re.compile(r"Test\s+#\d+: (\S+) \.+.*?\s([\d.]+) sec")
+LINE = re.compile(r"Test\s+#\d+: (\S+).*?\s([\d.]+) sec")
 
 
 def group(name):

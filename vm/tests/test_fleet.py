@@ -133,6 +133,7 @@ class Arguments(unittest.TestCase):
                  (["fleet", "0", "--", "-test=pingtest"], "give 1 to 64 machines"),
                  (["fleet", "2", "--sign", "k.pem", "--", "-version"], "--sign KEY and --cert CERT go together"),
                  (["fleet", "2", "--ipxe", "2025", "--", "-version"], "--ipxe does not apply to the fleet"),
+                 (["image", "x.img", "--", "-version", ""], "an empty option string is no call"),
                  (["image", "x.img", "--upload", "ftp://10.0.0.1/r", "-version"], "give an http:// or https:// URL"),
                  (["image", "x.img", "--upload", "http://10.0.0.1/a b", "-version"], "without spaces")]
         for words, said in cases:

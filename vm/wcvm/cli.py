@@ -199,7 +199,11 @@ def split_arguments(argv, *parsers):
 
 
 def check_paths(call):
-    """A VM path whose backslash the user's shell ate writes nowhere: say so; accept / for \\."""
+    """A VM path whose backslash the user's shell ate writes nowhere: say so; accept / for \\. An empty
+    option string is refused: VexRun takes a blank line of its calls file for no call."""
+    if not call.strip():
+        raise ValueError("an empty option string is no call (VexRun leaves blank lines of calls.txt out); "
+                         "-help prints the module's usage")
     fixed = []
     for word in call.split(" "):
         name, eq, value = word.partition("=")
