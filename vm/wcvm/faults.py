@@ -51,6 +51,8 @@ LIMIT_NO_ADDRESS, LIMIT = 100, 40
 # A boot that prints nothing for this long has stopped answering (a call's longest quiet stretch is
 # pingtest's 60-second wait for an address).
 SILENCE = 120
+# NICs a boot has at most: the interactive test's menu offers ten.
+MAX_NICS = 10
 # Boots per firmware generation for the whole table.
 BOOTS = 2
 
@@ -72,13 +74,16 @@ def cost(fault, calls=None):
 
 
 def groups(faults, boots, calls_of=None):
-    """The faults shared out among at most `boots` boots, the costliest first onto the least loaded
-    boot, each boot's faults in the table's order; a fault of ALONE in a boot of its own besides."""
+    """The faults shared out among `boots` boots (more where MAX_NICS would be passed), the costliest
+    first onto the least loaded boot with room, each boot's faults in the table's order; a fault of
+    ALONE in a boot of its own besides."""
     calls_of = calls_of or {}
     shared = [f for f in faults if f not in ALONE]
     loads = [[0, []] for _ in range(max(1, min(boots, len(shared))))]
+    while len(loads) * MAX_NICS < len(shared):
+        loads.append([0, []])
     for fault in sorted(shared, key=lambda f: -cost(f, calls_of.get(f))):
-        target = min(loads, key=lambda b: b[0])
+        target = min((b for b in loads if len(b[1]) < MAX_NICS), key=lambda b: b[0])
         target[0] += cost(fault, calls_of.get(fault))
         target[1].append(fault)
     order = list(CASES)
