@@ -60,8 +60,7 @@ UploadReport UploadRound(UploadState& State, const UploadHost& Host) {
   wc::HandleBuffer services;
   EFI_STATUS status = services.Locate(EFI_HTTP_SERVICE_BINDING_PROTOCOL_GUID);
   WaitBound bound;
-  if (!EFI_ERROR(status))
-    status = bound.Start(kUploadRoundMs);
+  bound.Start(kUploadRoundMs); // without a timer each wait still ends by its own time-out
   if (EFI_ERROR(status)) {
     report.Outcome.Status = status;
     report.Stopped = kUploadFiles[0].name;
