@@ -7,6 +7,7 @@
 #include "base/String.h"
 #include "manager/Console.h"
 #include "manager/Script.h"
+#include "report/Messages.h"
 #include "support/FileIo.h"
 
 namespace {
@@ -42,6 +43,11 @@ void FindOwnDirectory(EFI_LOADED_IMAGE_PROTOCOL* Self) {
       cut = i;
   full[cut] = 0; // "" for the root directory
   StrCopy(gManager->Dir, sizeof(gManager->Dir), full);
+}
+
+void MessageFilePath(CHAR16 (&Path)[kPathChars]) {
+  StrCopy(Path, sizeof(Path), kMessageFileName);
+  FileIoResolveModulePath(Path, sizeof(Path));
 }
 
 EFI_STATUS ReadFileBytes(const CHAR16* Name, void** Data, UINTN* Size) {

@@ -13,6 +13,8 @@ void FindOwnDirectory(EFI_LOADED_IMAGE_PROTOCOL* Self);
 // the fallback (UTF-8, with or without its mark, unless said otherwise).
 EFI_STATUS ReadWholeFile(const CHAR16* Name, wc::PoolPtr<CHAR16>& Text,
                          TextEncoding Fallback = TextEncoding::Utf8);
+// The full path of the module's message file beside the manager.
+void MessageFilePath(CHAR16 (&Path)[kPathChars]);
 // The bytes of a file beside the manager, in pool.
 EFI_STATUS ReadFileBytes(const CHAR16* Name, void** Data, UINTN* Size);
 

@@ -163,8 +163,7 @@ EFI_STATUS ReadModuleCatalog(const ModuleApi& api, MenuCatalog& catalog) {
 void RunMenu(const ModuleApi& api, EFI_HANDLE module) {
   MenuContext context = {&api, module, {}};
   CHAR16 path[kPathChars];
-  StrCopy(path, sizeof(path), kMessageFileName);
-  FileIoResolveModulePath(path, sizeof(path));
+  MessageFilePath(path);
   for (UINTN i = 0; i < kMenuTexts; ++i)
     if (EFI_ERROR(GetLocalizedMessage(gManager->Language, 200 + i, path, &context.texts[i])))
       context.texts[i] = nullptr;

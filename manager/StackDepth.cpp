@@ -4,7 +4,8 @@
 
 namespace {
 
-// The firmware's hand-off blocks (Platform Initialization specification, volume 3).
+// The hand-off blocks the firmware's early phase leaves in a list for the later ones; one of them
+// records where the boot-services stack was allocated.
 constexpr EFI_GUID kHobListGuid = {
     0x7739F24C, 0x93D7, 0x11D4, {0x9A, 0x3A, 0x00, 0x90, 0x27, 0x3F, 0xC1, 0x4D}};
 constexpr EFI_GUID kStackHobGuid = {

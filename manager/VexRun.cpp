@@ -104,10 +104,9 @@ void TakeCalls(CHAR16* text, Settings& s) {
 }
 
 void ShowMessages(const Settings& s) {
+  CHAR16 path[kPathChars];
+  MessageFilePath(path);
   for (UINTN i = 0; i < s.MessageCount; ++i) {
-    CHAR16 path[kPathChars];
-    StrCopy(path, sizeof(path), kMessageFileName);
-    FileIoResolveModulePath(path, sizeof(path));
     CHAR16 prefix[64];
     UINTN id = 0;
     for (const CHAR16* c = s.Messages[i]; *c >= u'0' && *c <= u'9'; ++c)
