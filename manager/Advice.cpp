@@ -71,6 +71,32 @@ constexpr AdviceRow kRows[] = {
      u"the `[NIC_Speed]` section of `Network.ini`"},
     {0x80160701, u"0x80160701", u"IRQTest", u"the NIC's PCI interrupt line is 0 (no interrupt routed)",
      u"the interrupt routing of the slot in the firmware's setup"},
+    {0x80160801, u"0x80160801", u"ping6test",
+     u"the NIC has no working IPv6 stack: no IPv6 service binding or configuration, or no link-local address",
+     u"the log's next line: no random-number generator (as 0x80160103), a firmware built without IPv6 (no "
+     u"NIC has an IPv6 service; the shell's `ifconfig6 -l` lists none), the IPv6 driver not started on this "
+     u"NIC, or a router's SLAAC prefix the firmware formed no address from"},
+    {0x80160802, u"0x80160802", u"ping6test",
+     u"the NIC asked for by `-index` or `-devicepath` does not exist", u"as 0x80160104"},
+    {0x80160803, u"0x80160803", u"ping6test", u"no link after six checks", u"as 0x80160107"},
+    {0x80160804, u"0x80160804", u"ping6test",
+     u"no router advertisement within 12 s, or only advertisements with a router lifetime of 0",
+     u"a router for IPv6 on the port's network (radvd, dnsmasq's `enable-ra`, the switch's own): the log "
+     u"says whether advertisements came; a lifetime of 0 means the router does not offer itself as the "
+     u"default router. `-target=ADDRESS` pings a host without one"},
+    {0x80160805, u"0x80160805", u"ping6test",
+     u"the router's advertisement asked for DHCPv6 (M flag) and no address came by DHCPv6 within 30 s",
+     u"the DHCPv6 server: whether one serves the port's network, and whether it has addresses to give; the "
+     u"log shows whether any answer came"},
+    {0x80160806, u"0x80160806", u"ping6test",
+     u"another node holds an address of the NIC (duplicate-address detection)",
+     u"the node whose MAC address the log names: two NICs with one MAC address, or an address a DHCPv6 "
+     u"server handed out twice"},
+    {0x80160807, u"0x80160807", u"ping6test",
+     u"the target did not answer every echo request in time, or the request could not be sent",
+     u"as 0x80160102; the log says whether the firmware refused to send (no route to a global target from a "
+     u"NIC without a global address). Replies are matched by identifier and sequence number: a duplicated "
+     u"reply does not stand in for a lost one"},
     {0x80000001, u"0x80000001", u"any test",
      u"the operator failed or cancelled the test at a progress report or a menu",
      u"nothing on the machine: the test was stopped by hand; run it again"},

@@ -4,6 +4,7 @@
 #pragma once
 #include "uefi/protocol/Dhcp4.h"
 #include "uefi/protocol/Ip4.h"
+#include "uefi/protocol/Ip6.h"
 #include "uefi/protocol/ManagedNetwork.h"
 
 #pragma pack(push, 1)
@@ -105,7 +106,20 @@ public:
   explicit operator bool() const { return Get() != nullptr; }
 };
 
+template <> struct ServiceKindOf<EFI_IP6_PROTOCOL> {
+  static constexpr ServiceKind kKind = {
+      .Binding = &EFI_IP6_SERVICE_BINDING_PROTOCOL_GUID,
+      .Protocol = &EFI_IP6_PROTOCOL_GUID,
+      .Held = true,
+      .BindingFailed = u"Failed to open the IPv6 service binding (%r)\r\n",
+      .CreateFailed = u"The IPv6 service binding made no child\r\n",
+      .ProtocolFailed = u"The IPv6 child's protocol could not be opened\r\n",
+      .RebindFailed = u"Failed to open the IPv6 service binding again to destroy its child\r\n",
+  };
+};
+
 using MnpChild = ServiceChild<EFI_MANAGED_NETWORK_PROTOCOL>;
+using Ip6Child = ServiceChild<EFI_IP6_PROTOCOL>;
 using Ip4Child = ServiceChild<EFI_IP4_PROTOCOL>;
 using Dhcp4Child = ServiceChild<EFI_DHCP4_PROTOCOL>;
 

@@ -10,7 +10,8 @@
   TEST(kMacAddressTest)         /* 3 macaddresstest */                                                       \
   TEST(kSpeedTest)              /* 4 SpeedTest */                                                            \
   TEST(kNicSpeedTest)           /* 5 NicSpeedTest */                                                         \
-  TEST(kIrqTest)                /* 6 IRQTest */
+  TEST(kIrqTest)                /* 6 IRQTest */                                                              \
+  TEST(kPing6Test)              /* 7 ping6test */
 
 #define DECLARE_TEST(record) extern const TestInfo record;
 #define LIST_TEST(record) &record,

@@ -16,6 +16,7 @@
 #include <string>
 
 #include "frame/Module.h"
+#include "unittests/NicWorld.h"
 #include "tests/TestTable.h"
 #include "base/Globals.h"
 #include "frame/CommandLine.h"
@@ -41,10 +42,6 @@
 #include "uefi/protocol/Rng.h"
 
 namespace {
-
-EFI_HANDLE const kImage = reinterpret_cast<EFI_HANDLE>(0x1000);
-EFI_HANDLE const kManagerHandle = reinterpret_cast<EFI_HANDLE>(0x2000);
-EFI_HANDLE const kVolume = reinterpret_cast<EFI_HANDLE>(0x3000);
 
 // How many times a text says something.
 size_t Count(const std::string& text, const std::string& what) {
@@ -200,77 +197,6 @@ TEST_F(AttemptsTest, OperatorAnswersEndTheRun) {
   EXPECT_EQ(result, TEST_RESULT_PASSED);
   EXPECT_EQ(error, ERROR_CODE_NONE);
 }
-
-// The module loaded on the fake firmware, with one NIC on a network whose DHCP server answers.
-struct NicWorld {
-  FakeFirmware fw;
-  FakeManager mgr;
-  EFI_LOADED_IMAGE_PROTOCOL image{};
-  FakeNic nic{fw, 3, 0x56};
-  FakeHiiRouting hii{fw};
-  FakeRootBridge bridge{fw, {&nic}};
-  FakeFileSystem volume;
-  // The module's file on the volume: \Wirecheck.efi.
-  std::vector<UINT8> imagePath = {MEDIA_DEVICE_PATH, MEDIA_FILEPATH_DP, 0, 0};
-  std::vector<UINT8> volumePath = {
-      HARDWARE_DEVICE_PATH,           HW_PCI_DP, 6, 0, 0, 1, END_DEVICE_PATH_TYPE,
-      END_ENTIRE_DEVICE_PATH_SUBTYPE, 4,         0};
-  VEX_TEST_MODULE_PROTOCOL* module = nullptr;
-  // What a scenario may add, gone before the firmware they live in.
-  std::unique_ptr<FakeMenus> menus;
-  std::unique_ptr<FakeNic> second;
-
-  NicWorld() {
-    FileIoReset();
-    DebugLogReset();
-    for (char16_t c : std::u16string(u"\\Wirecheck.efi") + u'\0') {
-      imagePath.push_back(UINT8(c));
-      imagePath.push_back(UINT8(c >> 8));
-    }
-    imagePath[2] = UINT8(imagePath.size());
-    imagePath.insert(imagePath.end(), {END_DEVICE_PATH_TYPE, END_ENTIRE_DEVICE_PATH_SUBTYPE, 4, 0});
-    image.DeviceHandle = kVolume;
-    image.FilePath = reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL*>(imagePath.data());
-    fw.AddProtocol(kVolume, EFI_SIMPLE_FILE_SYSTEM_PROTOCOL_GUID, volume.Protocol());
-    fw.AddProtocol(kVolume, EFI_DEVICE_PATH_PROTOCOL_GUID, volumePath.data());
-    ResetOutputState();
-    SetSelectedTestNumber(0);
-    ClearParsedOptions();
-    FreeOptionWords();
-    gManager = nullptr;
-    gImageHandle = nullptr;
-    fw.AddProtocol(kImage, EFI_LOADED_IMAGE_PROTOCOL_GUID, &image);
-    fw.AddProtocol(kManagerHandle, VEX_MANAGER_PROTOCOL_GUID, &mgr.protocol);
-  }
-  bool Start() {
-    if (InitializeTestModule(kImage, &fw.st) != EFI_SUCCESS)
-      return false;
-    void* iface = nullptr;
-    fw.bs.HandleProtocol(kImage, &VEX_TEST_MODULE_PROTOCOL_GUID, &iface);
-    module = static_cast<VEX_TEST_MODULE_PROTOCOL*>(iface);
-    return module != nullptr;
-  }
-  ~NicWorld() {
-    if (module != nullptr)
-      VexUnloadTestModule(kImage);
-    FreePciRootBridgeTable();
-    FileIoReset();
-    DebugLogReset();
-    FreeOptionWords();
-    ResetOutputState();
-    gManager = nullptr;
-  }
-  struct Outcome {
-    EFI_STATUS status;
-    UINTN result = 99, error = 99;
-  };
-  Outcome Execute(std::u16string options) {
-    Outcome o;
-    o.status = module->ExecuteTest(0, options.data(), &o.result, &o.error);
-    return o;
-  }
-  std::string Said() const { return Narrow(mgr.AllText()); }
-};
 
 TEST(PingTestOnFakes, PassesAndReleasesEverything) {
   NicWorld w;
@@ -1129,7 +1055,8 @@ int RunScenario(const SweepScenario& s, uint64_t failAt, uint64_t* uses,
   w.fw.failAt = 0;
   int wrong = 0;
   if (w.fw.pool.size() != pool || w.fw.events.size() != events || w.fw.OpensBy(kImage) != opens ||
-      w.nic.LiveChildren() != 0 || w.volume.openHandles != 0) {
+      w.nic.LiveChildren() != 0 || w.ipv6.LiveChildren() != 0 || w.ipv6.policy != Ip6ConfigPolicyManual ||
+      w.volume.openHandles != 0) {
     std::fprintf(stderr,
                  "%s, failure point %llu (%s): %zd pool allocations, %zd events, %zd opens, %zu children, %d "
                  "files left\n",
@@ -1220,6 +1147,19 @@ const std::vector<SweepScenario>& Scenarios() {
          w.nic.childLeftBehind = true;
        },
        {TEST_RESULT_PASSED, 0}},
+      {"ping6test/passes", u"-test=ping6test -testrepeats=2", nullptr, {TEST_RESULT_PASSED, 0}},
+      {"ping6test/no router",
+       u"-test=ping6test",
+       [](NicWorld& w) { w.ipv6.router = false; },
+       {kFailed, 0x80160804}},
+      {"ping6test/DAD conflict",
+       u"-test=ping6test",
+       [](NicWorld& w) { w.ipv6.neighborHoldsLinkLocal = true; },
+       {kFailed, 0x80160806}},
+      {"ping6test/echo missing",
+       u"-test=ping6test -testrepeats=2",
+       [](NicWorld& w) { w.ipv6.echoAnswers = false; },
+       {kFailed, 0x80160807}},
       {"IRQTest/passes", u"-test=IRQTest -DeviceID=1000", nullptr, {TEST_RESULT_PASSED, 0}},
       {"IRQTest/device not found", u"-test=IRQTest -DeviceID=8139", nullptr, {kFailed, 0x80160104}},
       {"detectcable/stopped NIC",

@@ -33,6 +33,7 @@ CALLS = [
     ("SpeedTest", "-test=SpeedTest -NetworkSpeed=1", r"speed is (\d+) Mbit/s", "{} Mbit/s"),
     ("NicSpeedTest", "-test=NicSpeedTest", None, ""),
     ("IRQTest", "-test=IRQTest", r"Interrupt Number (\d+)", "IRQ {}"),
+    ("ping6test", "-test=ping6test", r"round trip min/avg/max \d+/(\d+)/\d+ us", "{} us"),
 ]
 
 # Bursts at the defaults, the same boot: every call must give its figure, passed or not (a burst the
@@ -79,15 +80,18 @@ EXPLAINED_HANGS = {
 
 # The cable-out boot: two NICs of the model with their cables unplugged. detectcable must write no
 # flag; pingtest on NIC 2 asks for the cable (prompt 25), which goes in then, and passes; pingtest on
-# NIC 1, whose cable stays out, ends with its no-cable code. The operator answers both prompts.
+# NIC 1, whose cable stays out, ends with its no-cable code, and so does ping6test on it. The operator
+# answers every prompt.
 CABLE_OUT, CABLE_PLUGGED, CABLE_STAYS_OUT = ("detectcable, cables out", "pingtest, cable in at prompt 25",
                                              "pingtest, cable out")
+CABLE6_STAYS_OUT = "ping6test, cable out"
 CABLE_CALLS = [(CABLE_OUT, "-test=detectcable"), (CABLE_PLUGGED, "-test=pingtest -index=2"),
-               (CABLE_STAYS_OUT, "-test=pingtest -index=1")]
-CABLE_SCRIPT = "prompt ok\n" * 2
+               (CABLE_STAYS_OUT, "-test=pingtest -index=1"), (CABLE6_STAYS_OUT, "-test=ping6test -index=1")]
+CABLE_SCRIPT = "prompt ok\n" * 3
 EXPECTED[CABLE_OUT] = ("Passed", 0, "Success")
 EXPECTED[CABLE_PLUGGED] = ("Passed", 0, "Success")
 EXPECTED[CABLE_STAYS_OUT] = ("Failed", 0x80160107, "Success")
+EXPECTED[CABLE6_STAYS_OUT] = ("Failed", 0x80160803, "Success")
 ROWS += [row for row, _ in CABLE_CALLS]
 # The flags detectcable leaves: one for the main boot's cabled NIC, none with the cables out.
 FLAGS = {"detectcable": 1, CABLE_OUT: 0}
