@@ -1,4 +1,5 @@
-"""pingtest in OVMF on QEMU's user network (restrict=on): DHCP from QEMU, echo replies from 10.0.2.2."""
+"""pingtest in OVMF on QEMU's user network (restrict=on): DHCP from QEMU, echo replies from 10.0.2.2;
+and ping6test there: QEMU's router advertises fec0::/64 and answers echo at fe80::2 and fec0::2."""
 import re
 import unittest
 
@@ -13,12 +14,13 @@ class DefaultNic(unittest.TestCase):
     CALLS = ["-test=pingtest", "-test=pingtest -testrepeats=5", "-test=pingtest -index=2",
              "-test=pingtest -devicepath=NoSuchPath", "-test=pingtest -dhcpping=false",
              "-test=pingtest -index=1 -devicepath=Pci"]
+    CALLS6 = ["-test=ping6test", "-test=ping6test -target=fec0::2 -testrepeats=2", "-test=ping6test -index=2"]
 
     @classmethod
     def setUpClass(cls):
         # Eight pingtest calls in one boot, the handle database compared around each: a call that
         # leaves anything behind shows at once.
-        cls.run_ = boot(cls.CALLS + ["-test=pingtest"] * 2, check_handles=True)
+        cls.run_ = boot(cls.CALLS + ["-test=pingtest"] * 2 + cls.CALLS6, check_handles=True)
         cls.blocks = call_blocks(cls.run_)
         cls.by_options = dict(cls.blocks)
 
@@ -46,9 +48,25 @@ class DefaultNic(unittest.TestCase):
         self.assertIn("The NIC is not found!", self.run_.log)
         self.assertIn("The network card you searched is not found!", self.run_.log)
 
+    def test_ping6_gets_its_addresses_from_the_router_and_pings_it(self):
+        self.assertIn(PASSED, self.by_options["-test=ping6test"])
+        self.assertIn(PASSED, self.by_options["-test=ping6test -target=fec0::2 -testrepeats=2"])
+        self.assertIn(failed(0x80160802), self.by_options["-test=ping6test -index=2"])
+        log = self.run_.log
+        # The NIC starts under the manual policy: the test turns it automatic for its run only.
+        self.assertIn("The NIC's IPv6 policy is manual without an address", log)
+        self.assertIn("Address fe80::5054:ff:fe12:3456/64: link-local, in use", log)
+        self.assertIn("Address fec0::5054:ff:fe12:3456/64: SLAAC, in use", log)
+        self.assertRegex(log, r"Router advertisement from fe80::2: router lifetime \d+ s")
+        self.assertIn("Prefix fec0::/64: on-link 1, autonomous (SLAAC) 1", log)
+        self.assertRegex(log, r"Reply seq 3 from fe80::2: time \d+ us")
+        self.assertIn("4 of 4 echo request(s) answered by fe80::2", log)
+        # A global target is pinged from the global address.
+        self.assertIn("Pinging fec0::2 from fec0::5054:ff:fe12:3456, 2 request(s)", log)
+
     def test_calls_leave_the_handle_database_unchanged(self):
         handles = [l for _, lines in self.blocks for l in lines if l.startswith("HANDLES ")]
-        self.assertEqual(len(handles), len(self.CALLS) + 2)
+        self.assertEqual(len(handles), len(self.CALLS) + 2 + len(self.CALLS6))
         for line in handles:
             self.assertTrue(line.startswith("HANDLES unchanged"), line)
 

@@ -59,6 +59,7 @@ MEANINGS = {
     0x80160104: "the NIC asked for does not exist",
     0x80160105: "an unsupported ping kind was asked for",
     0x80160107: "no cable",
+    0x80160802: "no NIC at that index or device path",
 }
 
 
