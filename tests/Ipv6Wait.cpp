@@ -112,10 +112,13 @@ Ipv6Readiness JudgeIpv6(const Ipv6Picture& P, UINTN Seconds, bool Final, Neighbo
   if (hasLinkLocal && heard && (router || P.TargetGiven) && !wantsDhcp6 && !wantsSlaac)
     return Ipv6Readiness::Ready;
   if (!Final) {
-    // A router that did not answer three solicitations will not come: unless the test was given
-    // its target, the wait ends there.
-    if (Seconds >= kRouterWaitSeconds && hasLinkLocal && !advertised && !P.State.HasRouter) {
-      return P.TargetGiven ? Ipv6Readiness::Ready : Ipv6Readiness::NoRouter;
+    // A router that did not answer three solicitations will not come, and one that advertised a
+    // lifetime of 0 will not become a default router: unless the test was given its target, the
+    // wait ends there.
+    if (Seconds >= kRouterWaitSeconds && hasLinkLocal && !router) {
+      if (P.TargetGiven)
+        return Ipv6Readiness::Ready;
+      return advertised ? Ipv6Readiness::NotDefaultRouter : Ipv6Readiness::NoRouter;
     }
     return Ipv6Readiness::Waiting;
   }

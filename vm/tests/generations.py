@@ -1,13 +1,15 @@
 """What CI runs on a firmware generation other than the default one: a reduced set that still
-touches every test, the plug-in case and each fault of the scripted network once across the other
-generations, with one call (the full matrix and fault table run on the default generation)."""
+touches every test, the plug-in case and each IPv4 fault of the scripted network once across the
+other generations, with one call, and on a generation built with IPv6 the router's plans whose
+outcome is the firmware's own (the malformed messages of 2024's advisories, duplicate-address
+detection, stateful DHCPv6). The full matrix and fault table run on the default generation."""
 import tempfile
 import unittest
 from concurrent.futures import ThreadPoolExecutor
 
 import vmtest  # noqa: F401 (puts the runner on the path)
 from wcvm import faults, matrix
-from wcvm.firmware import DEFAULT_GENERATION, GENERATIONS, resolve
+from wcvm.firmware import DEFAULT_GENERATION, GENERATIONS, WITHOUT_IPV6, resolve
 
 OTHERS = [name for name in GENERATIONS if name != DEFAULT_GENERATION]
 # The model of the reduced matrix: OVMF's own virtio driver, which sees a cable go in and out; the
@@ -16,9 +18,17 @@ OTHERS = [name for name in GENERATIONS if name != DEFAULT_GENERATION]
 MODEL = "virtio"
 
 
+# The router's plans run where IPv6 is built in; the others only wait out their timers (the
+# default generation's fault table has them).
+IPV6_ACROSS = ["dhcp6-stateful", "dad", "ra-malformed", "dhcp6-malformed"]
+
+
 def faults_of(generation):
-    """The faults this generation runs: the whole list shared out among the other generations."""
-    return list(faults.CASES)[OTHERS.index(generation)::len(OTHERS)]
+    """The faults this generation runs: the IPv4 ones shared out among the other generations, and
+    IPV6_ACROSS where the generation has IPv6."""
+    ipv4 = [f for f in faults.CASES if not faults.is_ipv6(f)]
+    share = ipv4[OTHERS.index(generation)::len(OTHERS)]
+    return share + ([] if generation in WITHOUT_IPV6 else IPV6_ACROSS)
 
 
 def one_call(fault, turn):
@@ -55,7 +65,11 @@ class ReducedSet(unittest.TestCase):
         for test in [row for row in matrix.ROWS if row not in (matrix.SPEED_ROW, matrix.MIXED_OUT)]:
             with self.subTest(test=test):
                 cell = self.cells[test]
-                self.assertEqual(matrix.verdict(self.firmware, MODEL, test, cell), "as defined", cell)
+                # A generation built without IPv6 ends ping6test with its no-IPv6 code: explained.
+                allowed = ["as defined"]
+                if test in matrix.IPV6_ROWS and self.generation in WITHOUT_IPV6:
+                    allowed.append("explained")
+                self.assertIn(matrix.verdict(self.firmware, MODEL, test, cell), allowed, cell)
 
     def test_each_fault_gives_its_defined_verdict_in_time(self):
         self.assertEqual([r for r in self.rows if not r["ok"]], [])

@@ -10,6 +10,7 @@ import time
 from concurrent.futures import ThreadPoolExecutor
 
 from .config import ROOT, HarnessError, Nic, VmConfig, chosen
+from .firmware import WITHOUT_IPV6
 from .firmware import take_options as take_firmware_options
 from .junit import take_junit, write_faults_junit
 from .live import run_vm
@@ -18,6 +19,7 @@ from .report import call_seconds
 
 PING, INTERACTIVE = "-test=pingtest", "-test=interactivenetworktest"
 SPEED = "-test=SpeedTest -NetworkSpeed=1"
+PING6 = "-test=ping6test"
 PASSED = ("Passed", 0)
 NO_ADDRESS = {PING: ("Failed", 0x80160101), INTERACTIVE: ("Failed", 0x80160302)}
 NO_REPLY = {PING: ("Failed", 0x80160102), INTERACTIVE: ("Failed", 0x80160303)}
@@ -44,6 +46,16 @@ CASES = {
     "flood": dict(WORKS, **{SPEED: PASSED}),
     # The request that meets the dropped link goes unanswered; a retry finds the link back.
     "link-flap": {PING + " -retries=1": PASSED, PING: ("Failed", 0x80160102)},
+    # IPv6: the router's side of each plan, against ping6test.
+    "ra-none": {PING6: ("Failed", 0x80160804)},
+    "ra-lifetime-0": {PING6: ("Failed", 0x80160804)},
+    "dhcp6-stateful": {PING6: PASSED},
+    "dhcp6-silent": {PING6: ("Failed", 0x80160805)},
+    "dad": {PING6: ("Failed", 0x80160806)},
+    "echo6-drop": {PING6: ("Failed", 0x80160807)},
+    "echo6-late": {PING6: ("Failed", 0x80160807)},
+    "ra-malformed": {PING6: PASSED},
+    "dhcp6-malformed": {PING6: PASSED},
 }
 
 # The longest a call may take: the Parts' waits for an address (60 s), DHCP tries and pings, with room.
@@ -66,11 +78,30 @@ COST_NO_ADDRESS, COST_FLOOD, COST_CALL = 62, 6, 5
 ALONE = {"flood"}
 
 
+# ping6test's waits: 12 s for a router that never advertises (or is no default router), 30 s for a
+# DHCPv6 server that never answers.
+COST_BY_CODE = {0x80160804: 14, 0x80160805: 32}
+
+
 def cost(fault, calls=None):
     calls = calls or list(CASES[fault])
     if fault == "flood":
         return COST_FLOOD * len(calls)
-    return sum(COST_NO_ADDRESS if CASES[fault][c] in NO_ADDRESS.values() else COST_CALL for c in calls)
+    return sum(COST_NO_ADDRESS if CASES[fault][c] in NO_ADDRESS.values() else
+               COST_BY_CODE.get(CASES[fault][c][1], COST_CALL) for c in calls)
+
+
+def is_ipv6(fault):
+    """Whether the plan is one of the router's (its calls are ping6test's)."""
+    return all(call.startswith(PING6) for call in CASES[fault])
+
+
+def expected_verdict(fault, options, firmware=None):
+    """What the tests' definitions give for this call on this firmware: a generation built without
+    IPv6 ends every ping6test with its no-IPv6-stack code."""
+    if options.startswith(PING6) and firmware is not None and firmware.name in WITHOUT_IPV6:
+        return ("Failed", 0x80160801)
+    return CASES[fault][options]
 
 
 def groups(faults, boots, calls_of=None):
@@ -114,7 +145,7 @@ def run_group(faults, work, dump="", firmware=None, calls_of=None):
     name = firmware.name if firmware else ""
     times = call_seconds(run.line_times)
     for index, (fault, options, _) in enumerate(planned):
-        expected = CASES[fault][options]
+        expected = expected_verdict(fault, options, firmware)
         limit = LIMIT_NO_ADDRESS if expected in NO_ADDRESS.values() else LIMIT
         if index < len(run.results):
             seen, status = list(run.results[index][:2]), run.results[index][2]

@@ -14,6 +14,7 @@ import time
 from concurrent.futures import ThreadPoolExecutor
 
 from .config import NIC_MODELS, ROOT, HarnessError, Nic, VmConfig, chosen, take_value
+from .firmware import WITHOUT_IPV6
 from .firmware import take_options as take_firmware_options
 from .junit import take_junit, write_matrix_junit
 from .live import run_vm
@@ -92,6 +93,7 @@ EXPECTED[CABLE_OUT] = ("Passed", 0, "Success")
 EXPECTED[CABLE_PLUGGED] = ("Passed", 0, "Success")
 EXPECTED[CABLE_STAYS_OUT] = ("Failed", 0x80160107, "Success")
 EXPECTED[CABLE6_STAYS_OUT] = ("Failed", 0x80160803, "Success")
+IPV6_ROWS = ("ping6test", CABLE6_STAYS_OUT)
 ROWS += [row for row, _ in CABLE_CALLS]
 # The flags detectcable leaves: one for the main boot's cabled NIC, none with the cables out.
 FLAGS = {"detectcable": 1, CABLE_OUT: 0}
@@ -252,6 +254,8 @@ def explanation(firmware, model, test, cell):
         return EXPLAINED[(firmware.name, model, test)]
     if (model, test) in EXPLAINED:
         return EXPLAINED[(model, test)]
+    if test in IPV6_ROWS and firmware.name in WITHOUT_IPV6 and cell.get("error") == 0x80160801:
+        return WITHOUT_IPV6[firmware.name]
     blind = blind_to_link(firmware, model)
     twin = ROM_TWIN.get(model)
     if test == MIXED_OUT and twin and blind_to_link(firmware, twin) and cell.get("flags") == 2:

@@ -1,7 +1,7 @@
 """The scripted network: a peer that one NIC's network consists of, joined to QEMU through a Unix
 stream socket (QEMU's `-netdev stream`, frames with a 4-byte big-endian length in front). It owns
 the DHCP server 10.0.2.2 and the router 10.0.2.1 on 10.0.2.0/24, leases 10.0.2.15, answers ARP and
-ICMP echo for the addresses it owns, and follows one fault plan. Nothing here opens any other
+ICMP echo for the addresses it owns, is IPv6's router too (peer6.py), and follows one fault plan. Nothing here opens any other
 socket: the peer's whole world is the VM's NIC.
 
     python3 -m wcvm.peer SOCKET FAULT LOG [QMP NETDEV]
@@ -17,6 +17,8 @@ import socket
 import struct
 import sys
 import time
+
+from .peer6 import FAULTS6, Ipv6Side
 
 NET = bytes([10, 0, 2, 0])
 SERVER, ROUTER, CLIENT, STRANGER = bytes([10, 0, 2, 2]), bytes([10, 0, 2, 1]), bytes([10, 0, 2, 15]), bytes([10, 0, 2, 99])
@@ -46,6 +48,7 @@ FAULTS = {
     "flood": "unrelated broadcast frames all the time, about 2,000 a second",
     "link-flap": "the link drops at the first echo request of every other ping (not answered) and comes back "
                  "2 s later",
+    **FAULTS6,
 }
 
 
@@ -85,6 +88,7 @@ class Peer:
         self.scheduled = []  # (when, frame or action)
         self.echoes = 0
         self.next_flood = 0.0
+        self.v6 = Ipv6Side(self)
 
     def note(self, text):
         self.log.write(f"{time.monotonic():.3f} {text}\n")
@@ -128,6 +132,8 @@ class Peer:
         ethertype = struct.unpack("!H", frame[12:14])[0]
         if ethertype == 0x0806:
             self.arp(frame)
+        elif ethertype == 0x86DD:
+            self.v6.frame(frame)
         elif ethertype == 0x0800 and len(frame) >= 34:
             header_length = (frame[14] & 0x0F) * 4
             packet = frame[14:14 + struct.unpack("!H", frame[16:18])[0]]
