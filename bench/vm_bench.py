@@ -6,6 +6,10 @@
   user network), the wall time of the shell's "ifconfig -s eth0 dhcp" plus "ping -n 1" to the
   DHCP server (until the first reply) on NIC 1, of pingtest on NIC 2, and their ratio; on each
   firmware generation (names suffixed with the generation, except the default one's).
+- ping6test against the shell: in one boot with two NICs on QEMU's user network, the wall time of the
+  shell's "ifconfig6 -s eth0 auto" plus "ping6 -n 1" to the router's global address (until the first
+  reply) on NIC 1, of ping6test with one request on NIC 2, and their ratio; on each generation (n/a
+  where the firmware has no IPv6).
 - interactivenetworktest's gateway path against the shell: in one boot with a static configuration
   whose gateway answers, the wall time of the shell's "ping -n 3" to the gateway, of the test (menu-
   less, one NIC: cable check, gateway ping, three pings), and their ratio.
@@ -70,6 +74,34 @@ def pingtest_against_the_shell(firmware, suffix):
 for name in wcvm.firmware.GENERATIONS:
     pingtest_against_the_shell(wcvm.firmware.resolve(name),
                                "" if name == wcvm.firmware.DEFAULT_GENERATION else f"_{name}")
+
+def ping6test_against_the_shell(firmware, suffix):
+    """ping6test on NIC 2 against the shell's own IPv6 on NIC 1, in one boot: "ifconfig6 -s eth0 auto"
+    and "ping6 -n 1" to QEMU's router until the first reply, then the test with one request."""
+    if firmware.name in wcvm.firmware.WITHOUT_IPV6:
+        print(f"BENCH ping6test_to_shell_ratio{suffix} n/a (built without IPv6: no ifconfig6, no ping6)")
+        return
+    shell = ["echo BENCH-SHELL6-START", "ifconfig6 -s eth0 auto",
+             "for %i run (1 40)", "  ping6 -n 1 fec0::2", "  stall 250000", "endfor", "echo BENCH-SHELL6-END"]
+    run = wcvm.run_vm(wcvm.VmConfig(calls=["-test=ping6test -index=2 -testrepeats=1"],
+                                    nics=[wcvm.Nic.parse("virtio"), wcvm.Nic.parse("virtio")], shell_before=shell,
+                                    timeout=400, firmware=firmware))
+    times = run.line_times
+    call = first(times, lambda l: l.startswith("CALL options='-test=ping6test"))
+    result = first(times, lambda l: l.startswith("RESULT "), call)
+    if "RESULT result=Passed" not in run.output:
+        raise SystemExit(f"vm_bench: ping6test did not pass{suffix}")
+    shell_start = first(times, lambda l: l == "BENCH-SHELL6-START")
+    reply = first(times, lambda l: "bytes from fec0::2" in l, shell_start)
+    module, shell_wall = result - call, reply - shell_start
+    print(f"BENCH ping6test_wall{suffix} {module:.2f} s")
+    print(f"BENCH shell_ifconfig6_ping6_wall{suffix} {shell_wall:.2f} s")
+    print(f"BENCH ping6test_to_shell_ratio{suffix} {module / shell_wall:.2f} x")
+
+
+for name in wcvm.firmware.GENERATIONS:
+    ping6test_against_the_shell(wcvm.firmware.resolve(name),
+                                "" if name == wcvm.firmware.DEFAULT_GENERATION else f"_{name}")
 
 shell = ["echo BENCH-PING3-START", "ping -n 3 10.0.2.2", "echo BENCH-PING3-END"]
 run = wcvm.run_vm(wcvm.VmConfig(calls=["-test=interactivenetworktest"],

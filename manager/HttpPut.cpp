@@ -304,7 +304,14 @@ PutOutcome HttpPut(EFI_HANDLE Service, const CHAR16* Url, const CHAR8* ContentTy
     return outcome;
   EFI_HTTPv4_ACCESS_POINT access = {};
   access.UseDefaultAddress = TRUE; // the NIC's own address, from its DHCP or static configuration
-  EFI_HTTP_CONFIG_DATA config = {HttpVersion11, TimeoutMs, FALSE, &access};
+  EFI_HTTP_CONFIG_DATA config = {HttpVersion11, TimeoutMs, FALSE, {&access}};
+  // A server named by an IPv6 address ("[fd99::1]"): the child goes over IPv6, from whichever of the
+  // NIC's addresses the firmware chooses (the unspecified local address).
+  EFI_HTTPv6_ACCESS_POINT access6 = {};
+  if (host[0] == '[') {
+    config.LocalAddressIsIPv6 = TRUE;
+    config.IPv6Node = &access6;
+  }
   if (EFI_ERROR(outcome.Status = http->Configure(http.Get(), &config)))
     return outcome;
 

@@ -38,6 +38,7 @@ struct FakeHttp {
   std::u16string url;
   std::vector<std::u16string> urls;
   int cancels = 0;
+  bool ipv6 = false; // the child was configured for IPv6
   int puts = 0;
   EFI_HTTP_TOKEN* pending = nullptr;
 
@@ -64,7 +65,13 @@ inline EFI_STATUS EFIAPI HttpDestroy(EFI_SERVICE_BINDING_PROTOCOL* sb, EFI_HANDL
   return EFI_SUCCESS;
 }
 inline EFI_STATUS EFIAPI HttpConfigure(EFI_HTTP_PROTOCOL* http, EFI_HTTP_CONFIG_DATA* config) {
-  EXPECT_TRUE(config->IPv4Node->UseDefaultAddress);
+  FakeHttp::Of(http)->ipv6 = config->LocalAddressIsIPv6;
+  if (config->LocalAddressIsIPv6) {
+    EFI_IPv6_ADDRESS any = {};
+    EXPECT_EQ(std::memcmp(&config->IPv6Node->LocalAddress, &any, sizeof(any)), 0);
+  } else {
+    EXPECT_TRUE(config->IPv4Node->UseDefaultAddress);
+  }
   return FakeHttp::Of(http)->configure;
 }
 inline EFI_STATUS EFIAPI HttpRequest(EFI_HTTP_PROTOCOL* http, EFI_HTTP_TOKEN* token) {

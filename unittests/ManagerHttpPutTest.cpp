@@ -86,6 +86,14 @@ TEST_F(HttpOnFakes, AnAcceptedPutSendsTheFileWithItsHeaders) {
   fake.sentHeaders.clear();
   EXPECT_EQ(Put("").Status, EFI_SUCCESS);
   EXPECT_NE(fake.sentHeaders.find("Content-Length: 0\n"), std::string::npos);
+  EXPECT_FALSE(fake.ipv6);
+
+  // A server named by its IPv6 address: the child goes over IPv6, the Host header keeps the brackets.
+  fake.sentHeaders.clear();
+  EXPECT_EQ(HttpPut(nic, u"http://[fd99::1]/results/m/r/results.txt", "text/plain", "x", 1, 10000).Status,
+            EFI_SUCCESS);
+  EXPECT_TRUE(fake.ipv6);
+  EXPECT_NE(fake.sentHeaders.find("Host: [fd99::1]\n"), std::string::npos) << fake.sentHeaders;
 }
 
 TEST_F(HttpOnFakes, RefusalsCarryTheirCodeAndNothingElsePasses) {

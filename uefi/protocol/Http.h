@@ -40,11 +40,19 @@ struct EFI_HTTPv4_ACCESS_POINT {
   UINT16 LocalPort;
 };
 
+struct EFI_HTTPv6_ACCESS_POINT {
+  EFI_IPv6_ADDRESS LocalAddress;
+  UINT16 LocalPort;
+};
+
 struct EFI_HTTP_CONFIG_DATA {
   EFI_HTTP_VERSION HttpVersion;
   UINT32 TimeOutMillisec;
   BOOLEAN LocalAddressIsIPv6;
-  EFI_HTTPv4_ACCESS_POINT* IPv4Node; // a union with the IPv6 node, which is not used here
+  union {
+    EFI_HTTPv4_ACCESS_POINT* IPv4Node;
+    EFI_HTTPv6_ACCESS_POINT* IPv6Node;
+  };
 };
 static_assert(offsetof(EFI_HTTP_CONFIG_DATA, IPv4Node) == 16);
 

@@ -30,9 +30,11 @@ class CompatibilityMatrix(unittest.TestCase):
         with open(os.path.join(ROOT, "build", "matrix.json")) as f:
             matrix = json.load(f)
         self.assertEqual(set(matrix["models"]), set(suite_models()))
-        # Seven tests, the twenty bursts, detectcable and pingtest with the cables out, a cable plugged in,
-        # and virtio's cables out beside its iPXE twin, whose driver then serves both NICs.
-        self.assertEqual(len(matrix["rows"]), 12)
+        # Eight tests, the twenty bursts, detectcable, pingtest and ping6test with the cables out, a cable
+        # plugged in, and virtio's cables out beside its iPXE twin, whose driver then serves both NICs.
+        self.assertEqual(len(matrix["rows"]), 14)
+        ping6 = next(r for r in matrix["rows"] if r["test"] == "ping6test")
+        self.assertTrue(all(c["verdict"] == "as defined" for c in ping6["cells"].values()), ping6)
         mixed = next(r for r in matrix["rows"] if r["test"] == "detectcable, cables out, beside its iPXE twin")
         self.assertEqual(mixed["cells"]["virtio"]["verdict"], "explained")
         self.assertEqual(mixed["cells"]["virtio"]["flags"], 2)

@@ -63,8 +63,10 @@ LIMIT_NO_ADDRESS, LIMIT = 100, 40
 # A boot that prints nothing for this long has stopped answering (a call's longest quiet stretch is
 # pingtest's 60-second wait for an address).
 SILENCE = 120
-# NICs a boot has at most: the interactive test's menu offers ten.
+# NICs a boot has at most for the faults the interactive test meets (its menu offers ten: they take
+# NICs 1 to 10), and in all (the others are called by -index).
 MAX_NICS = 10
+MAX_BOOT_NICS = 16
 # Boots per firmware generation for the whole table.
 BOOTS = 2
 
@@ -104,21 +106,37 @@ def expected_verdict(fault, options, firmware=None):
     return CASES[fault][options]
 
 
+def menu_bound(fault, calls_of=None):
+    """Whether one of the fault's calls goes through the interactive test's menu."""
+    return any(c.startswith(INTERACTIVE) for c in (calls_of or {}).get(fault) or CASES[fault])
+
+
 def groups(faults, boots, calls_of=None):
-    """The faults shared out among `boots` boots (more where MAX_NICS would be passed), the costliest
-    first onto the least loaded boot with room, each boot's faults in the table's order; a fault of
-    ALONE in a boot of its own besides."""
+    """The faults shared out among `boots` boots (more where a boot would pass MAX_NICS faults the
+    interactive test meets, or MAX_BOOT_NICS in all), the costliest first onto the least loaded boot
+    with room; in each boot the interactive test's faults first (its menu lists NICs 1 to 10), each
+    part in the table's order; a fault of ALONE in a boot of its own besides."""
     calls_of = calls_of or {}
     shared = [f for f in faults if f not in ALONE]
-    loads = [[0, []] for _ in range(max(1, min(boots, len(shared))))]
-    while len(loads) * MAX_NICS < len(shared):
-        loads.append([0, []])
+    menu = [f for f in shared if menu_bound(f, calls_of)]
+    needed = max(boots, -(-len(menu) // MAX_NICS), -(-len(shared) // MAX_BOOT_NICS))
+    loads = [[0, []] for _ in range(max(1, min(needed, len(shared))))]
+
+    def room(load, fault):
+        return len(load[1]) < MAX_BOOT_NICS and \
+            (not menu_bound(fault, calls_of) or sum(menu_bound(f, calls_of) for f in load[1]) < MAX_NICS)
+
     for fault in sorted(shared, key=lambda f: -cost(f, calls_of.get(f))):
-        target = min((b for b in loads if len(b[1]) < MAX_NICS), key=lambda b: b[0])
+        open_ = [b for b in loads if room(b, fault)]
+        if not open_:
+            loads.append([0, []])
+            open_ = [loads[-1]]
+        target = min(open_, key=lambda b: b[0])
         target[0] += cost(fault, calls_of.get(fault))
         target[1].append(fault)
     order = list(CASES)
-    return [sorted(b[1], key=order.index) for b in loads if b[1]] + [[f] for f in faults if f in ALONE]
+    return [sorted(b[1], key=lambda f: (not menu_bound(f, calls_of), order.index(f))) for b in loads if b[1]] + \
+        [[f] for f in faults if f in ALONE]
 
 
 def run_group(faults, work, dump="", firmware=None, calls_of=None):

@@ -18,15 +18,16 @@ import uuid
 
 from .config import ROOT, HarnessError
 from .disk import build_image, check_tools
-from .firmware import secure_build
+from .firmware import WITHOUT_IPV6, secure_build
 from .firmware import take_options as take_firmware_options
 from .fleetreport import fleet_rows, read_text, refusal
-from .namespace import PREFIX_NAME, SERVER, Namespace, left_behind, remove, run as _run, shielded
+from .namespace import PREFIX_NAME, SERVER, SERVER6, Namespace, left_behind, remove, run as _run, shielded
 from .qemu import machine_words, rng_words
 from .servers import dnsmasq_words, make_certificates, nginx_config
 
 UPLOAD_URL = f"http://{SERVER}/results"
 UPLOAD_URL_TLS = f"https://{SERVER}/results"
+UPLOAD_URL6 = f"http://[{SERVER6}]/results"
 FLEET_DIR = os.path.join(ROOT, "build", "fleet")
 MACHINE_SECONDS = 600  # a machine still running after this is stopped and shown as such
 
@@ -79,6 +80,8 @@ def _boot_machine(ns, firmware, secure, machine, tap, work, boots, lock, stop, c
     what happened to it, so that the machine has its row in the table."""
     number = 0
     try:
+        if ns.ipv6 and firmware.name in WITHOUT_IPV6:
+            raise HarnessError(f"{firmware.name} has no HTTP boot over IPv6: {WITHOUT_IPV6[firmware.name]}")
         vars_src = secure_build(firmware)[1] if secure else firmware.vars
         for number in range(1, machine.boots + 1):
             _boot_once(ns, firmware, secure, machine, tap, work, boots, lock, stop, cacerts, vars_src, number)
@@ -131,8 +134,9 @@ class Fleet:
     """The namespace, the servers and the machines of one fleet run; `with Fleet(...) as f: f.boot()`."""
 
     def __init__(self, machines, calls, firmware=None, secure=False, sign=None, images=None, nginx_extra="",
-                 servers=(), work=None, https=False, script=""):
+                 servers=(), work=None, https=False, script="", ipv6=False):
         self.machines, self.calls, self.secure, self.https = machines, calls, secure, https
+        self.ipv6 = ipv6  # HTTP boot over IPv6, and uploads to the server's IPv6 address
         self.script = script  # answers on the stick (with no calls: the technician's menu, scripted)
         self.firmware = firmware or take_firmware_options([])[0]
         self.sign = sign
@@ -157,23 +161,23 @@ class Fleet:
             _, crt, key, self.cacerts = make_certificates(self.work)
             self.tls = (crt, key)
         build_image(os.path.join(self.www, "stick.img"), self.calls, script=self.script, sign=self.sign,
-                    upload=UPLOAD_URL_TLS if self.https else UPLOAD_URL)
+                    upload=UPLOAD_URL_TLS if self.https else UPLOAD_URL6 if self.ipv6 else UPLOAD_URL)
         for name, make in self.images.items():
             make(os.path.join(self.www, name))
         for name in left_behind():
             remove(name)
             print(f"fleet: removed the namespace {name} that a killed run left behind", flush=True)
         self.ns = Namespace(f"{PREFIX_NAME}{os.getpid()}-{os.path.basename(self.work)[-6:]}",
-                            [f"tap{m.number}" for m in self.machines])
+                            [f"tap{m.number}" for m in self.machines], ipv6=self.ipv6)
         self.ns.__enter__()
         try:
             conf = os.path.join(self.work, "nginx.conf")
             with open(conf, "w") as f:
-                f.write(nginx_config(self.work, self.www, self.nginx_extra, self.tls))
+                f.write(nginx_config(self.work, self.www, self.nginx_extra, self.tls, self.ipv6))
             nginx = shutil.which("nginx") or "/usr/sbin/nginx"
             dnsmasq = shutil.which("dnsmasq") or "/usr/sbin/dnsmasq"
             self.start("nginx", [nginx, "-c", conf])
-            self.start("dnsmasq", [dnsmasq] + dnsmasq_words(self.work, self.machines)[1:])
+            self.start("dnsmasq", [dnsmasq] + dnsmasq_words(self.work, self.machines, self.ipv6)[1:])
             for name, words in self.servers:
                 self.start(name, words)
             self.wait_for_server()

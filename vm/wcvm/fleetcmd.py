@@ -28,6 +28,9 @@ def parser():
     p.add_argument("--https", action="store_true",
                    help="upload over HTTPS: a certificate authority of the run's own signs the server's "
                         "certificate, and the firmware trusts it through fw_cfg")
+    p.add_argument("--ipv6", action="store_true",
+                   help="HTTP boot over IPv6: dnsmasq advertises a router and gives addresses and the image's "
+                        "URL by DHCPv6; the machines upload to the server's IPv6 address")
     # --firmware NAME|CODE[,VARS] and --no-rng are taken as run takes them (before this parser).
     p.add_argument("--junit", metavar="FILE", help="default: build/fleet/fleet.xml")
     return p
@@ -62,6 +65,8 @@ def main(argv):
             raise ValueError("no calls (for example: ./wirecheck fleet 3 -- \"-test=pingtest\")")
         if not 1 <= args.count <= 64:
             raise ValueError(f"N is {args.count}: give 1 to 64 machines")
+        if args.ipv6 and args.https:
+            raise ValueError("--ipv6 uploads over HTTP: the fleet's certificate names the server's IPv4 address")
         if bool(args.sign) != bool(args.cert):
             raise ValueError("--sign KEY and --cert CERT go together")
         if os.geteuid() != 0:
@@ -74,7 +79,7 @@ def main(argv):
             if args.secure_boot and not sign:
                 sign = test_signing_key(keys)
             fleet = Fleet(machines, calls, firmware=firmware, secure=args.secure_boot,
-                          sign=sign, https=args.https)
+                          sign=sign, https=args.https, ipv6=args.ipv6)
             print(f"fleet: {args.count} machine(s), {len(calls)} call(s) each; files in {fleet.work}", flush=True)
             with fleet:
                 fleet.boot()

@@ -12,6 +12,9 @@ from .config import HarnessError
 
 SERVER = "10.99.0.1"
 PREFIX = 24
+# The bridge's IPv6 address, on a unique-local prefix of the fleet's own (--ipv6).
+SERVER6 = "fd99::1"
+PREFIX6 = 64
 PREFIX_NAME = "wcfleet-"
 
 
@@ -70,10 +73,11 @@ def left_behind():
 
 
 class Namespace:
-    """`with Namespace(name, taps) as ns:`; ns.inside(words) runs a command in it."""
+    """`with Namespace(name, taps) as ns:`; ns.inside(words) runs a command in it. With ipv6 the bridge
+    also has SERVER6 (without duplicate-address detection, so that the servers can bind it at once)."""
 
-    def __init__(self, name, taps):
-        self.name, self.taps = name, taps
+    def __init__(self, name, taps, ipv6=False):
+        self.name, self.taps, self.ipv6 = name, taps, ipv6
 
     def __enter__(self):
         made = run(["ip", "netns", "add", self.name])
@@ -83,6 +87,8 @@ class Namespace:
         try:
             steps = [["ip", "link", "set", "lo", "up"], ["ip", "link", "add", "br0", "type", "bridge"],
                      ["ip", "addr", "add", f"{SERVER}/{PREFIX}", "dev", "br0"], ["ip", "link", "set", "br0", "up"]]
+            if self.ipv6:
+                steps.append(["ip", "-6", "addr", "add", f"{SERVER6}/{PREFIX6}", "dev", "br0", "nodad"])
             for tap in self.taps:
                 steps += [["ip", "tuntap", "add", tap, "mode", "tap"], ["ip", "link", "set", tap, "master", "br0"],
                           ["ip", "link", "set", tap, "up"]]

@@ -7,7 +7,7 @@ import subprocess
 import uuid
 
 from .config import HarnessError
-from .namespace import PREFIX, SERVER, run
+from .namespace import PREFIX, PREFIX6, SERVER, SERVER6, run
 
 X509_GUID = uuid.UUID("a5c059a1-94e4-4aa7-87b5-ab155c2bf072")  # EFI_CERT_X509_GUID
 OWNER_GUID = uuid.UUID("5c1d0000-9a2e-4c0b-8f6e-57495245434b")  # who enrolled the certificates: the fleet
@@ -49,9 +49,11 @@ def make_certificates(folder):
     return ca_crt, crt, key, cacerts
 
 
-def nginx_config(work, www, extra="", tls=None):
+def nginx_config(work, www, extra="", tls=None, ipv6=False):
     tls_lines = "" if tls is None else \
         f"    listen {SERVER}:443 ssl;\n    ssl_certificate {tls[0]};\n    ssl_certificate_key {tls[1]};\n"
+    listen6 = f"    listen [{SERVER6}]:80;\n" if ipv6 else ""
+    allow6 = f"        allow {SERVER6}/{PREFIX6};\n" if ipv6 else ""
     return f"""user root;
 daemon off;
 pid {work}/nginx.pid;
@@ -64,7 +66,7 @@ http {{
   types {{ application/octet-stream img; }}
   server {{
     listen {SERVER}:80;
-{tls_lines}    root {www};
+{listen6}{tls_lines}    root {www};
     location /results/ {{
       dav_methods PUT;
       create_full_put_path on;
@@ -72,7 +74,7 @@ http {{
       client_max_body_size 64m;
       limit_except GET HEAD {{
         allow {ipaddress.ip_network(f"{SERVER}/{PREFIX}", strict=False)};
-        deny all;
+{allow6}        deny all;
       }}
     }}
 {extra}  }}
@@ -80,12 +82,26 @@ http {{
 """
 
 
-def dnsmasq_words(work, machines):
+# DHCPv6's vendor class of a UEFI HTTP boot client: enterprise 343 (Intel), "HTTPClient"; EDK2's
+# HTTP boot takes an answer for an HTTP offer only when it carries it back.
+HTTP_CLIENT_CLASS6 = "00:00:01:57:00:0a:" + ":".join(f"{b:02x}" for b in b"HTTPClient")
+
+
+def dnsmasq_words(work, machines, ipv6=False):
     words = ["dnsmasq", "--keep-in-foreground", "--port=0", "--bind-interfaces", "--interface=br0",
              "--except-interface=lo", f"--dhcp-range={SERVER[:-1]}100,{SERVER[:-1]}200,1h",
              "--dhcp-vendorclass=set:http,HTTPClient", "--dhcp-option-force=tag:http,60,HTTPClient",
              "--log-dhcp", f"--log-facility={work}/dnsmasq.log", f"--pid-file={work}/dnsmasq.pid",
              "--dhcp-leasefile=" + os.path.join(work, "dnsmasq.leases"), "--conf-file=/dev/null"]
+    if ipv6:
+        # Router advertisements with M set, addresses by DHCPv6, and the image's URL for HTTP boot over
+        # IPv6 alone: DHCPv4 still answers (pingtest needs it), without a boot file, so that the
+        # firmware's HTTP boot over IPv4 finds no offer and goes on to IPv6.
+        prefix = SERVER6.rstrip("1")
+        return words + ["--enable-ra", f"--dhcp-range={prefix}100,{prefix}1ff,{PREFIX6},1h",
+                        "--dhcp-vendorclass=set:http6,enterprise:343,HTTPClient",
+                        f"--dhcp-option=tag:http6,option6:16,{HTTP_CLIENT_CLASS6}",
+                        f"--dhcp-option=tag:http6,option6:bootfile-url,http://[{SERVER6}]/{machines[0].image}"]
     for m in machines:
         words += [f"--dhcp-host={m.mac},set:m{m.number}",
                   f"--dhcp-boot=tag:http,tag:m{m.number},http://{SERVER}/{m.image}"]
