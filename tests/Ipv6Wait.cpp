@@ -87,7 +87,7 @@ const CHAR16* Ipv6Origin(const Ipv6Picture& P, const EFI_IPv6_ADDRESS& A) {
   if (HasInterfaceId(A, P.InterfaceId) && (slaac == nullptr || SamePrefix(A, slaac->Prefix, 64)))
     return u"SLAAC";
   if (P.State.PolicyRead && P.State.Policy == Ip6ConfigPolicyManual)
-    return u"manual";
+    return u"manual (set by hand, or by the firmware's HTTP boot)";
   return u"DHCPv6";
 }
 
@@ -103,8 +103,11 @@ Ipv6Readiness JudgeIpv6(const Ipv6Picture& P, UINTN Seconds, bool Final, Neighbo
   bool hasLinkLocal = HasLinkLocal(P.State);
   bool advertised = P.Seen.Advertisements != 0;
   bool router = P.State.HasRouter || (advertised && P.Seen.Ra.Lifetime != 0);
-  bool wantsDhcp6 = advertised && P.Seen.Ra.Managed && !HasDhcp6Address(P);
-  bool wantsSlaac = slaac != nullptr && !Listed(P.State, slaacAddress);
+  // Under the manual policy the firmware takes nothing from the router: its addresses are the ones
+  // set by hand (or by its own HTTP boot), and the flags ask nothing of it.
+  bool manual = P.State.PolicyRead && P.State.Policy == Ip6ConfigPolicyManual;
+  bool wantsDhcp6 = !manual && advertised && P.Seen.Ra.Managed && !HasDhcp6Address(P);
+  bool wantsSlaac = !manual && slaac != nullptr && !Listed(P.State, slaacAddress);
 
   // The flags and prefixes come with an advertisement: before one is seen, a firmware that already
   // knows its router gets a few seconds for the answer to the solicitation.

@@ -275,6 +275,15 @@ TEST(Ipv6Wait, TheVerdictSaysWhatIsMissing) {
   EXPECT_EQ(Narrow(Ipv6Origin(p, p.State.Addresses[0].Address)), "link-local");
   EXPECT_EQ(Narrow(Ipv6Origin(p, p.State.Addresses[1].Address)), "DHCPv6");
   EXPECT_EQ(Narrow(Ipv6Origin(p, p.State.Addresses[2].Address)), "SLAAC");
+  // Under the manual policy (addresses set by hand, or by the firmware's HTTP boot) the router's
+  // flags ask nothing of the firmware.
+  Ipv6Picture manual = p;
+  manual.State.PolicyRead = true;
+  manual.State.Policy = Ip6ConfigPolicyManual;
+  manual.State.AddressCount = 2;
+  manual.State.Addresses[1] = {A(u"fd00:1::1b6"), 64};
+  EXPECT_EQ(JudgeIpv6(manual, 3, false, &claim), Ipv6Readiness::Ready);
+  EXPECT_EQ(Narrow(Ipv6Origin(manual, manual.State.Addresses[1].Address)).rfind("manual", 0), 0u);
   // Another node claims the SLAAC address before the firmware has it: a duplicate, with who.
   p.State.AddressCount = 2;
   p.Seen.Claims = 1;

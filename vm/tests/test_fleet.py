@@ -50,17 +50,20 @@ def altered(make, name):
 
 @unittest.skipUnless(os.geteuid() == 0, "the fleet's network namespace needs root")
 class Fleet(unittest.TestCase):
-    def test_three_machines_each_with_its_results_under_its_uuid(self):
+    def test_three_machines_boot_over_ipv6_each_with_its_results_under_its_uuid(self):
+        # HTTP boot over IPv6, uploads to the server's IPv6 address; pingtest still has DHCPv4. (The
+        # other fleets of this file boot over IPv4.)
+        calls = CALLS + ["-test=ping6test"]
         with tempfile.TemporaryDirectory() as work:
             junit = os.path.join(work, "fleet.xml")
-            done = subprocess.run(RUNNER + ["fleet", "3", "--junit", junit, "--"] + CALLS, capture_output=True,
-                                  text=True, timeout=600)
+            done = subprocess.run(RUNNER + ["fleet", "3", "--ipv6", "--junit", junit, "--"] + calls,
+                                  capture_output=True, text=True, timeout=600)
             self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
             # Read with a JUnit parser (Debian's python3-junitparser, for the system's Python).
             parsed = subprocess.run(["/usr/bin/python3", "-c", JUNIT_READER, junit], capture_output=True, text=True,
                                     timeout=60)
             self.assertEqual(parsed.returncode, 0, parsed.stderr)
-            self.assertEqual(parsed.stdout.split(), ["6", "6"])
+            self.assertEqual(parsed.stdout.split(), ["9", "9"])
         where = re.search(r"results in (\S+)/results/;", done.stdout).group(1)
         machines = sorted(os.listdir(os.path.join(where, "results")))
         self.assertEqual(len(machines), 3)
@@ -73,11 +76,17 @@ class Fleet(unittest.TestCase):
                 text = f.read()
             # The machine names itself inside the results: UUID, serial number, first NIC's MAC.
             self.assertRegex(text, rf"MACHINE uuid={uuid} serial=WC\d+ mac=52:54:00:99:00:0[123]")
-            self.assertEqual(text.count("RESULT result=Passed"), 2)
+            self.assertEqual(text.count("RESULT result=Passed"), 3)
             with open(os.path.join(folder, "results.json")) as f:
                 report = json.load(f)
             self.assertEqual(report["machine"]["uuid"], uuid)
-            self.assertEqual([c["result"] for c in report["cases"]], ["Passed", "Passed"])
+            self.assertEqual([c["result"] for c in report["cases"]], ["Passed"] * 3)
+        # The image came over IPv6, and so did every result.
+        with open(os.path.join(os.path.dirname(where), "nginx-access.log")) as f:
+            requests = [line.split() for line in f]
+        self.assertTrue(any(r[1].startswith("fd99::") and r[3] == "/stick.img" for r in requests))
+        puts = [r for r in requests if r[2] == '"PUT']
+        self.assertTrue(puts and all(r[1].startswith("fd99::") for r in puts), puts[:3])
         self.assertLessEqual(os.path.getsize(os.path.join(where, "stick.img")), IMAGE_SIZE)
 
     def test_the_server_side_faults_lose_nothing(self):

@@ -82,9 +82,14 @@ http {{
 """
 
 
-# DHCPv6's vendor class of a UEFI HTTP boot client: enterprise 343 (Intel), "HTTPClient"; EDK2's
-# HTTP boot takes an answer for an HTTP offer only when it carries it back.
-HTTP_CLIENT_CLASS6 = "00:00:01:57:00:0a:" + ":".join(f"{b:02x}" for b in b"HTTPClient")
+# EDK2's HTTP boot over IPv6 takes an answer for an HTTP offer only when its vendor class option
+# (16) has "HTTPClient" at byte 6, where RFC 8415's layout puts it after the enterprise number and the
+# data's length (00 00 01 57 00 0a). dnsmasq writes option 16 as a list of counted strings with no
+# enterprise number, so the string carries four characters before the class: its own 2-byte length
+# and these four put "HTTPClient" at byte 6 (EDK2 reads neither the number nor the length).
+HTTP_CLIENT_CLASS6 = "0343HTTPClient"
+# The file the IPv4 offer names in an IPv6 fleet: never on the server.
+IPV4_NOT_HERE = "ipv6-only-boot-over-ipv6"
 
 
 def dnsmasq_words(work, machines, ipv6=False):
@@ -95,10 +100,11 @@ def dnsmasq_words(work, machines, ipv6=False):
              "--dhcp-leasefile=" + os.path.join(work, "dnsmasq.leases"), "--conf-file=/dev/null"]
     if ipv6:
         # Router advertisements with M set, addresses by DHCPv6, and the image's URL for HTTP boot over
-        # IPv6 alone: DHCPv4 still answers (pingtest needs it), without a boot file, so that the
-        # firmware's HTTP boot over IPv4 finds no offer and goes on to IPv6.
+        # IPv6. DHCPv4 still answers (pingtest needs it); its HTTP offer names a file the server does
+        # not have, so that the firmware's HTTP boot over IPv4 ends at once with a 404 and goes on to
+        # IPv6 (an answer without a boot file would hold it for a minute of retries).
         prefix = SERVER6.rstrip("1")
-        return words + ["--enable-ra", f"--dhcp-range={prefix}100,{prefix}1ff,{PREFIX6},1h",
+        return words + [f"--dhcp-boot=tag:http,http://{SERVER}/{IPV4_NOT_HERE}", "--enable-ra", f"--dhcp-range={prefix}100,{prefix}1ff,{PREFIX6},1h",
                         "--dhcp-vendorclass=set:http6,enterprise:343,HTTPClient",
                         f"--dhcp-option=tag:http6,option6:16,{HTTP_CLIENT_CLASS6}",
                         f"--dhcp-option=tag:http6,option6:bootfile-url,http://[{SERVER6}]/{machines[0].image}"]
