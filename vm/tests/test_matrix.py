@@ -1,4 +1,4 @@
-"""The compatibility matrix: the seven tests on every NIC model QEMU emulates with a UEFI driver,
+"""The compatibility matrix: the eight tests on every NIC model QEMU emulates with a UEFI driver,
 twenty SpeedTest bursts at the defaults and the cable-out rows on each, each cell what the tests'
 definitions give on that NIC, or a firmware fault the matrix explains."""
 import json
