@@ -57,7 +57,7 @@ class CommandLines(unittest.TestCase):
                     self.assertIn(command, OPTIONS, "no such command")
                     # Options are the words that begin with "--" (option strings use one dash),
                     # as written or inside a synopsis's brackets and alternatives.
-                    given = {o.split("=")[0] for w in words[1:] for o in re.findall(r"--[a-z][a-z-]*[=]?", w)}
+                    given = {o.split("=")[0] for w in words[1:] for o in re.findall(r"--[a-z][a-z0-9-]*[=]?", w)}
                     self.assertEqual(given - OPTIONS[command], set(), f"{command} takes no such option")
         self.assertGreater(seen, 30)
 
