@@ -34,9 +34,16 @@ void CopyMem(void* Destination, const void* Source, UINTN Length) {
   auto* d = static_cast<UINT8*>(Destination);
   const auto* s = static_cast<const UINT8*>(Source);
   if (d < s || d >= s + Length) {
+#if defined(__x86_64__)
     // A string move: fast on every processor since the fast-string feature, and no call to the
     // memcpy that is built on this function.
     __asm__ volatile("rep movsb" : "+D"(d), "+S"(s), "+c"(Length) : : "memory");
+#else
+    // Through a volatile pointer, so that the compiler does not make the loop a call to memcpy.
+    auto* vd = static_cast<volatile UINT8*>(Destination);
+    for (UINTN i = 0; i < Length; ++i)
+      vd[i] = s[i];
+#endif
   } else {
     auto* vd = static_cast<volatile UINT8*>(Destination);
     for (UINTN i = Length; i > 0; --i)
@@ -51,8 +58,14 @@ void SetMem(void* Buffer, UINTN Size, UINT8 Value) {
   if (Size == 0)
     return;
 #ifdef WIRECHECK_FIRMWARE
+#if defined(__x86_64__)
   auto* d = static_cast<UINT8*>(Buffer);
   __asm__ volatile("rep stosb" : "+D"(d), "+c"(Size) : "a"(Value) : "memory");
+#else
+  auto* d = static_cast<volatile UINT8*>(Buffer);
+  for (UINTN i = 0; i < Size; ++i)
+    d[i] = Value;
+#endif
 #else
   __builtin_memset(Buffer, Value, Size);
 #endif

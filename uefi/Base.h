@@ -1,12 +1,17 @@
 // Fundamental UEFI data types and status codes, written from the UEFI specification.
-// The same header serves the firmware build (x86-64 PE32+, freestanding) and the host build
-// used for unit tests; in both, EFIAPI is the Microsoft x64 calling convention.
+// The same header serves the firmware builds (x86-64 and AArch64 PE32+, freestanding) and the host
+// build used for unit tests. EFIAPI is the calling convention UEFI gives each processor: Microsoft's
+// x64 one on x86-64, the processor's standard one (AAPCS64) on AArch64.
 #pragma once
 
 #include <stddef.h>
 #include <stdint.h>
 
+#if defined(__x86_64__)
 #define EFIAPI __attribute__((ms_abi))
+#else
+#define EFIAPI
+#endif
 
 using UINT8 = uint8_t;
 using UINT16 = uint16_t;
