@@ -18,7 +18,7 @@ constexpr UINTN kFamilyChars = 40;
 
 // The firmware's SMBIOS structure table, found once at start-up and read in place.
 constinit const UINT8* gTable = nullptr;
-constinit UINT16 gTableLength = 0;
+constinit UINT32 gTableLength = 0;
 
 // Offset of the structure after the one at `offset`, or 0 when it would leave the table.
 UINTN NextStructure(UINTN offset) {
@@ -52,27 +52,43 @@ UINTN CountOfType(UINT8 type) {
   return count;
 }
 
+UINT64 Little(const UINT8* P, UINTN Bytes) {
+  UINT64 value = 0;
+  for (UINTN i = Bytes; i > 0; --i)
+    value = value << 8 | P[i - 1];
+  return value;
+}
+
+const UINT8* ConfigurationTable(EFI_SYSTEM_TABLE* SystemTable, const EFI_GUID& Guid) {
+  for (UINTN i = 0; SystemTable != nullptr && i < SystemTable->NumberOfTableEntries; ++i) {
+    if (SystemTable->ConfigurationTable[i].VendorGuid == Guid)
+      return static_cast<const UINT8*>(SystemTable->ConfigurationTable[i].VendorTable);
+  }
+  return nullptr;
+}
+
 } // namespace
 
-void SmbiosUseTable(const void* Table, UINT16 Length) {
+void SmbiosUseTable(const void* Table, UINT32 Length) {
   gTable = static_cast<const UINT8*>(Table);
   gTableLength = Table != nullptr ? Length : 0;
 }
 
 EFI_STATUS EfiSmbiosLibInitialize(EFI_HANDLE, EFI_SYSTEM_TABLE* SystemTable) {
-  const UINT8* entry = nullptr;
-  for (UINTN i = 0; SystemTable != nullptr && i < SystemTable->NumberOfTableEntries; ++i) {
-    if (SystemTable->ConfigurationTable[i].VendorGuid == SMBIOS_TABLE_GUID) {
-      entry = static_cast<const UINT8*>(SystemTable->ConfigurationTable[i].VendorTable);
-      break;
-    }
-  }
-  if (entry == nullptr)
+  // The 2.x entry point ("_SM_": the table's length at 0x16, its 32-bit address at 0x18), or where a
+  // firmware publishes only the 3.0 one (AArch64's virt machine, some x86 firmware) that one ("_SM3_":
+  // the table's maximum size at 0x0C, its 64-bit address at 0x10).
+  const UINT8* entry = ConfigurationTable(SystemTable, SMBIOS_TABLE_GUID);
+  if (entry != nullptr) {
+    SmbiosUseTable(reinterpret_cast<const void*>(UINTN(Little(entry + 0x18, 4))),
+                   UINT32(Little(entry + 0x16, 2)));
+  } else if ((entry = ConfigurationTable(SystemTable, SMBIOS3_TABLE_GUID)) != nullptr) {
+    SmbiosUseTable(reinterpret_cast<const void*>(UINTN(Little(entry + 0x10, 8))),
+                   UINT32(Little(entry + 0x0C, 4)));
+    DebugLogPrint(u"SMBIOS 3.0 entry point only\r\n");
+  } else {
     return EFI_NOT_FOUND;
-  UINT16 length = UINT16(entry[0x16] | (entry[0x17] << 8));
-  UINT32 address = UINT32(entry[0x18]) | (UINT32(entry[0x19]) << 8) | (UINT32(entry[0x1A]) << 16) |
-                   (UINT32(entry[0x1B]) << 24);
-  SmbiosUseTable(reinterpret_cast<const void*>(UINTN(address)), length);
+  }
 
   CHAR16 systemId[kSystemIdChars];
   EFI_STATUS status = GetSystemId(systemId, sizeof(systemId));

@@ -13,10 +13,11 @@ struct SMBIOS_STRUCTURE {
 #pragma pack(pop)
 static_assert(alignof(SMBIOS_STRUCTURE) == 1);
 
-// Finds the SMBIOS 2.x entry point; EFI_NOT_FOUND when the firmware publishes none.
+// Finds the SMBIOS 2.x entry point, or the 3.0 one where the firmware publishes only that;
+// EFI_NOT_FOUND when it publishes neither.
 EFI_STATUS EfiSmbiosLibInitialize(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE* SystemTable);
 // Uses a structure table directly (start-up takes it from the entry point).
-void SmbiosUseTable(const void* Table, UINT16 Length);
+void SmbiosUseTable(const void* Table, UINT32 Length);
 // All structures of a type, in table order, in a new pool array the caller frees.
 EFI_STATUS SmbiosGetStructures(UINT8 Type, const SMBIOS_STRUCTURE*** Structures, UINT16* Count);
 // The string with that 1-based number in the structure's string set, or null.

@@ -341,6 +341,42 @@ TEST_F(SmbiosTest, SystemIdentifier) {
   EXPECT_EQ(std::u16string(id), u"XXXX");
 }
 
+// The entry points as the system table's configuration table lists them: the 2.x one when there
+// is one, otherwise the 3.0 one (AArch64's virt machine publishes only that), with its 64-bit address.
+TEST_F(SmbiosTest, TheThreeZeroEntryPointWhereItIsTheOnlyOne) {
+  Smbios three;
+  three.Board("THREEBRD");
+  three.Add(127, {}, {});
+  // A 2.x entry point whose table is at address 0 (a host's heap is beyond 32 bits): taken first, it
+  // leaves no table, and the system identifier its fallback.
+  std::vector<uint8_t> entry2(0x1F, 0), entry3(0x18, 0);
+  std::memcpy(entry2.data(), "_SM_", 4);
+  std::memcpy(entry3.data(), "_SM3_", 5);
+  uint32_t size3 = uint32_t(three.table.size());
+  std::memcpy(entry3.data() + 0x0C, &size3, 4);
+  auto address3 = uint64_t(reinterpret_cast<uintptr_t>(three.table.data()));
+  std::memcpy(entry3.data() + 0x10, &address3, 8);
+  char16_t id[10];
+
+  EFI_CONFIGURATION_TABLE only3[] = {{SMBIOS3_TABLE_GUID, entry3.data()}};
+  fw.st.NumberOfTableEntries = 1;
+  fw.st.ConfigurationTable = only3;
+  ASSERT_EQ(EfiSmbiosLibInitialize(nullptr, &fw.st), EFI_SUCCESS);
+  ASSERT_EQ(GetSystemId(id, sizeof(id)), EFI_SUCCESS);
+  EXPECT_EQ(std::u16string(id), u"THRE");
+
+  EFI_CONFIGURATION_TABLE both[] = {{SMBIOS3_TABLE_GUID, entry3.data()}, {SMBIOS_TABLE_GUID, entry2.data()}};
+  fw.st.NumberOfTableEntries = 2;
+  fw.st.ConfigurationTable = both;
+  ASSERT_EQ(EfiSmbiosLibInitialize(nullptr, &fw.st), EFI_SUCCESS);
+  ASSERT_EQ(GetSystemId(id, sizeof(id)), EFI_SUCCESS);
+  EXPECT_EQ(std::u16string(id), u"XXXX");
+
+  fw.st.NumberOfTableEntries = 0;
+  EXPECT_EQ(EfiSmbiosLibInitialize(nullptr, &fw.st), EFI_NOT_FOUND);
+  fw.st.ConfigurationTable = nullptr;
+}
+
 TEST_F(SmbiosTest, PlatformFamilies) {
   struct {
     std::string family;
