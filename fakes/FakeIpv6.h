@@ -68,7 +68,13 @@ struct FakeIpv6 {
   EFI_IPv6_ADDRESS LinkLocal() const;
   EFI_IPv6_ADDRESS Slaac() const;
   bool Automatic(UINT64 after) const;
+  // The link (FakeIpv6Link.cpp): the managed network's calls for IPv6 frames, and the frames the
+  // router, the DHCPv6 server and the neighbour send.
+  void TakeOverManagedNetwork();
   void QueueAdvertisement();
+  void QueueDhcp6Reply();
+  static UINT16 Checksum(const EFI_IPv6_ADDRESS& src, const EFI_IPv6_ADDRESS& dst, UINT8 next,
+                         const UINT8* data, size_t length);
 
   static inline FakeIpv6* current = nullptr;
 };
