@@ -4,14 +4,9 @@
 
 namespace {
 
-FakeFirmware& F() {
-  return *FakeFirmware::current;
-}
-FakeIpv6& V() {
-  return *FakeIpv6::current;
-}
-
-constexpr UINT64 kReplyDelay = 20000; // 2 ms
+using fake6::F;
+using fake6::kReplyDelay;
+using fake6::V;
 
 bool Same(const EFI_IPv6_ADDRESS& a, const EFI_IPv6_ADDRESS& b) {
   return std::memcmp(a.Addr, b.Addr, 16) == 0;

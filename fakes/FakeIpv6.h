@@ -84,3 +84,15 @@ inline constexpr EFI_IPv6_ADDRESS kFakeRouter6 = {{0xFE, 0x80, 0, 0, 0, 0, 0, 0,
 inline constexpr EFI_IPv6_ADDRESS kFakePrefix6 = {{0xFD, 0x00, 0, 1}};
 inline constexpr EFI_IPv6_ADDRESS kFakeDhcp6Address = {
     {0xFD, 0x00, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0}};
+
+// What both halves of the fake use: the firmware and the IPv6 side in use, and the delay of every
+// answer on the link (2 ms).
+namespace fake6 {
+inline FakeFirmware& F() {
+  return *FakeFirmware::current;
+}
+inline FakeIpv6& V() {
+  return *FakeIpv6::current;
+}
+inline constexpr UINT64 kReplyDelay = 20000;
+} // namespace fake6

@@ -6,14 +6,9 @@
 
 namespace {
 
-FakeFirmware& F() {
-  return *FakeFirmware::current;
-}
-FakeIpv6& V() {
-  return *FakeIpv6::current;
-}
-
-constexpr UINT64 kReplyDelay = 20000; // 2 ms
+using fake6::F;
+using fake6::kReplyDelay;
+using fake6::V;
 
 // An IPv6 packet from src to dst with this payload, its checksum at checksumAt within the payload.
 std::vector<UINT8> Packet(const EFI_IPv6_ADDRESS& src, const EFI_IPv6_ADDRESS& dst, UINT8 next, UINT8 hops,
