@@ -69,6 +69,9 @@ public:
     Close();
     return gBS->CreateEvent(type, tpl, notify, context, &e_);
   }
+  // The event of a completion token whose status the owner polls: the firmware signals it, and its
+  // notification does nothing.
+  EFI_STATUS CreateForToken() { return Create(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, NotifyNothing); }
   EFI_EVENT Get() const { return e_; }
   explicit operator bool() const { return e_ != nullptr; }
   void Close() {
@@ -77,6 +80,7 @@ public:
   }
 
 private:
+  static void EFIAPI NotifyNothing(EFI_EVENT, void*) {}
   EFI_EVENT e_ = nullptr;
 };
 

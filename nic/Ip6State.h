@@ -15,6 +15,11 @@ struct Ip6State {
   EFI_IPv6_ADDRESS Router;
 };
 
+// How many of the listed addresses the state holds (the first kMaxIp6Addresses).
+inline UINTN KeptAddressCount(const Ip6State& State) {
+  return State.AddressCount < kMaxIp6Addresses ? State.AddressCount : kMaxIp6Addresses;
+}
+
 // Reads the state through the NIC's IPv6 configuration protocol. EFI_UNSUPPORTED when the NIC has
 // none; otherwise the status of reading the interface information (the policy is read when it can
 // be, and PolicyRead says whether it was).

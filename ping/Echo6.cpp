@@ -13,8 +13,6 @@ namespace {
 constexpr UINT64 kOneSecond = 10000000; // timer units of 100 ns
 constexpr UINTN kMessageBytes = 8 + kEcho6PayloadBytes;
 
-void EFIAPI IgnoreNotify(EFI_EVENT, void*) {}
-
 // One echo run's firmware objects: the child, its tokens and their events, the one-second timer.
 // Declared in the order they are made, so that they go in reverse: tokens are cancelled before the
 // child is destroyed, and the child before the events its tokens name are closed.
@@ -39,6 +37,7 @@ public:
   EFI_STATUS Exchange(UINT32 Count);
 
 private:
+  EFI_STATUS Arm(); // hands the child a receive token
   EFI_STATUS Send(UINT16 Sequence);
   EFI_STATUS TakeReceived();
 
@@ -54,9 +53,9 @@ private:
 };
 
 EFI_STATUS Echo6Session::Open(EFI_HANDLE Nic) {
-  EFI_STATUS status = rxEvent_.Create(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, IgnoreNotify);
+  EFI_STATUS status = rxEvent_.CreateForToken();
   if (!EFI_ERROR(status))
-    status = txEvent_.Create(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, IgnoreNotify);
+    status = txEvent_.CreateForToken();
   if (!EFI_ERROR(status))
     status = secondTimer_.Create(EVT_TIMER, TPL_CALLBACK);
   if (EFI_ERROR(status)) {
@@ -76,14 +75,9 @@ EFI_STATUS Echo6Session::Open(EFI_HANDLE Nic) {
     LogPrint(u"The IPv6 child could not be configured for ICMPv6 (%r)\r\n", status);
     return status;
   }
-  rxToken_.Event = rxEvent_.Get();
-  rxToken_.Status = EFI_NOT_READY;
-  status = child_->Receive(child_.Get(), &rxToken_);
-  if (EFI_ERROR(status)) {
-    LogPrint(u"The IPv6 child takes no receive token (%r)\r\n", status);
+  status = Arm();
+  if (EFI_ERROR(status))
     return status;
-  }
-  rxArmed_ = true;
   status = gBS->SetTimer(secondTimer_.Get(), TimerPeriodic, kOneSecond);
   if (EFI_ERROR(status))
     LogPrint(u"Failed to set timer.(%r)\r\n", status);
@@ -137,8 +131,13 @@ EFI_STATUS Echo6Session::TakeReceived() {
   }
   if (rx != nullptr && rx->RecycleSignal != nullptr)
     gBS->SignalEvent(rx->RecycleSignal);
-  rxToken_.Packet.RxData = nullptr;
+  return Arm();
+}
+
+EFI_STATUS Echo6Session::Arm() {
+  rxToken_.Event = rxEvent_.Get();
   rxToken_.Status = EFI_NOT_READY;
+  rxToken_.Packet.RxData = nullptr;
   EFI_STATUS status = child_->Receive(child_.Get(), &rxToken_);
   if (EFI_ERROR(status)) {
     LogPrint(u"The IPv6 child takes no receive token (%r)\r\n", status);

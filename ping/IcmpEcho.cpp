@@ -18,8 +18,6 @@ constexpr UINTN kMappingTicks = 60;        // or 60 one-second ticks
 constexpr UINTN kPollingPause = 10000;     // µs between looks while the address is awaited
 constexpr UINTN kMaxTimedRequests = 64;    // requests whose send time is kept for round trips
 
-void EFIAPI IgnoreNotify(EFI_EVENT, void*) {}
-
 UINT16 Fold(UINT32 sum) {
   sum = (sum & 0xFFFF) + (sum >> 16);
   sum = (sum & 0xFFFF) + (sum >> 16);
@@ -305,7 +303,7 @@ bool PingSession::RejoinIfLeftBehind() {
 }
 
 EFI_STATUS PingSession::Arm() {
-  EFI_STATUS status = rxEvent_.Create(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, IgnoreNotify);
+  EFI_STATUS status = rxEvent_.CreateForToken();
   if (EFI_ERROR(status))
     return status;
   rxToken_.Event = rxEvent_.Get();
@@ -326,7 +324,7 @@ EFI_STATUS PingSession::Arm() {
     LogPrint(u"Failed to set timer.(%r)\r\n", status);
     return status;
   }
-  status = txEvent_.Create(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, IgnoreNotify);
+  status = txEvent_.CreateForToken();
   if (EFI_ERROR(status))
     return status;
 

@@ -6,8 +6,6 @@
 
 namespace {
 
-void EFIAPI IgnoreNotify(EFI_EVENT, void*) {}
-
 bool SameMac(const EFI_MAC_ADDRESS& A, const EFI_MAC_ADDRESS& B) {
   for (UINTN i = 0; i < 6; ++i) {
     if (A.Addr[i] != B.Addr[i])
@@ -21,9 +19,9 @@ bool SameMac(const EFI_MAC_ADDRESS& A, const EFI_MAC_ADDRESS& B) {
 EFI_STATUS Ipv6Watch::Open(EFI_HANDLE Nic, const EFI_MAC_ADDRESS& Mac) {
   Close();
   own_ = Mac;
-  EFI_STATUS status = rxEvent_.Create(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, IgnoreNotify);
+  EFI_STATUS status = rxEvent_.CreateForToken();
   if (!EFI_ERROR(status))
-    status = txEvent_.Create(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, IgnoreNotify);
+    status = txEvent_.CreateForToken();
   if (EFI_ERROR(status))
     return status;
   status = child_.Open(Nic, gImageHandle);

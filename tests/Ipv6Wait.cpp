@@ -21,7 +21,7 @@ bool HasInterfaceId(const EFI_IPv6_ADDRESS& A, const UINT8 Id[8]) {
 }
 
 bool Listed(const Ip6State& State, const EFI_IPv6_ADDRESS& A) {
-  UINTN n = State.AddressCount < kMaxIp6Addresses ? State.AddressCount : kMaxIp6Addresses;
+  UINTN n = KeptAddressCount(State);
   for (UINTN i = 0; i < n; ++i) {
     if (SameIpv6Address(State.Addresses[i].Address, A))
       return true;
@@ -30,7 +30,7 @@ bool Listed(const Ip6State& State, const EFI_IPv6_ADDRESS& A) {
 }
 
 bool HasLinkLocal(const Ip6State& State) {
-  UINTN n = State.AddressCount < kMaxIp6Addresses ? State.AddressCount : kMaxIp6Addresses;
+  UINTN n = KeptAddressCount(State);
   for (UINTN i = 0; i < n; ++i) {
     if (IsLinkLocalIpv6(State.Addresses[i].Address))
       return true;
@@ -68,7 +68,7 @@ bool ClaimedByOther(const Ipv6Picture& P, const EFI_IPv6_ADDRESS& A, NeighborCla
 }
 
 bool HasDhcp6Address(const Ipv6Picture& P) {
-  UINTN n = P.State.AddressCount < kMaxIp6Addresses ? P.State.AddressCount : kMaxIp6Addresses;
+  UINTN n = KeptAddressCount(P.State);
   for (UINTN i = 0; i < n; ++i) {
     if (Ipv6Origin(P, P.State.Addresses[i].Address)[0] == u'D')
       return true;
@@ -141,7 +141,7 @@ void SayIpv6Picture(const Ipv6Picture& P) {
   if (P.State.PolicyRead)
     LogPrint(u"IPv6 configuration policy: %s\r\n",
              P.State.Policy == Ip6ConfigPolicyManual ? u"manual" : u"automatic");
-  UINTN n = P.State.AddressCount < kMaxIp6Addresses ? P.State.AddressCount : kMaxIp6Addresses;
+  UINTN n = KeptAddressCount(P.State);
   if (n == 0)
     LogPrint(u"The NIC has no IPv6 address in use.\r\n");
   for (UINTN i = 0; i < n; ++i) {

@@ -228,7 +228,7 @@ bool Ping6Run::Ping(EFI_HANDLE Nic, const Ipv6Picture& Picture) {
   }
   // The source: the link-local address for a link-local target, a global one otherwise when there is one.
   EFI_IPv6_ADDRESS source = {};
-  UINTN n = Picture.State.AddressCount < kMaxIp6Addresses ? Picture.State.AddressCount : kMaxIp6Addresses;
+  UINTN n = KeptAddressCount(Picture.State);
   for (UINTN i = 0; i < n; ++i) {
     const EFI_IPv6_ADDRESS& a = Picture.State.Addresses[i].Address;
     if (IsLinkLocalIpv6(a) == IsLinkLocalIpv6(target) || IsUnspecifiedIpv6(source))
