@@ -194,18 +194,6 @@ EFI_STATUS EFIAPI ConfigNotify(EFI_IP6_CONFIG_PROTOCOL*, EFI_IP6_CONFIG_DATA_TYP
   return EFI_UNSUPPORTED;
 }
 
-EFI_STATUS EFIAPI CreateIp6Child(EFI_SERVICE_BINDING_PROTOCOL* self, EFI_HANDLE* child) {
-  if (F().Fail())
-    return EFI_OUT_OF_RESOURCES;
-  auto* b = reinterpret_cast<FakeBinding*>(self);
-  static uintptr_t next = 0xA00000;
-  EFI_HANDLE h = reinterpret_cast<EFI_HANDLE>(next += 16);
-  F().AddProtocol(h, b->childGuid, b->childProtocol);
-  b->children.push_back(h);
-  *child = h;
-  return EFI_SUCCESS;
-}
-
 EFI_STATUS EFIAPI DestroyIp6Child(EFI_SERVICE_BINDING_PROTOCOL* self, EFI_HANDLE child) {
   auto* b = reinterpret_cast<FakeBinding*>(self);
   if (std::erase(b->children, child) == 0)
@@ -226,7 +214,7 @@ FakeIpv6::FakeIpv6(FakeNic& n) : nic(n) {
   ip6.ipv6 = config.ipv6 = this;
   ip6.p = {nullptr, Ip6Configure, nullptr, nullptr, nullptr, Ip6Transmit, Ip6Receive, Ip6Cancel, Ip6Poll};
   config.p = {ConfigSetData, ConfigGetData, ConfigNotify, ConfigNotify};
-  binding = {{CreateIp6Child, DestroyIp6Child}, &nic, EFI_IP6_PROTOCOL_GUID, &ip6.p, {}};
+  binding = {{FakeCreateChild, DestroyIp6Child}, &nic, EFI_IP6_PROTOCOL_GUID, &ip6.p, {}};
   nic.fw.AddProtocol(nic.handle, EFI_IP6_SERVICE_BINDING_PROTOCOL_GUID, &binding.sb);
   nic.fw.AddProtocol(nic.handle, EFI_IP6_CONFIG_PROTOCOL_GUID, &config.p);
 }

@@ -43,18 +43,6 @@ std::vector<UINT8> PciPath(UINT8 device, bool end) {
 
 EFI_STATUS EFIAPI MnpCancel(EFI_MANAGED_NETWORK_PROTOCOL* self, EFI_MANAGED_NETWORK_COMPLETION_TOKEN* token);
 
-EFI_STATUS EFIAPI CreateChild(EFI_SERVICE_BINDING_PROTOCOL* self, EFI_HANDLE* child) {
-  if (F().Fail())
-    return EFI_OUT_OF_RESOURCES;
-  auto* b = reinterpret_cast<FakeBinding*>(self);
-  static uintptr_t next = 0x900000;
-  EFI_HANDLE h = reinterpret_cast<EFI_HANDLE>(next += 16);
-  F().AddProtocol(h, b->childGuid, b->childProtocol);
-  b->children.push_back(h);
-  *child = h;
-  return EFI_SUCCESS;
-}
-
 EFI_STATUS EFIAPI DestroyChild(EFI_SERVICE_BINDING_PROTOCOL* self, EFI_HANDLE child) {
   auto* b = reinterpret_cast<FakeBinding*>(self);
   if (std::erase(b->children, child) == 0)
@@ -535,6 +523,18 @@ constinit VEX_CONSOLE_LIB_PROTOCOL gConsoleLib = {{}, Menu};
 
 } // namespace
 
+EFI_STATUS EFIAPI FakeCreateChild(EFI_SERVICE_BINDING_PROTOCOL* self, EFI_HANDLE* child) {
+  if (F().Fail())
+    return EFI_OUT_OF_RESOURCES;
+  auto* b = reinterpret_cast<FakeBinding*>(self);
+  static uintptr_t next = 0x900000;
+  EFI_HANDLE h = reinterpret_cast<EFI_HANDLE>(next += 16);
+  F().AddProtocol(h, b->childGuid, b->childProtocol);
+  b->children.push_back(h);
+  *child = h;
+  return EFI_SUCCESS;
+}
+
 FakeNic::FakeNic(FakeFirmware& f, UINT8 dev, UINT8 lastMacByte) : fw(f), device(dev) {
   handle = reinterpret_cast<EFI_HANDLE>(0x800000 + uintptr_t(dev) * 0x1000);
   pciHandle = reinterpret_cast<EFI_HANDLE>(0x800000 + uintptr_t(dev) * 0x1000 + 0x100);
@@ -581,9 +581,9 @@ FakeNic::FakeNic(FakeFirmware& f, UINT8 dev, UINT8 lastMacByte) : fw(f), device(
   pciIo.p.Pci.Read = PciIoRead;
   pciIo.p.GetLocation = PciIoLocation;
 
-  mnpBinding = {{CreateChild, DestroyChild}, this, EFI_MANAGED_NETWORK_PROTOCOL_GUID, &mnp.p, {}};
-  ip4Binding = {{CreateChild, DestroyChild}, this, EFI_IP4_PROTOCOL_GUID, &ip4.p, {}};
-  dhcpBinding = {{CreateChild, DestroyChild}, this, EFI_DHCP4_PROTOCOL_GUID, &dhcp.p, {}};
+  mnpBinding = {{FakeCreateChild, DestroyChild}, this, EFI_MANAGED_NETWORK_PROTOCOL_GUID, &mnp.p, {}};
+  ip4Binding = {{FakeCreateChild, DestroyChild}, this, EFI_IP4_PROTOCOL_GUID, &ip4.p, {}};
+  dhcpBinding = {{FakeCreateChild, DestroyChild}, this, EFI_DHCP4_PROTOCOL_GUID, &dhcp.p, {}};
 
   fw.AddProtocol(pciHandle, EFI_DEVICE_PATH_PROTOCOL_GUID, pciPath.data());
   fw.AddProtocol(pciHandle, EFI_PCI_IO_PROTOCOL_GUID, &pciIo.p);

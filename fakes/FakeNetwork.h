@@ -33,6 +33,10 @@ struct FakeBinding {
   std::vector<EFI_HANDLE> children;
 };
 
+// A binding's CreateChild: a new handle carrying the binding's protocol instance, recorded among its
+// children (each binding destroys its children in a way of its own).
+EFI_STATUS EFIAPI FakeCreateChild(EFI_SERVICE_BINDING_PROTOCOL* self, EFI_HANDLE* child);
+
 struct FakeNic {
   FakeNic(FakeFirmware& fw, UINT8 device, UINT8 lastMacByte);
   ~FakeNic();
