@@ -50,58 +50,40 @@ print(f"BENCH vm_scripted_run {run.elapsed:.1f} s")
 
 
 
-def pingtest_against_the_shell(firmware, suffix):
-    shell = ["echo BENCH-SHELL-START", "ifconfig -s eth0 dhcp",
-             "for %i run (1 40)", "  ping -n 1 10.0.2.2", "  stall 250000", "endfor", "echo BENCH-SHELL-END"]
-    static = wcvm.Nic.parse("virtio:policy=static")
-    run = wcvm.run_vm(wcvm.VmConfig(calls=["-test=pingtest -index=2"], nics=[static, static], shell_before=shell,
-                                    timeout=400, firmware=firmware))
+def test_against_the_shell(firmware, suffix, test, call, nic, shell, reply, shell_name):
+    """One boot with two NICs: the shell's lines on NIC 1 until the first line with `reply`, then the
+    call on NIC 2; the wall time of each and their ratio."""
+    shell = ["echo BENCH-SHELL-START"] + shell + ["echo BENCH-SHELL-END"]
+    nics = [wcvm.Nic.parse(nic), wcvm.Nic.parse(nic)]
+    run = wcvm.run_vm(wcvm.VmConfig(calls=[call], nics=nics, shell_before=shell, timeout=400, firmware=firmware))
     times = run.line_times
-    call = first(times, lambda l: l.startswith("CALL options='-test=pingtest"))
-    result = first(times, lambda l: l.startswith("RESULT "), call)
+    start = first(times, lambda l: l.startswith(f"CALL options='-test={test}"))
+    result = first(times, lambda l: l.startswith("RESULT "), start)
     if "RESULT result=Passed" not in run.output:
-        raise SystemExit(f"vm_bench: pingtest did not pass{suffix}")
+        raise SystemExit(f"vm_bench: {test} did not pass{suffix}")
     shell_start = first(times, lambda l: l == "BENCH-SHELL-START")
-    reply = first(times, lambda l: "bytes from 10.0.2.2" in l, shell_start)
-    module = result - call
-    shell_wall = reply - shell_start
-    print(f"BENCH pingtest_wall{suffix} {module:.2f} s")
-    print(f"BENCH shell_dhcp_ping_wall{suffix} {shell_wall:.2f} s")
-    print(f"BENCH pingtest_to_shell_ratio{suffix} {module / shell_wall:.2f} x")
+    shell_wall = first(times, lambda l: reply in l, shell_start) - shell_start
+    module = result - start
+    print(f"BENCH {test}_wall{suffix} {module:.2f} s")
+    print(f"BENCH {shell_name}_wall{suffix} {shell_wall:.2f} s")
+    print(f"BENCH {test}_to_shell_ratio{suffix} {module / shell_wall:.2f} x")
 
 
 # On every firmware generation: the default one's names carry no suffix.
 for name in wcvm.firmware.GENERATIONS:
-    pingtest_against_the_shell(wcvm.firmware.resolve(name),
-                               "" if name == wcvm.firmware.DEFAULT_GENERATION else f"_{name}")
-
-def ping6test_against_the_shell(firmware, suffix):
-    """ping6test on NIC 2 against the shell's own IPv6 on NIC 1, in one boot: "ifconfig6 -s eth0 auto"
-    and "ping6 -n 1" to QEMU's router until the first reply, then the test with one request."""
-    if firmware.name in wcvm.firmware.WITHOUT_IPV6:
+    firmware = wcvm.firmware.resolve(name)
+    suffix = "" if name == wcvm.firmware.DEFAULT_GENERATION else f"_{name}"
+    # Two NICs without an address yet, each on its own user network.
+    test_against_the_shell(firmware, suffix, "pingtest", "-test=pingtest -index=2", "virtio:policy=static",
+                           ["ifconfig -s eth0 dhcp", "for %i run (1 40)", "  ping -n 1 10.0.2.2",
+                            "  stall 250000", "endfor"], "bytes from 10.0.2.2", "shell_dhcp_ping")
+    if name in wcvm.firmware.WITHOUT_IPV6:
         print(f"BENCH ping6test_to_shell_ratio{suffix} n/a (built without IPv6: no ifconfig6, no ping6)")
-        return
-    shell = ["echo BENCH-SHELL6-START", "ifconfig6 -s eth0 auto",
-             "for %i run (1 40)", "  ping6 -n 1 fec0::2", "  stall 250000", "endfor", "echo BENCH-SHELL6-END"]
-    run = wcvm.run_vm(wcvm.VmConfig(calls=["-test=ping6test -index=2 -testrepeats=1"],
-                                    nics=[wcvm.Nic.parse("virtio"), wcvm.Nic.parse("virtio")], shell_before=shell,
-                                    timeout=400, firmware=firmware))
-    times = run.line_times
-    call = first(times, lambda l: l.startswith("CALL options='-test=ping6test"))
-    result = first(times, lambda l: l.startswith("RESULT "), call)
-    if "RESULT result=Passed" not in run.output:
-        raise SystemExit(f"vm_bench: ping6test did not pass{suffix}")
-    shell_start = first(times, lambda l: l == "BENCH-SHELL6-START")
-    reply = first(times, lambda l: "bytes from fec0::2" in l, shell_start)
-    module, shell_wall = result - call, reply - shell_start
-    print(f"BENCH ping6test_wall{suffix} {module:.2f} s")
-    print(f"BENCH shell_ifconfig6_ping6_wall{suffix} {shell_wall:.2f} s")
-    print(f"BENCH ping6test_to_shell_ratio{suffix} {module / shell_wall:.2f} x")
-
-
-for name in wcvm.firmware.GENERATIONS:
-    ping6test_against_the_shell(wcvm.firmware.resolve(name),
-                                "" if name == wcvm.firmware.DEFAULT_GENERATION else f"_{name}")
+        continue
+    # The shell's own IPv6 against ping6test with one request, to QEMU's router.
+    test_against_the_shell(firmware, suffix, "ping6test", "-test=ping6test -index=2 -testrepeats=1", "virtio",
+                           ["ifconfig6 -s eth0 auto", "for %i run (1 40)", "  ping6 -n 1 fec0::2",
+                            "  stall 250000", "endfor"], "bytes from fec0::2", "shell_ifconfig6_ping6")
 
 shell = ["echo BENCH-PING3-START", "ping -n 3 10.0.2.2", "echo BENCH-PING3-END"]
 run = wcvm.run_vm(wcvm.VmConfig(calls=["-test=interactivenetworktest"],
