@@ -8,6 +8,7 @@ import tempfile
 
 from .config import (MANAGER_LINES, NIC_MODELS, NIC_OPTIONS, RESULT_LINE, HarnessError, Nic, VmConfig, parse_files,
                      parse_var)
+from .arch import ARCHES, DEFAULT_ARCH
 from .disk import build_image
 from .firmware import DEFAULT_GENERATION, DEFAULT_IPXE, GENERATIONS, IPXE
 from .firmware import resolve as resolve_firmware
@@ -31,7 +32,8 @@ def image_main(argv):
         for word in vm_args:
             if word.startswith("--") and word.split("=")[0] not in known:
                 raise ValueError(f"{word} does not apply to a boot image "
-                                 f"(only --script, --file, --call, --sign, --cert, --upload, --menu and --lang do)")
+                                 f"(only --script, --file, --call, --sign, --cert, --upload, --menu, --lang and "
+                                 f"--arch do)")
         args = parser.parse_args(vm_args)
         calls = [check_paths(c) for c in args.call + calls]
         if args.menu and calls:
@@ -51,7 +53,7 @@ def image_main(argv):
             raise ValueError(f"--lang {args.lang}: a three-letter language code of the message file "
                              f"(eng, fra, deu, esp)")
         build_image(path, calls, script, files, sign=(args.sign, args.cert) if args.sign else None,
-                    upload=args.upload, language=args.lang)
+                    upload=args.upload, language=args.lang, arch=args.arch)
     except (ValueError, OSError, HarnessError) as e:
         print(f"wirecheck image: {e}", file=sys.stderr)
         return 2
@@ -97,6 +99,10 @@ def run_parser():
                         help=f"the firmware: Debian's OVMF {', '.join(GENERATIONS)} (default {DEFAULT_GENERATION}; "
                              "the others are fetched from Debian's archive once, into build/firmware), or your own "
                              "build's code and variable images (one combined image without VARS)")
+    parser.add_argument("--arch", choices=tuple(ARCHES), default=DEFAULT_ARCH,
+                        help="the processor: x86_64 boots OVMF in qemu-system-x86_64 (q35), aarch64 boots AAVMF in "
+                             "qemu-system-aarch64 (virt, Cortex-A57), both under TCG; --firmware then names that "
+                             "processor's firmware")
     parser.add_argument("--ipxe", default=DEFAULT_IPXE, metavar="2019|2025|DIR",
                         help=f"the iPXE option ROMs of the NICs iPXE serves: Debian's build of {' or '.join(IPXE)} "
                              f"(default {DEFAULT_IPXE}), or a folder of efi-*.rom files")
@@ -154,6 +160,7 @@ def image_parser():
     parser.add_argument("--upload", metavar="URL")  # where the results go with HTTP PUT
     parser.add_argument("--menu", action="store_true")  # no calls: the technician's menu
     parser.add_argument("--lang", metavar="LANG")  # the language of prompts and the menu (lang.txt)
+    parser.add_argument("--arch", choices=tuple(ARCHES), default=DEFAULT_ARCH)  # the processor it boots on
     return parser
 
 
@@ -227,7 +234,7 @@ def secure_boot_image(cfg, args, work):
             raise ValueError(f"{name} does not apply with --secure-boot (the manager starts from the boot image, "
                              f"without a command line or the shell)")
     image = os.path.join(work, "stick.img")
-    build_image(image, cfg.calls, cfg.script, cfg.files, sign=test_signing_key(work))
+    build_image(image, cfg.calls, cfg.script, cfg.files, sign=test_signing_key(work), arch=cfg.firmware.arch)
     cfg.image, cfg.secure_boot, cfg.files = image, True, []
 
 
@@ -246,7 +253,7 @@ def main(argv):
                        timeout=args.timeout or (3600 if args.menu else 240), language=args.lang, ui=args.ui,
                        menu=args.menu)
         cfg.nics = [Nic.parse(n) for n in args.nic] or None
-        cfg.firmware = resolve_firmware(args.firmware, args.ipxe, not args.no_rng)
+        cfg.firmware = resolve_firmware(args.firmware, args.ipxe, not args.no_rng, args.arch)
         cfg.smbios = args.smbios
         cfg.variables = [parse_var(v) for v in args.var]
         cfg.files = parse_files(args.file)

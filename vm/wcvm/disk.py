@@ -5,7 +5,8 @@ import shutil
 import subprocess
 import tempfile
 
-from .config import EFI_DIR, ROOT, HarnessError
+from .arch import ARCHES, DEFAULT_ARCH
+from .config import ROOT, HarnessError
 from .qemu import check_tools
 
 def _startup_script(cfg):
@@ -55,7 +56,7 @@ def build_disk(cfg, work):
     content = os.path.join(work, "content")
     os.makedirs(content)
     for image in ("Wirecheck.efi", "VexRun.efi"):
-        shutil.copy(os.path.join(EFI_DIR, image), content)
+        shutil.copy(os.path.join(ARCHES[cfg.firmware.arch].efi_dir, image), content)
     for extra in ("Wirecheck.msg.xml",):
         path = os.path.join(ROOT, "support", extra)
         if os.path.exists(path):
@@ -136,22 +137,23 @@ def sign_binaries(paths, key, cert):
                                    f"{said[-1] if said else f'exit status {done.returncode}'}")
 
 
-def build_image(path, calls, script="", files=(), sign=None, upload=None, language=None):
+def build_image(path, calls, script="", files=(), sign=None, upload=None, language=None, arch=DEFAULT_ARCH):
     """A disk image for a USB stick or a network boot: an MBR with one EFI system partition (FAT),
-    the manager as \\EFI\\BOOT\\BOOTX64.EFI with the module, its messages and the calls beside
-    it. sign: (key, certificate) to sign both binaries with, for machines with Secure Boot on.
+    the manager as the processor's removable-media boot file (\\EFI\\BOOT\\BOOTX64.EFI,
+    BOOTAA64.EFI) with the module, its messages and the calls beside it. sign: (key, certificate) to sign both binaries with, for machines with Secure Boot on.
     upload: the URL the manager sends the results to after every call (upload.txt). language: the
     message file's language for prompts and the menu (lang.txt)."""
-    check_tools()
+    check_tools(arch)
+    efi_dir, boot_file = ARCHES[arch].efi_dir, ARCHES[arch].boot_file
     work = tempfile.mkdtemp(prefix="wirecheck-image-")
     try:
         content = os.path.join(work, "content")
         os.makedirs(content)
-        shutil.copy(os.path.join(EFI_DIR, "VexRun.efi"), os.path.join(content, "BOOTX64.EFI"))
-        shutil.copy(os.path.join(EFI_DIR, "Wirecheck.efi"), content)
+        shutil.copy(os.path.join(efi_dir, "VexRun.efi"), os.path.join(content, boot_file))
+        shutil.copy(os.path.join(efi_dir, "Wirecheck.efi"), content)
         shutil.copy(os.path.join(ROOT, "support", "Wirecheck.msg.xml"), content)
         if sign:
-            sign_binaries([os.path.join(content, "BOOTX64.EFI"), os.path.join(content, "Wirecheck.efi")], *sign)
+            sign_binaries([os.path.join(content, boot_file), os.path.join(content, "Wirecheck.efi")], *sign)
         if calls:  # without calls.txt VexRun opens its menu
             with open(os.path.join(content, "calls.txt"), "w", newline="") as f:
                 f.write("".join(c + "\r\n" for c in calls))

@@ -1,5 +1,6 @@
-"""The firmware a VM boots: one of Debian's three OVMF generations by name, or a firmware engineer's own
-build (CODE.fd[,VARS.fd]), and the iPXE option ROMs of the emulated NICs by year or folder.
+"""The firmware a VM boots: one of Debian's three EDK2 generations by name (OVMF on x86-64, AAVMF on
+AArch64), or a firmware engineer's own build (CODE.fd[,VARS.fd]), and the iPXE option ROMs of the
+emulated NICs by year or folder.
 
 The generation the machine has installed (Debian 12's) needs nothing more. The others come from
 Debian's archive as the same packages of other suites: apt-get download with an apt state of our own
@@ -14,6 +15,7 @@ import struct
 import subprocess
 from dataclasses import dataclass
 
+from .arch import AARCH64, ARCHES, DEFAULT_ARCH, X86_64
 from .config import ROOT, TEST_CERT, TEST_KEY, TEST_KEY_PASSPHRASE, HarnessError
 
 CACHE = os.path.join(ROOT, "build", "firmware")
@@ -38,6 +40,21 @@ GENERATIONS = {
                                "usr/share/OVMF/OVMF_CODE_4M.snakeoil.fd", "usr/share/OVMF/OVMF_VARS_4M.snakeoil.fd"),
 }
 DEFAULT_GENERATION = "edk2-2022.11"
+
+# The same releases of EDK2 built for QEMU's AArch64 virt machine (package qemu-efi-aarch64). Its
+# code has Secure Boot built in; the Secure Boot variables have Debian's test key enrolled.
+AARCH64_GENERATIONS = {
+    "edk2-2020.11": Generation("bullseye", "usr/share/AAVMF/AAVMF_CODE.fd", "usr/share/AAVMF/AAVMF_VARS.fd"),
+    "edk2-2022.11": Generation("", "/usr/share/AAVMF/AAVMF_CODE.fd", "/usr/share/AAVMF/AAVMF_VARS.fd",
+                               "/usr/share/AAVMF/AAVMF_CODE.fd", "/usr/share/AAVMF/AAVMF_VARS.snakeoil.fd"),
+    "edk2-2025.02": Generation("trixie", "usr/share/AAVMF/AAVMF_CODE.no-secboot.fd", "usr/share/AAVMF/AAVMF_VARS.fd",
+                               "usr/share/AAVMF/AAVMF_CODE.secboot.fd", "usr/share/AAVMF/AAVMF_VARS.snakeoil.fd"),
+}
+
+
+def generations(arch=DEFAULT_ARCH):
+    """The named generations of a processor's firmware."""
+    return AARCH64_GENERATIONS if arch == AARCH64.name else GENERATIONS
 
 # Generations built without IPv6, with the evidence: EDK2's OVMF leaves NETWORK_IP6_ENABLE off unless
 # the build turns it on, and Debian's 2020.11 build does not. ping6test ends 0x80160801 there ("No NIC
@@ -69,21 +86,31 @@ class Firmware:
     ipxe: str = ""  # folder of the efi-*.rom files; "" QEMU's own choice (the installed ROMs)
     ipxe_name: str = DEFAULT_IPXE
     rng: bool = True  # a random-number generator for the firmware (virtio-rng), as real machines have
+    arch: str = DEFAULT_ARCH  # the processor it runs on (arch.ARCHES)
 
 
-def check_volume(path, what):
+def check_volume(path, what, arch=DEFAULT_ARCH, blank_store=False):
     """A file that is missing, unreadable, not a firmware volume or cut short: one clear line, not QEMU's
     error. The volumes of a firmware image follow one another, each header giving its length (byte 32):
-    a volume that runs past the end of the file is a truncated copy."""
+    a volume that runs past the end of the file is a truncated copy. The AArch64 code begins with the
+    reset vector's page before its first volume. blank_store: a variable store may be all zeros, which
+    AAVMF formats at its first boot (Debian ships it so)."""
     try:
         with open(path, "rb") as f:
             data = f.read()
     except OSError as e:
         raise HarnessError(f"{what} {path}: {e.strerror.lower() if e.strerror else e}")
-    if data[FV_SIGNATURE_OFFSET:FV_SIGNATURE_OFFSET + len(FV_SIGNATURE)] != FV_SIGNATURE:
-        raise HarnessError(f"{what} {path} is not a UEFI firmware volume (no _FVH signature at byte 40)")
-    offset = 0
-    while data[offset + FV_SIGNATURE_OFFSET:offset + FV_SIGNATURE_OFFSET + len(FV_SIGNATURE)] == FV_SIGNATURE:
+    if blank_store and data and data.count(0) == len(data):
+        return path
+
+    def volume_at(offset):
+        return data[offset + FV_SIGNATURE_OFFSET:offset + FV_SIGNATURE_OFFSET + len(FV_SIGNATURE)] == FV_SIGNATURE
+
+    offset = next((o for o in (0, ARCHES[arch].first_volume) if volume_at(o)), None)
+    if offset is None:
+        raise HarnessError(f"{what} {path} is not a UEFI firmware volume (no _FVH signature at byte "
+                           f"{' or '.join(str(o + FV_SIGNATURE_OFFSET) for o in sorted({0, ARCHES[arch].first_volume}))})")
+    while volume_at(offset):
         (length,) = struct.unpack_from("<Q", data, offset + FV_LENGTH_OFFSET)
         if length < FV_SIGNATURE_OFFSET or offset + length > len(data):
             raise HarnessError(f"{what} {path} is cut short: its firmware volume at byte {offset} is {length} "
@@ -129,7 +156,8 @@ def fetch_package(package, suite):
     sources = os.path.join(apt, "sources.list")
     uri = archive_uri()
     with open(sources, "w") as f:
-        for other in sorted({g.suite for g in GENERATIONS.values() if g.suite} | {s for s, _ in IPXE.values() if s}):
+        suites = {g.suite for table in (GENERATIONS, AARCH64_GENERATIONS) for g in table.values() if g.suite}
+        for other in sorted(suites | {s for s, _ in IPXE.values() if s}):
             f.write(f"deb [signed-by={KEYRING}] {uri} {other} main\n")
     options = ["-o", f"Dir::Etc::SourceList={sources}", "-o", "Dir::Etc::SourceParts=/dev/null",
                "-o", f"Dir::State::Lists={apt}/lists", "-o", f"Dir::Cache={apt}", "-o", "Dir::State::status=/dev/null",
@@ -178,32 +206,59 @@ def ipxe_folder(name):
     return os.path.abspath(name)
 
 
-def resolve(firmware=DEFAULT_GENERATION, ipxe=DEFAULT_IPXE, rng=True):
-    """--firmware NAME or CODE.fd[,VARS.fd], --ipxe, --no-rng as the files a VM boots with."""
-    ipxe_dir = ipxe_folder(ipxe or DEFAULT_IPXE)
+def flash_image(path, arch):
+    """A custom flash image as QEMU's machine for this processor takes it: the virt machine wants each
+    flash device exactly 64 MiB, while EDK2's build writes the volumes alone. A shorter file is padded
+    with zeros, as Debian pads AAVMF's images, into a copy under build/firmware; the user's file is
+    left as it is."""
+    size = ARCHES[arch].flash_size
+    length = os.path.getsize(path)
+    if not size or length == size:
+        return os.path.abspath(path)
+    if length > size:
+        raise HarnessError(f"{path} has {length} bytes: more than the {size} of a flash device of QEMU's "
+                           f"{arch} machine")
+    os.makedirs(os.path.join(CACHE, "padded"), exist_ok=True)
+    padded = os.path.join(CACHE, "padded", f"{arch}-{os.path.basename(path)}")
+    with open(path, "rb") as src, open(padded + ".partial", "wb") as out:
+        shutil.copyfileobj(src, out)
+        out.truncate(size)
+    os.rename(padded + ".partial", padded)
+    return padded
+
+
+def resolve(firmware=DEFAULT_GENERATION, ipxe=DEFAULT_IPXE, rng=True, arch=DEFAULT_ARCH):
+    """--firmware NAME or CODE.fd[,VARS.fd], --ipxe, --no-rng and --arch as the files a VM boots with."""
+    if arch not in ARCHES:
+        raise HarnessError(f"--arch {arch}: one of {', '.join(ARCHES)}")
+    # The AArch64 firmware starts no option ROM (they hold x86-64 code), so no iPXE is fetched for it.
+    ipxe_dir = ipxe_folder(ipxe or DEFAULT_IPXE) if arch == X86_64.name else ""
     firmware = firmware or DEFAULT_GENERATION
-    if firmware in GENERATIONS:
-        g = GENERATIONS[firmware]
-        base = fetch_package("ovmf", g.suite) if g.suite else "/"
+    table = generations(arch)
+    package = ARCHES[arch].firmware_package
+    if firmware in table:
+        g = table[firmware]
+        base = fetch_package(package, g.suite) if g.suite else "/"
         paths = [os.path.join(base, p) if p else "" for p in (g.code, g.vars, g.secure_code, g.secure_vars)]
         if not g.suite:
             for p in paths:
                 if p and not os.path.exists(p):
-                    raise HarnessError(f"{p} is missing (package ovmf)")
+                    raise HarnessError(f"{p} is missing (package {package})")
         code, vars_, secure_code, secure_vars = paths
-        check_volume(code, f"{firmware}'s code")
-        check_volume(vars_, f"{firmware}'s variables")
-        return Firmware(firmware, code, vars_, secure_code, secure_vars, ipxe_dir, ipxe or DEFAULT_IPXE, rng)
+        check_volume(code, f"{firmware}'s code", arch)
+        check_volume(vars_, f"{firmware}'s variables", arch, blank_store=True)
+        return Firmware(firmware, code, vars_, secure_code, secure_vars, ipxe_dir, ipxe or DEFAULT_IPXE, rng, arch)
     if firmware.startswith("edk2-") or not (firmware.endswith(".fd") or "," in firmware or os.sep in firmware):
-        raise HarnessError(f"--firmware {firmware}: not one of {', '.join(GENERATIONS)}, nor CODE.fd[,VARS.fd]")
+        raise HarnessError(f"--firmware {firmware}: not one of {', '.join(table)}, nor CODE.fd[,VARS.fd]")
     code, _, vars_ = firmware.partition(",")
-    check_volume(code, "--firmware code")
+    check_volume(code, "--firmware code", arch)
     if vars_:
-        check_volume(vars_, "--firmware variables")
-    # Without a variable store of its own the file is one combined image (OVMF.fd), booted as the
-    # machine's BIOS with its variables in memory.
+        check_volume(vars_, "--firmware variables", arch, blank_store=True)
+        code, vars_ = flash_image(code, arch), flash_image(vars_, arch)
+    # Without a variable store of its own the file is one combined image (OVMF.fd, QEMU_EFI.fd),
+    # booted as the machine's BIOS with its variables in memory.
     return Firmware("custom", os.path.abspath(code), os.path.abspath(vars_) if vars_ else "", ipxe=ipxe_dir,
-                    ipxe_name=ipxe or DEFAULT_IPXE, rng=rng)
+                    ipxe_name=ipxe or DEFAULT_IPXE, rng=rng, arch=arch)
 
 
 def default():
@@ -214,7 +269,7 @@ def secure_build(firmware):
     """The Secure Boot build of a firmware, Debian's test key enrolled: (code, variables). Raises
     HarnessError naming what the firmware lacks; every Secure Boot run asks here."""
     if not firmware.secure_code:
-        with_one = ", ".join(n for n, g in GENERATIONS.items() if g.secure_code)
+        with_one = ", ".join(n for n, g in generations(firmware.arch).items() if g.secure_code)
         raise HarnessError(f"{firmware.name} has no Secure Boot build with Debian's test key enrolled "
                            f"(Debian's package of that generation ships none; {with_one} have one)")
     return firmware.secure_code, firmware.secure_vars
@@ -232,10 +287,10 @@ def test_signing_key(folder):
 
 
 def take_options(argv, several=False):
-    """--firmware NAME|CODE[,VARS], --ipxe Y|DIR and --no-rng among a table command's arguments (or
+    """--firmware NAME|CODE[,VARS], --ipxe Y|DIR, --arch x86_64|aarch64 and --no-rng among a table command's arguments (or
     NAME=VALUE forms): the firmware they name and the other arguments. With several, "--firmware all"
     names every generation and a list comes back. Raises HarnessError."""
-    values = {"--firmware": DEFAULT_GENERATION, "--ipxe": DEFAULT_IPXE}
+    values = {"--firmware": DEFAULT_GENERATION, "--ipxe": DEFAULT_IPXE, "--arch": DEFAULT_ARCH}
     rng, rest, words = True, [], iter(argv)
     for word in words:
         name, eq, value = word.partition("=")
@@ -247,7 +302,8 @@ def take_options(argv, several=False):
             rng = False
         else:
             rest.append(word)
+    arch = values["--arch"]
     if not several:
-        return resolve(values["--firmware"], values["--ipxe"], rng), rest
-    names = list(GENERATIONS) if values["--firmware"] == "all" else [values["--firmware"]]
-    return [resolve(name, values["--ipxe"], rng) for name in names], rest
+        return resolve(values["--firmware"], values["--ipxe"], rng, arch), rest
+    names = list(generations(arch)) if values["--firmware"] == "all" else [values["--firmware"]]
+    return [resolve(name, values["--ipxe"], rng, arch) for name in names], rest

@@ -17,6 +17,7 @@ import time
 import uuid
 
 from .config import ROOT, HarnessError
+from .arch import NO_PXE
 from .disk import build_image, check_tools
 from .firmware import WITHOUT_IPV6, secure_build
 from .firmware import take_options as take_firmware_options
@@ -61,9 +62,7 @@ class Boot:
 
 def qemu_words(firmware, secure, machine, tap, vars_copy, serial, cacerts=None):
     words = machine_words(firmware, secure, vars_copy, f"file:{serial}")
-    words += [  # Straight to HTTP boot: PXE over IPv4 and IPv6 would take two minutes first.
-              "-fw_cfg", "name=opt/org.tianocore/IPv4PXESupport,string=n",
-              "-fw_cfg", "name=opt/org.tianocore/IPv6PXESupport,string=n",
+    words += list(NO_PXE) + [  # straight to HTTP boot: PXE would take two minutes first
               "-netdev", f"tap,id=n0,ifname={tap},script=no,downscript=no",
               # OVMF's own virtio driver (romfile= keeps iPXE's ROM out of the boot).
               "-device", f"virtio-net-pci,netdev=n0,mac={machine.mac},romfile=",
@@ -150,7 +149,7 @@ class Fleet:
         self.processes = []
 
     def __enter__(self):
-        check_tools()
+        check_tools(self.firmware.arch)
         for tool in ("ip", "dnsmasq", "nginx"):
             if shutil.which(tool) is None and not os.path.exists(f"/usr/sbin/{tool}"):
                 raise HarnessError(f"{tool} is missing (./wirecheck fleet installs iproute2, dnsmasq-base and "
@@ -161,7 +160,8 @@ class Fleet:
             _, crt, key, self.cacerts = make_certificates(self.work)
             self.tls = (crt, key)
         build_image(os.path.join(self.www, "stick.img"), self.calls, script=self.script, sign=self.sign,
-                    upload=UPLOAD_URL_TLS if self.https else UPLOAD_URL6 if self.ipv6 else UPLOAD_URL)
+                    upload=UPLOAD_URL_TLS if self.https else UPLOAD_URL6 if self.ipv6 else UPLOAD_URL,
+                    arch=self.firmware.arch)
         for name, make in self.images.items():
             make(os.path.join(self.www, name))
         for name in left_behind():

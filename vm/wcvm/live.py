@@ -77,9 +77,9 @@ def clean_serial(raw):
 def run_vm(cfg):
     """Boots the VM once, runs every call of cfg, and returns what came back."""
     last_dir = cfg.last_dir or LAST_DIR
-    check_tools()
     if cfg.firmware is None:
         cfg.firmware = firmware_default()
+    check_tools(cfg.firmware.arch)
     if cfg.secure_boot:
         secure_build(cfg.firmware)
     if cfg.nics is None:

@@ -3,16 +3,20 @@ hub, and the monitor socket."""
 import os
 import shutil
 
-from .config import EFI_DIR, NIC_MODELS, HarnessError
+from .arch import ARCHES, DEFAULT_ARCH
+from .config import NIC_MODELS, HarnessError
 from .firmware import secure_build
 
-def check_tools():
-    for tool in ("qemu-system-x86_64", "mformat", "mcopy"):
+
+def check_tools(arch=DEFAULT_ARCH):
+    """The emulator of the processor, mtools and the images built for it; HarnessError names what is missing."""
+    a = ARCHES[arch]
+    for tool in (a.emulator, "mformat", "mcopy"):
         if shutil.which(tool) is None:
             raise HarnessError(f"{tool} is missing (./wirecheck installs it)")
     for image in ("Wirecheck.efi", "VexRun.efi"):
-        if not os.path.exists(os.path.join(EFI_DIR, image)):
-            raise HarnessError(f"{image} is not built (./wirecheck build)")
+        if not os.path.exists(os.path.join(a.efi_dir, image)):
+            raise HarnessError(f"{a.efi_dir}/{image} is not built (./wirecheck build)")
 
 
 def iPXE_rom(model, firmware):
@@ -30,11 +34,13 @@ def machine_words(firmware, secure, vars_copy, serial="stdio"):
     """The start of every VM's command line (run, matrix, faults and the fleet's machines): the
     machine, one emulated processor, the firmware's flash (or a combined image as its BIOS) and the
     serial console."""
-    # The Secure Boot build keeps its variables behind SMM: the flash is writable only from there.
-    machine = ["-machine", "q35,smm=on", "-global", "driver=cfi.pflash01,property=secure,value=on"] \
-        if secure else ["-machine", "q35"]
+    arch = ARCHES[firmware.arch]
+    machine = list(arch.machine)
+    if secure and arch.name == "x86_64":
+        # OVMF's Secure Boot build keeps its variables behind SMM: the flash is writable only from there.
+        machine = ["-machine", "q35,smm=on", "-global", "driver=cfi.pflash01,property=secure,value=on"]
     code = secure_build(firmware)[0] if secure else firmware.code
-    words = ["qemu-system-x86_64"] + machine + ["-accel", "tcg", "-m", "512", "-smp", "1", "-nodefaults",
+    words = [arch.emulator] + machine + ["-accel", "tcg", "-m", "512", "-smp", "1", "-nodefaults",
                                                 "-no-reboot", "-display", "none", "-serial", serial,
                                                 "-monitor", "none"]
     if vars_copy:
@@ -53,7 +59,7 @@ def rng_words(firmware):
 
 def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None, peer_monitors=None):
     firmware = cfg.firmware
-    cmd = machine_words(firmware, cfg.secure_boot, vars_copy)
+    cmd = machine_words(firmware, cfg.secure_boot, vars_copy) + list(ARCHES[firmware.arch].quiet_boot)
     cmd += ["-drive", f"if=none,id=d0,format=raw,file={disk}" + (",readonly=on" if cfg.write_protected else "")]
     if cfg.usb_stick:
         # As a technician's stick meets a real machine: a USB mass-storage device on an XHCI controller.
