@@ -18,6 +18,7 @@ class Arch:
     emulator_package: str
     flash_size: int  # the size QEMU wants of each flash image (0: the file's own)
     first_volume: int  # where the code's first firmware volume starts (after a reset vector's page)
+    fault_nic: str  # the NIC model the fault table puts on each scripted peer
     # Words every boot from the disk gets: AAVMF tries PXE on every NIC before it reaches the shell,
     # where OVMF boots the disk first.
     quiet_boot: tuple = ()
@@ -29,11 +30,11 @@ NO_PXE = ("-fw_cfg", "name=opt/org.tianocore/IPv4PXESupport,string=n",
           "-fw_cfg", "name=opt/org.tianocore/IPv6PXESupport,string=n")
 
 X86_64 = Arch("x86_64", EFI_DIR, "qemu-system-x86_64", ("-machine", "q35"), "BOOTX64.EFI",
-              "ovmf", "qemu-system-x86", 0, 0)
+              "ovmf", "qemu-system-x86", 0, 0, "e1000")
 
 AARCH64 = Arch("aarch64", os.path.join(ROOT, "build", "efi-aarch64"), "qemu-system-aarch64",
                ("-machine", "virt", "-cpu", "cortex-a57"), "BOOTAA64.EFI", "qemu-efi-aarch64", "qemu-system-arm",
-               64 * 1024 * 1024, 4096, NO_PXE)
+               64 * 1024 * 1024, 4096, "virtio", NO_PXE)
 
 ARCHES = {a.name: a for a in (X86_64, AARCH64)}
 DEFAULT_ARCH = X86_64.name

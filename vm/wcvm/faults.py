@@ -9,6 +9,7 @@ import sys
 import time
 from concurrent.futures import ThreadPoolExecutor
 
+from .arch import ARCHES, DEFAULT_ARCH
 from .config import ROOT, HarnessError, Nic, VmConfig, chosen
 from .firmware import WITHOUT_IPV6
 from .firmware import take_options as take_firmware_options
@@ -155,7 +156,8 @@ def run_group(faults, work, dump="", firmware=None, calls_of=None):
             planned.append((fault, options, words))
     # The interactive test asks the operator at its failure prompts; "ok" lets it end.
     script = "".join(m + "\n" for m in menus) + "prompt ok\n" * (4 * len(planned))
-    nics = [Nic(model="e1000", peer=fault, dump=dump if len(faults) == 1 else "") for fault in faults]
+    model = ARCHES[firmware.arch if firmware else DEFAULT_ARCH].fault_nic
+    nics = [Nic(model=model, peer=fault, dump=dump if len(faults) == 1 else "") for fault in faults]
     run = run_vm(VmConfig(calls=[w for *_, w in planned], nics=nics, script=script,
                           last_dir=os.path.join(work, "+".join(faults)), timeout=120 + sum(cost(f) for f in faults) * 2,
                           silence=SILENCE, firmware=firmware))
@@ -182,6 +184,11 @@ def run_fault(fault, work, dump="", firmware=None, calls=None):
     return run_group([fault], work, dump, firmware, {fault: calls} if calls else None)
 
 
+def arch_folder(firmware):
+    """The folder of a processor's boots under build/faults: none for x86-64."""
+    return [] if firmware.arch == DEFAULT_ARCH else [firmware.arch]
+
+
 def main(argv):
     try:
         junit, argv = take_junit(argv)
@@ -199,8 +206,9 @@ def main(argv):
     boots = [(fw, g) for fw in firmwares for g in groups(faults, BOOTS)]
     rows, broken = [], []
     with ThreadPoolExecutor(max_workers=2) as pool:
-        futures = [pool.submit(run_group, g, os.path.join(ROOT, "build", "faults", *([fw.name] if several else [])),
-                               "", fw) for fw, g in boots]
+        futures = [pool.submit(run_group, g, os.path.join(ROOT, "build", "faults", *arch_folder(fw),
+                                                          *([fw.name] if several else [])), "", fw)
+                   for fw, g in boots]
         for (fw, g), future in zip(boots, futures):
             try:
                 rows += future.result()
@@ -224,7 +232,7 @@ def main(argv):
           f"false-passes={len(false_passes)} broken={len(broken)} wall={wall:.0f}s")
     os.makedirs(os.path.join(ROOT, "build"), exist_ok=True)
     with open(os.path.join(ROOT, "build", "faults.json"), "w") as f:
-        json.dump({"firmware": [fw.name for fw in firmwares], "faults": {k: FAULTS[k] for k in faults},
+        json.dump({"arch": firmwares[0].arch, "firmware": [fw.name for fw in firmwares], "faults": {k: FAULTS[k] for k in faults},
                    "rows": rows, "broken": broken, "wall_seconds": round(wall)}, f, indent=1)
     if junit:
         write_faults_junit(junit, rows, broken)

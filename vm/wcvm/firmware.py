@@ -56,11 +56,11 @@ def generations(arch=DEFAULT_ARCH):
     """The named generations of a processor's firmware."""
     return AARCH64_GENERATIONS if arch == AARCH64.name else GENERATIONS
 
-# Generations built without IPv6, with the evidence: EDK2's OVMF leaves NETWORK_IP6_ENABLE off unless
-# the build turns it on, and Debian's 2020.11 build does not. ping6test ends 0x80160801 there ("No NIC
+# Generations built without IPv6, with the evidence: EDK2's OVMF and ArmVirtQemu leave
+# NETWORK_IP6_ENABLE off unless the build turns it on, and Debian's 2020.11 builds do not. ping6test ends 0x80160801 there ("No NIC
 # has an IPv6 service").
 WITHOUT_IPV6 = {
-    "edk2-2020.11": "Debian's edk2-2020.11 OVMF is built without IPv6: the shell's drivers command lists MNP, "
+    "edk2-2020.11": "Debian's edk2-2020.11 OVMF and AAVMF are built without IPv6: the shell's drivers command lists MNP, "
                     "ARP, IP4, UDP4, MTFTP4, TCP and DNS but no IP6 Network Service Driver, and the shell has "
                     "neither ifconfig6 nor ping6 (\"'ifconfig6' is not recognized\"); no NIC has an IPv6 service",
 }
