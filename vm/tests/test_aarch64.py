@@ -1,0 +1,87 @@
+"""AArch64: Debian's AAVMF on QEMU's virt machine, TCG. A reduced set, three boots: every test with the
+second NIC's cable plugged in at the prompt, run as a user runs it; two faults of the scripted peer;
+and a stick that boots from USB on a firmware engineer's own build (the code volume alone and a
+short variable store, as EDK2's build writes them)."""
+import os
+import re
+import subprocess
+import tempfile
+import unittest
+
+from vmtest import RUNNER
+
+import wcvm  # noqa: E402 (vmtest puts the runner on the path)
+from wcvm.faults import run_group  # noqa: E402
+from wcvm.firmware import AARCH64_GENERATIONS, resolve  # noqa: E402
+
+CALLS = ["-test=pingtest", "-test=SpeedTest -NetworkSpeed=1", "-test=detectcable", "-test=macaddresstest",
+         "-test=IRQTest", "-test=NicSpeedTest", "-test=interactivenetworktest", "-test=ping6test",
+         "-test=pingtest -index=2"]
+# The defined results: NicSpeedTest knows no emulated NIC (Unsupported), the rest pass.
+EXPECTED = [("Passed", "0x0")] * 5 + [("Failed", "0x800000FF")] + [("Passed", "0x0")] * 3
+RESULT = re.compile(r"^RESULT result=(\w+) error=(0x[0-9A-F]+)", re.M)
+
+
+class EveryTest(unittest.TestCase):
+    def test_every_test_on_virtio_and_the_cable_plugged_in_at_the_prompt(self):
+        with tempfile.TemporaryDirectory() as work:
+            script = os.path.join(work, "script.txt")
+            with open(script, "w") as f:
+                f.write("menu 1\n" + "prompt ok\n" * 3)
+            done = subprocess.run(RUNNER + ["--arch", "aarch64", "--nic", "virtio", "--nic", "virtio:link=off,plug=25",
+                                            "--script", script, "--"] + CALLS,
+                                  capture_output=True, text=True, timeout=600, stdin=subprocess.DEVNULL)
+        self.assertEqual([(m.group(1), m.group(2)) for m in RESULT.finditer(done.stdout)], EXPECTED,
+                         done.stdout[-3000:] + done.stderr)
+        with open(os.path.join(wcvm.LAST_DIR, "VexRun.log"), errors="replace") as f:
+            log = f.read()
+        with open(os.path.join(wcvm.LAST_DIR, "Debug.log"), errors="replace") as f:
+            debug = f.read()
+        # The generic timer times the bursts; virt's interrupt line is EDK2's "unknown" and says so.
+        self.assertRegex(log, r"speed is [1-9]\d* Mbit/s")
+        self.assertIn("Interrupt Number 255\nInterrupt line 0xFF is \"unknown or no connection\"",
+                      log.replace("\r", ""))
+        # The cable went in when the test asked for it on NIC 2.
+        self.assertIn("PROMPT message=25", log)
+        # virt publishes SMBIOS 3.0 alone.
+        self.assertIn("SMBIOS 3.0 entry point only", debug)
+
+
+class Faults(unittest.TestCase):
+    def test_an_unanswered_ping_and_a_duplicate_address(self):
+        with tempfile.TemporaryDirectory() as work:
+            rows = run_group(["icmp-drop", "dad"], work, firmware=resolve(arch="aarch64"))
+        self.assertEqual([(r["fault"], r["call"], r["ok"]) for r in rows],
+                         [("icmp-drop", "-test=pingtest", True), ("icmp-drop", "-test=interactivenetworktest", True),
+                          ("dad", "-test=ping6test", True)], rows)
+
+
+class Stick(unittest.TestCase):
+    def test_a_stick_boots_from_usb_on_an_own_build_and_keeps_its_results(self):
+        with tempfile.TemporaryDirectory() as work:
+            # What EDK2's ArmVirtQemu build writes: the reset vector's page and the code volume, and a
+            # blank variable store, each shorter than the virt machine's flash.
+            code, vars_ = os.path.join(work, "QEMU_EFI.fd"), os.path.join(work, "QEMU_VARS.fd")
+            with open(AARCH64_GENERATIONS["edk2-2022.11"].code, "rb") as f:
+                data = f.read()
+            volume = int.from_bytes(data[4096 + 32:4096 + 40], "little")
+            with open(code, "wb") as f:
+                f.write(data[:4096 + volume])
+            with open(vars_, "wb") as f:
+                f.write(bytes(768 * 1024))
+            image = os.path.join(work, "stick.img")
+            made = subprocess.run(RUNNER + ["image", image, "--arch", "aarch64", "--", "-test=pingtest",
+                                            "-test=IRQTest"], capture_output=True, text=True, timeout=120)
+            self.assertEqual(made.returncode, 0, made.stderr)
+            listing = subprocess.run(["mdir", "-b", "-i", image + "@@1M", "::/EFI/BOOT"], capture_output=True,
+                                     text=True)
+            self.assertIn("BOOTAA64.EFI", listing.stdout)
+            run = wcvm.run_vm(wcvm.VmConfig(image=image, usb_stick=True, timeout=300,
+                                            firmware=resolve(f"{code},{vars_}", arch="aarch64")))
+            self.assertEqual([r[0] for r in run.results], ["Passed", "Passed"], run.serial[-2000:])
+            self.assertEqual(len(wcvm.read_image_results(image)), 2)
+        self.assertNotIn("startup.nsh", run.serial)
+
+
+if __name__ == "__main__":
+    unittest.main()
