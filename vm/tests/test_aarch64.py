@@ -1,7 +1,8 @@
 """AArch64: Debian's AAVMF on QEMU's virt machine, TCG. A reduced set, three boots: every test with the
-second NIC's cable plugged in at the prompt, run as a user runs it; two faults of the scripted peer;
-and a stick that boots from USB on a firmware engineer's own build (the code volume alone and a
-short variable store, as EDK2's build writes them)."""
+second NIC's cable plugged in at the prompt, run as a user runs it on a firmware engineer's own build
+(the code volume alone and a short variable store, as EDK2's build writes them); two faults of the
+scripted peer; and a signed menu stick booted from USB with Secure Boot on."""
+import json
 import os
 import re
 import subprocess
@@ -12,7 +13,7 @@ from vmtest import RUNNER
 
 import wcvm  # noqa: E402 (vmtest puts the runner on the path)
 from wcvm.faults import run_group  # noqa: E402
-from wcvm.firmware import AARCH64_GENERATIONS, resolve  # noqa: E402
+from wcvm.firmware import AARCH64_GENERATIONS, resolve, test_signing_key  # noqa: E402
 
 CALLS = ["-test=pingtest", "-test=SpeedTest -NetworkSpeed=1", "-test=detectcable", "-test=macaddresstest",
          "-test=IRQTest", "-test=NicSpeedTest", "-test=interactivenetworktest", "-test=ping6test",
@@ -22,14 +23,28 @@ EXPECTED = [("Passed", "0x0")] * 5 + [("Failed", "0x800000FF")] + [("Passed", "0
 RESULT = re.compile(r"^RESULT result=(\w+) error=(0x[0-9A-F]+)", re.M)
 
 
+def own_build(work):
+    """What EDK2's ArmVirtQemu build writes, from Debian's 2022.11: the reset vector's page and the
+    code volume, and a blank variable store, each shorter than the virt machine's flash."""
+    code, vars_ = os.path.join(work, "QEMU_EFI.fd"), os.path.join(work, "QEMU_VARS.fd")
+    with open(AARCH64_GENERATIONS["edk2-2022.11"].code, "rb") as f:
+        data = f.read()
+    volume = int.from_bytes(data[4096 + 32:4096 + 40], "little")
+    with open(code, "wb") as f:
+        f.write(data[:4096 + volume])
+    with open(vars_, "wb") as f:
+        f.write(bytes(768 * 1024))
+    return f"{code},{vars_}"
+
+
 class EveryTest(unittest.TestCase):
-    def test_every_test_on_virtio_and_the_cable_plugged_in_at_the_prompt(self):
+    def test_every_test_on_an_own_build_and_the_cable_plugged_in_at_the_prompt(self):
         with tempfile.TemporaryDirectory() as work:
             script = os.path.join(work, "script.txt")
             with open(script, "w") as f:
                 f.write("menu 1\n" + "prompt ok\n" * 3)
-            done = subprocess.run(RUNNER + ["--arch", "aarch64", "--nic", "virtio", "--nic", "virtio:link=off,plug=25",
-                                            "--script", script, "--"] + CALLS,
+            done = subprocess.run(RUNNER + ["--arch", "aarch64", "--firmware", own_build(work), "--nic", "virtio",
+                                            "--nic", "virtio:link=off,plug=25", "--script", script, "--"] + CALLS,
                                   capture_output=True, text=True, timeout=600, stdin=subprocess.DEVNULL)
         self.assertEqual([(m.group(1), m.group(2)) for m in RESULT.finditer(done.stdout)], EXPECTED,
                          done.stdout[-3000:] + done.stderr)
@@ -56,31 +71,36 @@ class Faults(unittest.TestCase):
                           ("dad", "-test=ping6test", True)], rows)
 
 
+MENU_SCRIPT = """front test pingtest
+front run
+front test IRQTest
+front run
+front finish
+"""
+
+
 class Stick(unittest.TestCase):
-    def test_a_stick_boots_from_usb_on_an_own_build_and_keeps_its_results(self):
+    def test_a_signed_menu_stick_boots_from_usb_with_secure_boot_and_keeps_its_results(self):
         with tempfile.TemporaryDirectory() as work:
-            # What EDK2's ArmVirtQemu build writes: the reset vector's page and the code volume, and a
-            # blank variable store, each shorter than the virt machine's flash.
-            code, vars_ = os.path.join(work, "QEMU_EFI.fd"), os.path.join(work, "QEMU_VARS.fd")
-            with open(AARCH64_GENERATIONS["edk2-2022.11"].code, "rb") as f:
-                data = f.read()
-            volume = int.from_bytes(data[4096 + 32:4096 + 40], "little")
-            with open(code, "wb") as f:
-                f.write(data[:4096 + volume])
-            with open(vars_, "wb") as f:
-                f.write(bytes(768 * 1024))
+            key, cert = test_signing_key(work)
+            script = os.path.join(work, "front.txt")
+            with open(script, "w") as f:
+                f.write(MENU_SCRIPT)
             image = os.path.join(work, "stick.img")
-            made = subprocess.run(RUNNER + ["image", image, "--arch", "aarch64", "--", "-test=pingtest",
-                                            "-test=IRQTest"], capture_output=True, text=True, timeout=120)
+            made = subprocess.run(RUNNER + ["image", image, "--arch", "aarch64", "--menu", "--script", script,
+                                            "--sign", key, "--cert", cert], capture_output=True, text=True,
+                                  timeout=120)
             self.assertEqual(made.returncode, 0, made.stderr)
             listing = subprocess.run(["mdir", "-b", "-i", image + "@@1M", "::/EFI/BOOT"], capture_output=True,
                                      text=True)
             self.assertIn("BOOTAA64.EFI", listing.stdout)
-            run = wcvm.run_vm(wcvm.VmConfig(image=image, usb_stick=True, timeout=300,
-                                            firmware=resolve(f"{code},{vars_}", arch="aarch64")))
-            self.assertEqual([r[0] for r in run.results], ["Passed", "Passed"], run.serial[-2000:])
-            self.assertEqual(len(wcvm.read_image_results(image)), 2)
+            run = wcvm.run_vm(wcvm.VmConfig(image=image, usb_stick=True, secure_boot=True, script=MENU_SCRIPT,
+                                            timeout=300, firmware=resolve(arch="aarch64")))
+            report = json.loads(wcvm.read_image_file(image, "results.json"))
         self.assertNotIn("startup.nsh", run.serial)
+        self.assertIn("FRONT summary calls=2", run.output)
+        self.assertEqual([(c["options"], c["result"]) for c in report["cases"]],
+                         [("-test=pingtest", "Passed"), ("-test=IRQTest", "Passed")])
 
 
 if __name__ == "__main__":
