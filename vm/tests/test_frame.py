@@ -5,6 +5,8 @@ import unittest
 
 from vmtest import PASSED, REFUSED, VERSION, boot, call_blocks, wcvm
 
+from wcvm.arch import ARCHES  # noqa: E402 (vmtest puts the runner on the path)
+
 
 def pe_header(path):
     with open(path, "rb") as f:
@@ -18,12 +20,14 @@ def pe_header(path):
 
 
 class Images(unittest.TestCase):
-    def test_images_are_pe32plus_x64_with_their_subsystems(self):
-        for name, subsystem in (("Wirecheck.efi", 11), ("VexRun.efi", 10)):
-            machine, magic, sub = pe_header(os.path.join(wcvm.EFI_DIR, name))
-            self.assertEqual(machine, 0x8664, name)
-            self.assertEqual(magic, 0x20B, name)  # PE32+
-            self.assertEqual(sub, subsystem, name)
+    def test_images_are_pe32plus_for_each_processor_with_their_subsystems(self):
+        for arch, machine_type in (("x86_64", 0x8664), ("aarch64", 0xAA64)):
+            for name, subsystem in (("Wirecheck.efi", 11), ("VexRun.efi", 10)):
+                with self.subTest(arch=arch, image=name):
+                    machine, magic, sub = pe_header(os.path.join(ARCHES[arch].efi_dir, name))
+                    self.assertEqual(machine, machine_type)
+                    self.assertEqual(magic, 0x20B)  # PE32+
+                    self.assertEqual(sub, subsystem)
 
 
 class CurrentLayout(unittest.TestCase):
