@@ -3,7 +3,7 @@ import os
 import struct
 import unittest
 
-from vmtest import PASSED, REFUSED, VERSION, boot, call_blocks, wcvm
+from vmtest import PASSED, REFUSED, VERSION, boot, call_blocks
 
 from wcvm.arch import ARCHES  # noqa: E402 (vmtest puts the runner on the path)
 
