@@ -20,139 +20,12 @@ bool Fits(UINTN written, UINTN size) {
   return written + 1 < size / sizeof(CHAR16);
 }
 
-// An HTTP child of one service binding, destroyed with its owner.
-class HttpChild {
-public:
-  HttpChild() = default;
-  HttpChild(const HttpChild&) = delete;
-  HttpChild& operator=(const HttpChild&) = delete;
-  ~HttpChild() {
-    if (child_ != nullptr)
-      binding_->DestroyChild(binding_, child_);
-  }
-  EFI_STATUS Create(EFI_HANDLE service) {
-    EFI_STATUS status = gBS->HandleProtocol(service, &EFI_HTTP_SERVICE_BINDING_PROTOCOL_GUID,
-                                            reinterpret_cast<void**>(&binding_));
-    if (EFI_ERROR(status))
-      return status;
-    status = binding_->CreateChild(binding_, &child_);
-    if (EFI_ERROR(status)) {
-      child_ = nullptr;
-      return status;
-    }
-    return gBS->HandleProtocol(child_, &EFI_HTTP_PROTOCOL_GUID, reinterpret_cast<void**>(&http_));
-  }
-  EFI_HTTP_PROTOCOL* operator->() const { return http_; }
-  EFI_HTTP_PROTOCOL* Get() const { return http_; }
-
-private:
-  EFI_SERVICE_BINDING_PROTOCOL* binding_ = nullptr;
-  EFI_HANDLE child_ = nullptr;
-  EFI_HTTP_PROTOCOL* http_ = nullptr;
-};
-
-// One half of an exchange, the request or the answer, with everything the firmware may still write
-// into or read from while its token is pending: the token, its message and the message's parts. It
-// lives in pool, and its event has no notify function, so that a token the firmware would not
-// withdraw can be left to it: a late completion then writes into memory that is still ours and
-// signals an event that is still open, whatever VexRun has done since.
-struct Exchange {
-  EFI_HTTP_TOKEN Token;
-  EFI_HTTP_MESSAGE Message;
-  EFI_HTTP_REQUEST_DATA Request;
-  EFI_HTTP_RESPONSE_DATA Response;
-  EFI_HTTP_HEADER Headers[5];
-  CHAR8 Host[128];
-  CHAR8 Length[24];
-  CHAR8 Type[64];
-  CHAR16* Url;
-  void* Body;
-  Exchange* NextLeft; // in the list of exchanges left to the firmware
-};
-
-// Exchanges whose token the firmware would not cancel; freed once their token has completed.
-constinit Exchange* gLeftToFirmware = nullptr;
-
-void FreeExchange(Exchange* e) {
-  if (e == nullptr)
-    return;
-  if (e->Token.Event != nullptr)
-    gBS->CloseEvent(e->Token.Event);
-  FreePool(e->Url);
-  FreePool(e->Body);
-  FreePool(e);
-}
-
-EFI_STATUS NewExchange(Exchange** out) {
-  auto* e = static_cast<Exchange*>(AllocateZeroPool(sizeof(Exchange)));
-  if (e == nullptr)
-    return EFI_OUT_OF_RESOURCES;
-  EFI_STATUS status = gBS->CreateEvent(0, TPL_CALLBACK, nullptr, nullptr, &e->Token.Event);
-  if (EFI_ERROR(status)) {
-    e->Token.Event = nullptr;
-    FreeExchange(e);
-    return status;
-  }
-  e->Token.Status = EFI_NOT_READY;
-  e->Token.Message = &e->Message;
-  *out = e;
-  return EFI_SUCCESS;
-}
-
-// A pending token is cancelled; one the firmware will not give back (Cancel answers Not Found or
-// Not Started while its TCP still holds it) is left to it, with its exchange.
-void Withdraw(EFI_HTTP_PROTOCOL* http, Exchange*& e) {
-  if (e->Token.Status == EFI_NOT_READY && EFI_ERROR(http->Cancel(http, &e->Token)) &&
-      e->Token.Status == EFI_NOT_READY) {
-    e->NextLeft = gLeftToFirmware;
-    gLeftToFirmware = e;
-    e = nullptr;
-  }
-}
-
-// Sends the request or asks for the answer, then polls the child until the token completes, TimeoutMs
-// pass or the bound is over.
-EFI_STATUS Await(EFI_HTTP_PROTOCOL* http, Exchange*& e, bool request, UINT32 timeoutMs,
-                 const WaitBound* bound) {
-  EFI_STATUS status = request ? http->Request(http, &e->Token) : http->Response(http, &e->Token);
-  if (EFI_ERROR(status)) {
-    e->Token.Status = status; // never queued
-    return status;
-  }
-  wc::EventOwner timer;
-  status = timer.Create(EVT_TIMER);
-  if (EFI_ERROR(status) ||
-      EFI_ERROR(status = gBS->SetTimer(timer.Get(), TimerRelative, UINT64(timeoutMs) * 10000))) {
-    Withdraw(http, e);
-    return status;
-  }
-  while (e->Token.Status == EFI_NOT_READY) {
-    http->Poll(http);
-    bool over = gBS->CheckEvent(timer.Get()) == EFI_SUCCESS || (bound != nullptr && bound->Over());
-    if (over && e->Token.Status == EFI_NOT_READY) {
-      Withdraw(http, e);
-      return EFI_TIMEOUT;
-    }
-  }
-  return e->Token.Status;
-}
-
 // Copies an ASCII text, cut to the buffer.
 void CopyAscii(CHAR8* out, UINTN size, const CHAR8* in) {
   UINTN n = 0;
   for (; in[n] != 0 && n + 1 < size; ++n)
     out[n] = in[n];
   out[n] = 0;
-}
-
-void FreeHeaders(EFI_HTTP_HEADER* headers, UINTN count) {
-  if (headers == nullptr)
-    return;
-  for (UINTN i = 0; i < count; ++i) {
-    FreePool(headers[i].FieldName);
-    FreePool(headers[i].FieldValue);
-  }
-  FreePool(headers);
 }
 
 } // namespace
@@ -168,26 +41,6 @@ bool FormatSystemUuid(const UINT8 (&Uuid)[16], CHAR16* Out, UINTN OutSize) {
     return false;
   StrToLower(Out); // the print routine writes upper-case digits
   return true;
-}
-
-void UploadStatusName(EFI_STATUS Status, CHAR16* Out, UINTN OutSize) {
-  static constexpr struct {
-    EFI_STATUS status;
-    const CHAR16* name;
-  } kNames[] = {{EFI_HTTP_ERROR, u"HTTP error"},
-                {EFI_NETWORK_UNREACHABLE, u"Network Unreachable"},
-                {EFI_HOST_UNREACHABLE, u"Host Unreachable"},
-                {EFI_PROTOCOL_UNREACHABLE, u"Protocol Unreachable"},
-                {EFI_PORT_UNREACHABLE, u"Port Unreachable"},
-                {EFI_CONNECTION_FIN, u"Connection Closed"},
-                {EFI_CONNECTION_RESET, u"Connection Reset"},
-                {EFI_CONNECTION_REFUSED, u"Connection Refused"}};
-  for (const auto& n : kNames)
-    if (n.status == Status) {
-      StrCopy(Out, OutSize, n.name);
-      return;
-    }
-  SPrint(Out, OutSize, u"%r", Status);
 }
 
 const CHAR16* HttpsTrouble(const CHAR16* Url, const PutOutcome& Outcome) {
@@ -208,30 +61,6 @@ const CHAR16* HttpsTrouble(const CHAR16* Url, const PutOutcome& Outcome) {
          u"CA certificate in the firmware's TLS settings";
 }
 
-UINTN HttpStatusNumber(EFI_HTTP_STATUS_CODE Code) {
-  return Code < sizeof(kHttpStatusCodes) / sizeof(kHttpStatusCodes[0]) ? kHttpStatusCodes[Code] : 0;
-}
-
-bool UrlAuthority(const CHAR16* Url, CHAR8* Host, UINTN HostSize) {
-  if (Url == nullptr || HostSize == 0)
-    return false;
-  const CHAR16* start = nullptr;
-  if (StrnCmp(Url, u"http://", 7) == 0)
-    start = Url + 7;
-  else if (StrnCmp(Url, u"https://", 8) == 0)
-    start = Url + 8;
-  else
-    return false;
-  UINTN n = 0;
-  for (const CHAR16* c = start; *c != 0 && *c != u'/'; ++c) {
-    if (*c <= u' ' || *c > 0x7E || n + 1 >= HostSize)
-      return false;
-    Host[n++] = CHAR8(*c);
-  }
-  Host[n] = 0;
-  return n > 0;
-}
-
 bool UploadFolder(const CHAR16* BaseUrl, const CHAR16* Machine, const EFI_TIME& Start, UINT16 Tag,
                   CHAR16* Out, UINTN OutSize) {
   UINTN length = StrLen(BaseUrl);
@@ -239,45 +68,6 @@ bool UploadFolder(const CHAR16* BaseUrl, const CHAR16* Machine, const EFI_TIME& 
   UINTN written = SPrint(Out, OutSize, u"%s%s%s/%04d%02d%02d-%02d%02d%02d-%05d/", BaseUrl, slash, Machine,
                          Start.Year, Start.Month, Start.Day, Start.Hour, Start.Minute, Start.Second, Tag);
   return Fits(written + kUploadNameChars, OutSize);
-}
-
-WaitBound::~WaitBound() {
-  if (event_ != nullptr)
-    gBS->CloseEvent(event_);
-}
-
-void EFIAPI WaitBound::Fire(EFI_EVENT, void* Context) {
-  static_cast<WaitBound*>(Context)->over_ = true;
-}
-
-EFI_STATUS WaitBound::Start(UINT64 Milliseconds) {
-  EFI_STATUS status = gBS->CreateEvent(EVT_TIMER | EVT_NOTIFY_SIGNAL, TPL_CALLBACK, Fire, this, &event_);
-  if (EFI_ERROR(status)) {
-    event_ = nullptr;
-    return status;
-  }
-  return gBS->SetTimer(event_, TimerRelative, Milliseconds * 10000);
-}
-
-void ReleaseFinishedExchanges() {
-  for (Exchange** link = &gLeftToFirmware; *link != nullptr;) {
-    Exchange* e = *link;
-    if (e->Token.Status == EFI_NOT_READY) {
-      link = &e->NextLeft;
-      continue;
-    }
-    *link = e->NextLeft;
-    if (e->Message.Data.Response == &e->Response)
-      FreeHeaders(e->Message.Headers, e->Message.HeaderCount);
-    FreeExchange(e);
-  }
-}
-
-UINTN ExchangesLeftToFirmware() {
-  UINTN n = 0;
-  for (const Exchange* e = gLeftToFirmware; e != nullptr; e = e->NextLeft)
-    ++n;
-  return n;
 }
 
 PutOutcome HttpPut(EFI_HANDLE Service, const CHAR16* Url, const CHAR8* ContentType, const void* Body,
@@ -291,13 +81,11 @@ PutOutcome HttpPut(EFI_HANDLE Service, const CHAR16* Url, const CHAR8* ContentTy
   }
   // Declared before the child: a token still pending when the child goes is cancelled by the
   // firmware then, into an exchange that still exists.
-  Exchange* sent = nullptr;
-  Exchange* received = nullptr;
+  HttpExchange* sent = nullptr;
+  HttpExchange* received = nullptr;
   wc::ScopeGuard release([&] {
-    FreeExchange(sent);
-    if (received != nullptr)
-      FreeHeaders(received->Message.Headers, received->Message.HeaderCount);
-    FreeExchange(received);
+    FreeHttpExchange(sent);
+    FreeHttpExchange(received);
   });
   HttpChild http;
   if (EFI_ERROR(outcome.Status = http.Create(Service)))
@@ -315,7 +103,7 @@ PutOutcome HttpPut(EFI_HANDLE Service, const CHAR16* Url, const CHAR8* ContentTy
   if (EFI_ERROR(outcome.Status = http->Configure(http.Get(), &config)))
     return outcome;
 
-  if (EFI_ERROR(outcome.Status = NewExchange(&sent)))
+  if (EFI_ERROR(outcome.Status = NewHttpExchange(&sent)))
     return outcome;
   // The request's texts and body are the exchange's own copies: the firmware may read them after a
   // token it would not cancel.
@@ -341,13 +129,13 @@ PutOutcome HttpPut(EFI_HANDLE Service, const CHAR16* Url, const CHAR8* ContentTy
   sent->Message.Headers = sent->Headers;
   sent->Message.BodyLength = Size;
   sent->Message.Body = sent->Body;
-  if (EFI_ERROR(outcome.Status = Await(http.Get(), sent, true, TimeoutMs, Bound)))
+  if (EFI_ERROR(outcome.Status = AwaitHttpExchange(http.Get(), sent, true, TimeoutMs, Bound)))
     return outcome;
 
-  if (EFI_ERROR(outcome.Status = NewExchange(&received)))
+  if (EFI_ERROR(outcome.Status = NewHttpExchange(&received)))
     return outcome;
   received->Message.Data.Response = &received->Response;
-  outcome.Status = Await(http.Get(), received, false, TimeoutMs, Bound);
+  outcome.Status = AwaitHttpExchange(http.Get(), received, false, TimeoutMs, Bound);
   // An answer of 300 or more ends the token with the firmware's HTTP error, its code still given.
   if (received != nullptr && (!EFI_ERROR(outcome.Status) || outcome.Status == EFI_HTTP_ERROR)) {
     outcome.Answered = true;

@@ -2,7 +2,7 @@
 // URL/<machine>/<run>/<file>, where the machine is the SMBIOS system UUID and the run the time the
 // manager started.
 #pragma once
-#include "uefi/protocol/Http.h"
+#include "ping/HttpExchange.h"
 
 constexpr UINTN kUrlChars = 400;
 constexpr UINTN kMachineChars = 40;
@@ -12,13 +12,6 @@ constexpr UINTN kUploadNameChars = 12; // the longest name of a results file ("r
 // three fields little-endian. False for a UUID the table marks as unset (all zeros: not present;
 // all ones: not settable), so that no two machines share a made-up name.
 bool FormatSystemUuid(const UINT8 (&Uuid)[16], CHAR16* Out, UINTN OutSize);
-
-// The HTTP status number of the firmware's status position; 0 for a code the firmware does not name.
-UINTN HttpStatusNumber(EFI_HTTP_STATUS_CODE Code);
-
-// "host[:port]" of an http:// or https:// URL, for the Host header; false for any other form or
-// a host that does not fit.
-bool UrlAuthority(const CHAR16* Url, CHAR8* Host, UINTN HostSize);
 
 // The run's folder under the upload URL: URL/<machine>/<yyyymmdd-hhmmss>-<tag>/ (the tag, five digits, keeps
 // two runs started in the same second apart). False when it, followed by a file name of
@@ -33,10 +26,6 @@ struct PutOutcome {
   bool Answered = false; // the server sent a status line
 };
 
-// The status an upload ended with, by name: the network's own statuses and the HTTP error, which the
-// module's status table does not carry, then that table's names (%r).
-void UploadStatusName(EFI_STATUS Status, CHAR16* Out, UINTN OutSize);
-
 // What an HTTPS upload without an answer says of the firmware's TLS, as its HTTP client reports it:
 // EFI_NOT_FOUND for a missing TlsCaCertificate variable (no certificate authority enrolled) and
 // EFI_ABORTED for a handshake that failed. Null for any other outcome.
@@ -45,28 +34,6 @@ const CHAR16* HttpsTrouble(const CHAR16* Url, const PutOutcome& Outcome);
 // One HTTP PUT of Body to Url through the HTTP service binding on Service, in a child of its own
 // that is destroyed before it returns. Waits at most TimeoutMs for each of the request and the answer
 // (the firmware's own TCP connect may take up to its connection timeout before that).
-// A bound on the waits of several PUTs: a one-shot firmware timer whose notify function marks the
-// bound as over, so that no wait outlasts it, whichever call was running when it fell due.
-class WaitBound {
-public:
-  WaitBound() = default;
-  WaitBound(const WaitBound&) = delete;
-  WaitBound& operator=(const WaitBound&) = delete;
-  ~WaitBound();
-  // A failure leaves no bound (the waits then end by their own time-outs only).
-  EFI_STATUS Start(UINT64 Milliseconds);
-  bool Over() const { return over_; }
-
-private:
-  static void EFIAPI Fire(EFI_EVENT Event, void* Context);
-  EFI_EVENT event_ = nullptr;
-  volatile bool over_ = false;
-};
-
-// Frees the exchanges left to the firmware whose token has since completed; how many are still left.
-void ReleaseFinishedExchanges();
-UINTN ExchangesLeftToFirmware();
-
 // Each token lives, with the message it carries, in pool until the firmware is done with it: a token
 // that Cancel does not withdraw is left to the firmware (ReleaseFinishedExchanges frees it later).
 // Bound, when given, ends every wait once it is over.

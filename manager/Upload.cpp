@@ -106,7 +106,7 @@ void UploadFailureLine(const UploadState& State, const UploadReport& Report, con
   else
     StrCopy(answer, sizeof(answer), u"not-2xx"); // a code the firmware's HTTP client does not name (507, say)
   CHAR16 named[40];
-  UploadStatusName(outcome.Status, named, sizeof(named));
+  HttpStatusName(outcome.Status, named, sizeof(named));
   CHAR16 url[kUrlChars];
   SPrint(url, sizeof(url), u"%s%s", State.Folder, Report.Stopped);
   const CHAR16* why = HttpsTrouble(url, outcome);

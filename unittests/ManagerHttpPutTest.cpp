@@ -63,11 +63,11 @@ TEST(ManagerUpload, HostHeaderAndStatusNumbers) {
 
   // The network's statuses by name, where the module's own table has none.
   CHAR16 name[40];
-  UploadStatusName(EFI_CONNECTION_RESET, name, sizeof(name));
+  HttpStatusName(EFI_CONNECTION_RESET, name, sizeof(name));
   EXPECT_EQ(Text(name), u"Connection Reset");
-  UploadStatusName(EFI_HTTP_ERROR, name, sizeof(name));
+  HttpStatusName(EFI_HTTP_ERROR, name, sizeof(name));
   EXPECT_EQ(Text(name), u"HTTP error");
-  UploadStatusName(EFI_TIMEOUT, name, sizeof(name));
+  HttpStatusName(EFI_TIMEOUT, name, sizeof(name));
   EXPECT_EQ(Text(name), u"Time out");
 }
 
