@@ -13,7 +13,7 @@ sys.path.insert(0, os.path.join(ROOT, "vm"))
 from wcvm.cli import image_parser, option_names, run_parser  # noqa: E402
 from wcvm.fleetcmd import parser as fleet_parser  # noqa: E402
 
-FIRMWARE_OPTIONS = {"--firmware", "--ipxe", "--no-rng"}
+FIRMWARE_OPTIONS = {"--firmware", "--arch", "--ipxe", "--no-rng"}
 OPTIONS = {
     "build": set(),
     "run": option_names(run_parser()) | {"--help"},
