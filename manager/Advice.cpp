@@ -97,6 +97,40 @@ constexpr AdviceRow kRows[] = {
      u"as 0x80160102; the log says whether the firmware refused to send (no route to a global target from a "
      u"NIC without a global address). Replies are matched by identifier and sequence number: a duplicated "
      u"reply does not stand in for a lost one"},
+    {0x80160901, u"0x80160901", u"downloadtest",
+     u"the firmware has no HTTP client on the NIC (no HTTP service binding)",
+     u"the firmware's network settings: HTTP boot (and so its HTTP driver) switched off or not built in; the "
+     u"shell's `drivers` lists HttpDxe where it is there"},
+    {0x80160902, u"0x80160902", u"downloadtest",
+     u"the NIC asked for by `-index` or `-devicepath` does not exist", u"as 0x80160104"},
+    {0x80160903, u"0x80160903", u"downloadtest", u"no link after six checks", u"as 0x80160107"},
+    {0x80160904, u"0x80160904", u"downloadtest", u"the NIC got no IP address within 60 s",
+     u"as 0x80160101: the DHCP server of the port's network"},
+    {0x80160905, u"0x80160905", u"downloadtest", u"the server's name did not resolve",
+     u"the log says which: no DNS server came with the DHCP lease (the DHCP server's DNS option), the DNS "
+     u"server answered that the name does not exist (a typing error, a missing record), or no DNS server "
+     u"answered"},
+    {0x80160906, u"0x80160906", u"downloadtest", u"no connection to the server",
+     u"whether the server runs and listens on the URL's port (Connection Refused), and whether the port's "
+     u"network reaches it (Time out: a firewall, a route)"},
+    {0x80160907, u"0x80160907", u"downloadtest", u"the TLS handshake failed",
+     u"the log's reason: the server's certificate must be signed by a certificate authority enrolled in the "
+     u"firmware (its TLS settings, the TlsCaCertificate variable) and must name the host of the URL"},
+    {0x80160908, u"0x80160908", u"downloadtest",
+     u"the server answered with an error status (the log has the code)",
+     u"the URL's path (404), the server's permissions (403), a redirection the test does not follow (3xx: "
+     u"use "
+     u"the URL the log names)"},
+    {0x80160909, u"0x80160909", u"downloadtest",
+     u"the transfer stalled (no byte for `-timeout` seconds), or ended before Content-Length",
+     u"the server and what lies between: a proxy or load balancer that cuts long transfers, a server that "
+     u"stops sending; the log says how many bytes came and how the connection ended"},
+    {0x8016090A, u"0x8016090A", u"downloadtest", u"the file's SHA-256 digest differs from `-sha256`",
+     u"the file on the server against the one the digest was made from; a cache or proxy serving an old "
+     u"copy. The log shows both digests"},
+    {0x8016090B, u"0x8016090B", u"downloadtest", u"the receive throughput is below `-MinSpeed`",
+     u"the port's negotiated speed, the server's own limit (the log's figure against it), other traffic on "
+     u"the link"},
     {0x80000001, u"0x80000001", u"any test",
      u"the operator failed or cancelled the test at a progress report or a menu",
      u"nothing on the machine: the test was stopped by hand; run it again"},

@@ -37,6 +37,8 @@ BringUpResult Ipv4BringUp::Run(const NicServices& Nic) {
     return {BringUpReason::OperatorAnswered, status};
   if (EFI_ERROR(status))
     return {BringUpReason::NoAddress, status};
+  if (policy_.AddressOnly)
+    return {BringUpReason::Up, EFI_SUCCESS};
   return RunDhcp(Nic.Dhcp4);
 }
 

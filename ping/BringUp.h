@@ -10,7 +10,7 @@
 #include "ping/IcmpEcho.h"
 
 enum class BringUpReason : UINT8 {
-  Up,               // the NIC has its address and DHCP gave a lease
+  Up,               // the NIC has its address and DHCP gave a lease (or, address only, the address)
   RewriteFailed,    // the IPv4 configuration could not be rewritten or switched to DHCP
   NoAddress,        // the wait for the NIC's address failed (EFI_NO_MAPPING: none came)
   OperatorAnswered, // the operator answered at one of the caller's reports
@@ -64,6 +64,9 @@ struct BringUpPolicy {
   // The DHCPv4 child of the lease stays open until the bring-up goes (for a caller that pings with
   // it open); otherwise each attempt's child is closed at the attempt's end.
   bool HoldChild;
+  // The bring-up ends Up with the NIC's address, without a DHCP exchange of its own (for a caller
+  // that needs no DHCP server: the firmware's own lease gave the address and the DNS servers).
+  bool AddressOnly = false;
 };
 
 // The NIC's network services the bring-up uses.

@@ -1,5 +1,6 @@
 #include "tests/NicSteps.h"
 
+#include "base/String.h"
 #include "nic/Inventory.h"
 #include "report/Output.h"
 #include "nic/FirmwareTraits.h"
@@ -94,7 +95,8 @@ void SayServingDriver(EFI_HANDLE Nic, const CHAR16* Which) {
   if (EFI_ERROR(status) || !name)
     LogPrint(u"%s: no driver gives its name (%r); the cable verdict is its driver's.\r\n", Which, status);
   else
-    LogPrint(u"%s is served by the driver \"%s\"; the cable verdict is that driver's.\r\n", Which, name.Get());
+    LogPrint(u"%s is served by the driver \"%s\"; the cable verdict is that driver's.\r\n", Which,
+             name.Get());
 }
 
 bool WaitForCableAtPrompt(EFI_HANDLE Nic) {
@@ -110,4 +112,16 @@ bool WaitForCableAtPrompt(EFI_HANDLE Nic) {
     return true;
   };
   return WaitForCable(kCablePlan, check, noCableYet, StallMicroseconds) == CableWaitEnd::Cabled;
+}
+
+EFI_HANDLE NicWithDevicePath(const wc::HandleBuffer& Handles, const CHAR16* Wanted) {
+  for (UINTN i = 0; Wanted != nullptr && i < Handles.Count(); ++i) {
+    wc::PoolPtr<CHAR16> text;
+    DevicePathTextOf(Handles[i], text);
+    if (text && StrFind(text.Get(), Wanted) != nullptr) {
+      LogPrint(u"The NIC device path:%s\r\n", text.Get());
+      return Handles[i];
+    }
+  }
+  return nullptr;
 }

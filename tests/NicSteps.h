@@ -44,6 +44,10 @@ void SayWhyNoNetworkStack();
 NicChoice ChooseNicSaying(const NicChoiceTexts& Texts, UINT16 DeviceId, UINT64 Index,
                           wc::HandleBuffer& Handles, EFI_HANDLE* Nic, EFI_STATUS* Status);
 
+// The first of Handles whose device path, as text, holds Wanted (logged as "The NIC device path:"); null
+// when none does.
+EFI_HANDLE NicWithDevicePath(const wc::HandleBuffer& Handles, const CHAR16* Wanted);
+
 // The cable wait of the ping test and of the NIC tests that need a link: up to six media reads
 // through a managed-network child, one second apart, with prompt 25 of the message file (connect
 // the cable) after the first read that sees none. A NIC that cannot report its media, or whose

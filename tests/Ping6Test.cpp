@@ -147,16 +147,8 @@ bool Ping6Run::ChooseNic(EFI_HANDLE* Nic) {
     return End(Outcome::Failed(kNoSuchNic));
   if (!o_.DevicePathGiven)
     return true;
-  const CHAR16* wanted = o_.DevicePath;
-  for (UINTN i = 0; i < handles.Count(); ++i) {
-    wc::PoolPtr<CHAR16> text;
-    DevicePathTextOf(handles[i], text);
-    if (text && wanted != nullptr && StrFind(text.Get(), wanted) != nullptr) {
-      LogPrint(u"The NIC device path:%s\r\n", text.Get());
-      *Nic = handles[i];
-      return true;
-    }
-  }
+  if ((*Nic = NicWithDevicePath(handles, o_.DevicePath)) != nullptr)
+    return true;
   LogPrint(u"The network card you searched is not found!\r\n");
   return End(Outcome::Failed(kNoSuchNic));
 }

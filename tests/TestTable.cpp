@@ -11,7 +11,8 @@
   TEST(kSpeedTest)              /* 4 SpeedTest */                                                            \
   TEST(kNicSpeedTest)           /* 5 NicSpeedTest */                                                         \
   TEST(kIrqTest)                /* 6 IRQTest */                                                              \
-  TEST(kPing6Test)              /* 7 ping6test */
+  TEST(kPing6Test)              /* 7 ping6test */                                                            \
+  TEST(kDownloadTest)           /* 8 downloadtest */
 
 #define DECLARE_TEST(record) extern const TestInfo record;
 #define LIST_TEST(record) &record,

@@ -87,6 +87,10 @@ def run_parser():
     parser.add_argument("--file", action="append", default=[], metavar="LOCAL=PATH",
                         help="an extra file on the VM's disk")
     parser.add_argument("--script", metavar="FILE", help="answers for prompts, progress and menus")
+    parser.add_argument("--serve", action="append", default=[], metavar="FILE",
+                        help="a file the web network of a NIC with net=web serves, as "
+                             "http://files.wirecheck.test/NAME (also https://, /limited/NAME at 1 MiB/s, and on "
+                             "port 8080 /cut/NAME and /stall/NAME, which fail halfway)")
     parser.add_argument("--call", action="append", default=[], metavar="OPTIONS",
                         help="one manager call with this option string (repeatable)")
     parser.add_argument("--verbose", action="store_true", help="show the manager's own lines and output flags")
@@ -225,6 +229,20 @@ def check_paths(call):
     return " ".join(fixed)
 
 
+def parse_served(files, nics):
+    """--serve FILE arguments: existing files with distinct names, given only with a net=web NIC."""
+    names = set()
+    for path in files:
+        if not os.path.isfile(path):
+            raise ValueError(f"--serve {path}: no such file")
+        if os.path.basename(path) in names:
+            raise ValueError(f"--serve {path}: another served file has the name {os.path.basename(path)}")
+        names.add(os.path.basename(path))
+    if files and not any(n.web for n in nics or []):
+        raise ValueError("--serve needs a NIC on the web network: --nic virtio:net=web")
+    return list(files)
+
+
 def secure_boot_image(cfg, args, work):
     """Under Secure Boot the firmware refuses its own shell: the calls go on a boot image signed with
     the test key that the Secure Boot firmware has enrolled."""
@@ -257,6 +275,7 @@ def main(argv):
         cfg.smbios = args.smbios
         cfg.variables = [parse_var(v) for v in args.var]
         cfg.files = parse_files(args.file)
+        cfg.web_files = parse_served(args.serve, cfg.nics)
         if args.script:
             with open(args.script) as f:
                 cfg.script = f.read()

@@ -104,6 +104,7 @@ NIC_OPTIONS = [
     ("link=off", "the cable is unplugged from the start"),
     ("net=none", "a network with nothing else on it"),
     ("net=peer", "the network is the project's scripted peer"),
+    ("net=web", "the network is a web network of the run's own, serving the --serve files (needs root)"),
     ("fault=PLAN", f"the scripted peer follows a fault plan ({', '.join(FAULTS)})"),
     ("mac=XX:XX:XX:XX:XX:XX", "the NIC's MAC address"),
     ("policy=dhcp|static", "the firmware's IPv4 configuration policy (default dhcp)"),
@@ -137,6 +138,7 @@ class Nic:
     gateway: str = ""  # its default gateway
     plug: int = 0  # plug the cable in (raise the link) when the manager shows this prompt number
     peer: str = ""  # the network is the project's scripted peer following this fault plan ("none": no fault)
+    web: bool = False  # the network is the run's web network (web.py)
 
     @staticmethod
     def parse(text):
@@ -152,6 +154,8 @@ class Nic:
                 nic.network = value == "user"
             elif key == "net" and value == "peer":
                 nic.peer = nic.peer or "none"
+            elif key == "net" and value == "web":
+                nic.web = True
             elif key == "fault" and value in FAULTS:
                 nic.peer = value
             elif key == "mac" and re.fullmatch(r"([0-9A-Fa-f]{2}:){5}[0-9A-Fa-f]{2}", value):
@@ -206,6 +210,7 @@ class VmConfig:
     ui: str = "both"  # the menu protocols the manager installs: both, console or none
     last_dir: str = ""  # where the run's files land (default LAST_DIR); runs side by side need their own
     firmware: object = None  # a firmware.Firmware; None: Debian 12's OVMF and iPXE ROMs, with a random-number generator
+    web_files: list = field(default_factory=list)  # files the web network serves (NICs with net=web)
 
 
 @dataclass

@@ -18,7 +18,8 @@ from .disk import build_disk, fat_partition
 from .monitor import Monitor
 from .firmware import default as firmware_default
 from .firmware import secure_build
-from .qemu import check_tools, qemu_command
+from .qemu import check_tools, qemu_command, web_tap
+from .web import WebNetwork
 from .report import test_name
 
 # What the manager prints when it waits for a key that only a person can press.
@@ -86,6 +87,7 @@ def run_vm(cfg):
         cfg.nics = [Nic()]
     start = time.time()
     work = tempfile.mkdtemp(prefix="wirecheck-vm-")
+    web = None
     try:
         disk = cfg.image or build_disk(cfg, work)
         vars_copy = os.path.join(work, "vars.fd")
@@ -95,9 +97,13 @@ def run_vm(cfg):
         else:
             vars_copy = ""  # a combined image keeps its variables in memory
         qmp_path = os.path.join(work, "qmp.sock") if any(not n.link or n.plug for n in cfg.nics) else ""
+        if any(n.web for n in cfg.nics):
+            web = WebNetwork([web_tap(i) for i, n in enumerate(cfg.nics) if n.web], cfg.web_files, work)
+            web.__enter__()
         peers = Peers(cfg.nics, work)
-        proc = subprocess.Popen(qemu_command(cfg, disk, vars_copy, qmp_path, peers.sockets, peers.qmp),
-                                stdin=subprocess.PIPE,
+        command = qemu_command(cfg, disk, vars_copy, qmp_path, peers.sockets, peers.qmp,
+                               web.cacerts if web else None)
+        proc = subprocess.Popen(web.inside(command) if web else command, stdin=subprocess.PIPE,
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         deadline = start + cfg.timeout
         raw = bytearray()
@@ -174,6 +180,8 @@ def run_vm(cfg):
                 proc.kill()
             rest, err = proc.communicate()
             raw += rest or b""
+            if web:
+                web.__exit__(None, None, None)
         serial = clean_serial(bytes(raw))
 
         if os.path.isdir(last_dir):
@@ -182,6 +190,8 @@ def run_vm(cfg):
         with open(os.path.join(last_dir, "serial.log"), "w") as f:
             f.write(serial)
         peers.keep_logs(last_dir)
+        if web:
+            web.keep_logs(last_dir)
         subprocess.run(["mcopy", "-s", "-n", "-i", fat_partition(disk), "::/", last_dir + "/"], capture_output=True)
 
         if cfg.image:
@@ -225,6 +235,8 @@ def run_vm(cfg):
             raise HarnessError(f"the manager did not finish (serial log in {last_dir})", run)
         return run
     finally:
+        if web:
+            web.__exit__(None, None, None)
         shutil.rmtree(work, ignore_errors=True)
 
 

@@ -61,12 +61,12 @@ def _alive(pid):
     return True
 
 
-def left_behind():
-    """The fleet namespaces whose run is no longer there (killed with SIGKILL, say)."""
+def left_behind(prefix=PREFIX_NAME):
+    """The namespaces of this prefix whose run is no longer there (killed with SIGKILL, say)."""
     names = [line.split()[0] for line in run(["ip", "netns", "list"]).stdout.splitlines() if line.strip()]
     found = []
     for name in names:
-        m = re.match(rf"^{PREFIX_NAME}(\d+)-", name)
+        m = re.match(rf"^{prefix}(\d+)-", name)
         if m and not _alive(int(m.group(1))):
             found.append(name)
     return found
@@ -76,8 +76,8 @@ class Namespace:
     """`with Namespace(name, taps) as ns:`; ns.inside(words) runs a command in it. With ipv6 the bridge
     also has SERVER6 (without duplicate-address detection, so that the servers can bind it at once)."""
 
-    def __init__(self, name, taps, ipv6=False):
-        self.name, self.taps, self.ipv6 = name, taps, ipv6
+    def __init__(self, name, taps, ipv6=False, address=SERVER, what="the fleet"):
+        self.name, self.taps, self.ipv6, self.address, self.what = name, taps, ipv6, address, what
 
     def __enter__(self):
         made = run(["ip", "netns", "add", self.name])
@@ -86,7 +86,7 @@ class Namespace:
                                f"./wirecheck fleet needs root (or CAP_NET_ADMIN)")
         try:
             steps = [["ip", "link", "set", "lo", "up"], ["ip", "link", "add", "br0", "type", "bridge"],
-                     ["ip", "addr", "add", f"{SERVER}/{PREFIX}", "dev", "br0"], ["ip", "link", "set", "br0", "up"]]
+                     ["ip", "addr", "add", f"{self.address}/{PREFIX}", "dev", "br0"], ["ip", "link", "set", "br0", "up"]]
             if self.ipv6:
                 steps.append(["ip", "-6", "addr", "add", f"{SERVER6}/{PREFIX6}", "dev", "br0", "nodad"])
             for tap in self.taps:
@@ -95,7 +95,7 @@ class Namespace:
             for step in steps:
                 done = run(self.inside(step))
                 if done.returncode != 0:
-                    raise HarnessError(f"{' '.join(step)} in the fleet's namespace: {done.stderr.strip()}")
+                    raise HarnessError(f"{' '.join(step)} in the namespace of {self.what}: {done.stderr.strip()}")
         except BaseException:
             self.__exit__(None, None, None)
             raise

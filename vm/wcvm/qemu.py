@@ -57,7 +57,11 @@ def rng_words(firmware):
     return ["-object", "rng-random,id=rng0,filename=/dev/urandom", "-device", "virtio-rng-pci,rng=rng0"]
 
 
-def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None, peer_monitors=None):
+def web_tap(index):
+    return f"web{index}"
+
+
+def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None, peer_monitors=None, cacerts=None):
     firmware = cfg.firmware
     cmd = machine_words(firmware, cfg.secure_boot, vars_copy) + list(ARCHES[firmware.arch].quiet_boot)
     cmd += ["-drive", f"if=none,id=d0,format=raw,file={disk}" + (",readonly=on" if cfg.write_protected else "")]
@@ -68,7 +72,10 @@ def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None, peer_monitor
         cmd += ["-device", "virtio-blk-pci,drive=d0,bootindex=0"]
     for index, nic in enumerate(cfg.nics):
         netdev = f"n{index}"
-        if nic.peer:
+        if nic.web:
+            # The run's web network: a tap device on the bridge of its namespace, where QEMU runs.
+            cmd += ["-netdev", f"tap,id={netdev},ifname={web_tap(index)},script=no,downscript=no"]
+        elif nic.peer:
             # The project's scripted peer is the whole network, on a Unix socket: nothing leaves the machine.
             cmd += ["-netdev", f"stream,id={netdev},server=off,addr.type=unix,addr.path={peer_sockets[index]}"]
         elif nic.network:
@@ -91,6 +98,9 @@ def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None, peer_monitor
             device += f",mac={nic.mac}"
         cmd += ["-device", device]
     cmd += rng_words(firmware)
+    if cacerts:
+        # The web network's certificate authority, which the firmware's TLS then trusts for HTTPS.
+        cmd += ["-fw_cfg", f"name=etc/edk2/https/cacerts,file={cacerts}"]
     for entry in cfg.smbios:
         cmd += ["-smbios", "type=" + entry]
     if qmp_path:

@@ -24,18 +24,19 @@ def efi_signature_list(certificates):
     return out
 
 
-def make_certificates(folder):
-    """The fleet's own certificate authority and the server's certificate for SERVER, signed by it;
-    returns (CA certificate PEM, server certificate, server key, cacerts for the firmware)."""
+def make_certificates(folder, names=(f"IP:{SERVER}",), common=SERVER, authority="Wirecheck fleet CA"):
+    """A certificate authority of the run's own and the server's certificate for the subject
+    alternative names given (SERVER by default), signed by it; returns (CA certificate PEM, server
+    certificate, server key, cacerts for the firmware)."""
     ca_key, ca_crt = os.path.join(folder, "ca.key"), os.path.join(folder, "ca.crt")
     key, csr, crt = (os.path.join(folder, n) for n in ("server.key", "server.csr", "server.crt"))
     ext = os.path.join(folder, "server.ext")
     with open(ext, "w") as f:
-        f.write(f"subjectAltName=IP:{SERVER}\nbasicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n")
+        f.write(f"subjectAltName={','.join(names)}\nbasicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n")
     steps = [["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "30", "-subj",
-              "/CN=Wirecheck fleet CA", "-keyout", ca_key, "-out", ca_crt,
+              f"/CN={authority}", "-keyout", ca_key, "-out", ca_crt,
               "-addext", "basicConstraints=critical,CA:TRUE", "-addext", "keyUsage=critical,keyCertSign,cRLSign"],
-             ["openssl", "req", "-newkey", "rsa:2048", "-nodes", "-subj", f"/CN={SERVER}", "-keyout", key, "-out", csr],
+             ["openssl", "req", "-newkey", "rsa:2048", "-nodes", "-subj", f"/CN={common}", "-keyout", key, "-out", csr],
              ["openssl", "x509", "-req", "-in", csr, "-CA", ca_crt, "-CAkey", ca_key, "-CAcreateserial", "-days", "30",
               "-extfile", ext, "-out", crt]]
     for step in steps:
