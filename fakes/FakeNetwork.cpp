@@ -348,6 +348,18 @@ EFI_STATUS EFIAPI Config2GetData(EFI_IP4_CONFIG2_PROTOCOL* self, EFI_IP4_CONFIG2
     std::memcpy(data, &n.policy, sizeof(n.policy));
     return EFI_SUCCESS;
   }
+  if (type == Ip4Config2DataTypeDnsServer) {
+    UINTN need = n.dnsServers.size() * sizeof(EFI_IPv4_ADDRESS);
+    if (need == 0)
+      return EFI_NOT_FOUND;
+    if (*size < need || data == nullptr) {
+      *size = need;
+      return EFI_BUFFER_TOO_SMALL;
+    }
+    std::memcpy(data, n.dnsServers.data(), need);
+    *size = need;
+    return EFI_SUCCESS;
+  }
   if (type != Ip4Config2DataTypeInterfaceInfo)
     return EFI_NOT_FOUND;
   if (n.config2NotReady > 0) {

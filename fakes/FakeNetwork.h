@@ -121,6 +121,8 @@ struct FakeNic {
   EFI_DHCP4_STATE dhcpState = Dhcp4Stopped;
   EFI_DHCP4_CONFIG_DATA dhcpConfig{};
   EFI_IP4_CONFIG2_POLICY policy = Ip4Config2PolicyDhcp;
+  std::vector<EFI_IPv4_ADDRESS> dnsServers = {
+      {{10, 0, 2, 3}}}; // what DHCP gave, as the IPv4 configuration holds it
   std::vector<std::pair<EFI_IP4_CONFIG2_DATA_TYPE, EFI_EVENT>> notifies;
 
   bool HasAddress() const { return mappedAt != ~0ull && fw.now >= mappedAt; }

@@ -73,9 +73,9 @@ LookupResult LookUpHostName(EFI_HANDLE Nic, const CHAR16* Name, UINT32 TimeoutMs
   while (token.Status == EFI_NOT_READY && gBS->CheckEvent(timer.Get()) != EFI_SUCCESS)
     dns->Poll(dns.Get());
   if (token.Status == EFI_NOT_READY) {
+    // No answer in time: the token is withdrawn (or, where Cancel will not, with the child).
     dns->Cancel(dns.Get(), &token);
-    if (token.Status == EFI_NOT_READY)
-      token.Status = EFI_TIMEOUT; // the child's destruction withdraws it
+    token.Status = EFI_TIMEOUT;
   }
   r.Microseconds = (ReadTimeStampCounter() - start) / TimeStampCounterPerMicrosecond();
   r.Status = token.Status;

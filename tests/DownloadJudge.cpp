@@ -111,14 +111,19 @@ DownloadVerdict JudgeDownload(const DownloadResult& Result, const UrlParts& Url,
                               const UINT8 (*Wanted)[kSha256Bytes], const UINT8 (&Got)[kSha256Bytes],
                               UINT64 MinSpeed, UINT64 Frequency) {
   DownloadVerdict v;
-  if (Result.FirstTicks != 0 && Result.LastTicks > Result.FirstTicks && Frequency >= 1000) {
-    UINT64 us = (Result.LastTicks - Result.FirstTicks) * 1000 / (Frequency / 1000);
-    UINT64 bytes = Result.Received - Result.FirstBytes;
+  // Bounds that keep the arithmetic within 64 bits: a day of ticks, a petabyte.
+  UINT64 ticks = Result.LastTicks - Result.FirstTicks;
+  UINT64 bytes = Result.Received - Result.FirstBytes;
+  if (Result.FirstTicks != 0 && Result.LastTicks > Result.FirstTicks && Frequency >= 1000 &&
+      ticks / Frequency < 86400 && Result.Received >= Result.FirstBytes && bytes < (1ull << 50)) {
+    UINT64 us = ticks / (Frequency / 1000) * 1000 + ticks % (Frequency / 1000) * 1000 / (Frequency / 1000);
     if (us >= kShortestTimedUs) {
+      // Bytes a second without overflow: whole seconds' worth, then the rest.
+      UINT64 perSecond = bytes / us * 1000000 + bytes % us * 1000000 / us;
       v.Timed = true;
       v.Milliseconds = us / 1000;
-      v.Mbps = bytes * 8 * 1000000 / (us * 1048576);
-      v.KibPerSecond = bytes * 1000000 / (us * 1024);
+      v.Mbps = perSecond / 131072; // x 8 / 2^20
+      v.KibPerSecond = perSecond / 1024;
     }
   }
   switch (Result.End) {

@@ -15,6 +15,8 @@
 #include <set>
 #include <string>
 
+#include "base/Sha256.h"
+#include "ping/HttpExchange.h"
 #include "frame/Module.h"
 #include "unittests/NicWorld.h"
 #include "tests/TestTable.h"
@@ -1063,6 +1065,7 @@ int RunScenario(const SweepScenario& s, uint64_t failAt, uint64_t* uses,
   int wrong = 0;
   if (w.fw.pool.size() != pool || w.fw.events.size() != events || w.fw.OpensBy(kImage) != opens ||
       w.nic.LiveChildren() != 0 || w.ipv6.LiveChildren() != 0 || w.ipv6.policy != Ip6ConfigPolicyManual ||
+      (w.web && (w.web->LiveChildren() != 0 || w.web->TokenPending())) || ExchangesLeftToFirmware() != 0 ||
       w.volume.openHandles != 0) {
     std::fprintf(stderr,
                  "%s, failure point %llu (%s): %zd pool allocations, %zd events, %zd opens, %zu children, %d "
@@ -1104,6 +1107,25 @@ int RunScenario(const SweepScenario& s, uint64_t failAt, uint64_t* uses,
 void WithMenus(NicWorld& w, INT64 answer = 0) {
   w.menus = std::make_unique<FakeMenus>(w.fw, true, true);
   w.menus->answer = answer;
+}
+
+// The NIC's HTTP and DNS clients, with a server that has a small file (a few answer calls, so that
+// the sweep stays short).
+void WithWeb(NicWorld& w) {
+  w.web = std::make_unique<FakeWeb>(w.nic);
+  w.web->body = std::string(5000, 'w');
+}
+
+// The digest of WithWeb's file, as -sha256 takes it.
+std::u16string WebFileDigest() {
+  Sha256 h;
+  std::string body(5000, 'w');
+  h.Update(body.data(), body.size());
+  UINT8 d[kSha256Bytes];
+  h.Final(d);
+  CHAR16 text[kSha256HexChars + 1];
+  FormatSha256Hex(d, text);
+  return std::u16string(text);
 }
 
 // A second NIC beside the world's.
@@ -1167,6 +1189,28 @@ const std::vector<SweepScenario>& Scenarios() {
        u"-test=ping6test -testrepeats=2",
        [](NicWorld& w) { w.ipv6.echoAnswers = false; },
        {kFailed, 0x80160807}},
+      {"downloadtest/passes",
+       u"-test=downloadtest -url=http://files.example/f -sha256=" + WebFileDigest(),
+       WithWeb,
+       {TEST_RESULT_PASSED, 0}},
+      {"downloadtest/unknown name",
+       u"-test=downloadtest -url=http://nosuch.example/f",
+       WithWeb,
+       {kFailed, 0x80160905}},
+      {"downloadtest/stalled",
+       u"-test=downloadtest -url=http://10.0.2.2/f -timeout=1",
+       [](NicWorld& w) {
+         WithWeb(w);
+         w.web->stallAfter = 2000;
+       },
+       {kFailed, 0x80160909}},
+      {"downloadtest/TLS failed",
+       u"-test=downloadtest -url=https://files.example/f",
+       [](NicWorld& w) {
+         WithWeb(w);
+         w.web->request = EFI_ABORTED;
+       },
+       {kFailed, 0x80160907}},
       {"IRQTest/passes", u"-test=IRQTest -DeviceID=1000", nullptr, {TEST_RESULT_PASSED, 0}},
       {"IRQTest/device not found", u"-test=IRQTest -DeviceID=8139", nullptr, {kFailed, 0x80160104}},
       {"detectcable/stopped NIC",

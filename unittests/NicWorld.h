@@ -8,6 +8,7 @@
 #include "fakes/FakeFileSystem.h"
 #include "fakes/FakeIpv6.h"
 #include "fakes/FakeNetwork.h"
+#include "fakes/FakeWeb.h"
 #include "frame/CommandLine.h"
 #include "frame/Dispatch.h"
 #include "frame/Startup.h"
@@ -42,6 +43,7 @@ struct NicWorld {
   // What a scenario may add, gone before the firmware they live in.
   std::unique_ptr<FakeMenus> menus;
   std::unique_ptr<FakeNic> second;
+  std::unique_ptr<FakeWeb> web; // the NIC's HTTP and DNS clients, with a server behind them
 
   NicWorld() {
     FileIoReset();

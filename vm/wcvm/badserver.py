@@ -1,9 +1,14 @@
-"""A web server that fails as the download test's faults ask, for a run's web network: it serves the
-files of ROOT, but /cut/NAME closes the connection halfway through the body and /stall/NAME stops
-sending halfway through and keeps the connection open. Python's standard library; run inside the
-run's namespace:
+"""A web server for the download test: it serves the files of ROOT as /NAME, and fails on purpose
+as the faults ask: /cut/NAME closes the connection halfway through the body, /stall/NAME stops
+sending halfway through and keeps the connection open. Python's standard library. Inside a run's
+web network it listens on a port:
 
-    python3 -m wcvm.badserver ADDRESS PORT ROOT"""
+    python3 -m wcvm.badserver ADDRESS PORT ROOT
+
+and behind QEMU's guestfwd (the user network's one way in, which restrict=on leaves open) it
+answers the one connection QEMU hands it on its standard input and output:
+
+    python3 -m wcvm.badserver --stdio ROOT"""
 import http.server
 import os
 import sys
@@ -16,7 +21,9 @@ def handler(root):
 
         def do_GET(self):
             parts = self.path.split("?")[0].strip("/").split("/")
-            if len(parts) != 2 or parts[0] not in ("cut", "stall") or parts[1] in ("", ".", ".."):
+            if len(parts) == 1:
+                parts = ["whole"] + parts
+            if len(parts) != 2 or parts[0] not in ("whole", "cut", "stall") or parts[1] in ("", ".", ".."):
                 self.send_error(404)
                 return
             path = os.path.join(root, parts[1])
@@ -29,7 +36,14 @@ def handler(root):
             self.send_header("Content-Length", str(size))
             self.end_headers()
             with open(path, "rb") as f:
-                self.wfile.write(f.read(size // 2))
+                if parts[0] == "whole":
+                    while True:
+                        block = f.read(1 << 20)
+                        if not block:
+                            break
+                        self.wfile.write(block)
+                else:
+                    self.wfile.write(f.read(size // 2))
             self.wfile.flush()
             if parts[0] == "stall":
                 time.sleep(600)  # the client gives up first; the run's end stops the server
@@ -42,7 +56,20 @@ def handler(root):
     return Bad
 
 
+class StdioConnection:
+    """QEMU's guestfwd command gets the connection as its standard input and output."""
+
+    def makefile(self, mode, *args, **kwargs):
+        return os.fdopen(os.dup(0 if "r" in mode else 1), mode, buffering=0 if "w" in mode else -1)
+
+    def sendall(self, data):
+        os.write(1, data)
+
+
 def main(argv):
+    if argv[0] == "--stdio":
+        handler(argv[1])(StdioConnection(), ("10.0.2.100", 0), None)
+        return
     address, port, root = argv[0], int(argv[1]), argv[2]
     server = http.server.ThreadingHTTPServer((address, port), handler(root))
     server.daemon_threads = True

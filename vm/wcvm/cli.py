@@ -88,9 +88,10 @@ def run_parser():
                         help="an extra file on the VM's disk")
     parser.add_argument("--script", metavar="FILE", help="answers for prompts, progress and menus")
     parser.add_argument("--serve", action="append", default=[], metavar="FILE",
-                        help="a file the web network of a NIC with net=web serves, as "
-                             "http://files.wirecheck.test/NAME (also https://, /limited/NAME at 1 MiB/s, and on "
-                             "port 8080 /cut/NAME and /stall/NAME, which fail halfway)")
+                        help="a file served to the VM: on QEMU's user network as http://10.0.2.100/NAME (also "
+                             "/cut/NAME and /stall/NAME, which fail halfway); on the web network (net=web, needs "
+                             "root) as http://files.wirecheck.test/NAME, https://..., /limited/NAME at 1 MiB/s "
+                             "and on port 8080 /cut/NAME and /stall/NAME")
     parser.add_argument("--call", action="append", default=[], metavar="OPTIONS",
                         help="one manager call with this option string (repeatable)")
     parser.add_argument("--verbose", action="store_true", help="show the manager's own lines and output flags")
@@ -238,8 +239,9 @@ def parse_served(files, nics):
         if os.path.basename(path) in names:
             raise ValueError(f"--serve {path}: another served file has the name {os.path.basename(path)}")
         names.add(os.path.basename(path))
-    if files and not any(n.web for n in nics or []):
-        raise ValueError("--serve needs a NIC on the web network: --nic virtio:net=web")
+    if files and nics is not None and not any(n.web or (n.network and not n.peer) for n in nics):
+        raise ValueError("--serve needs a NIC on QEMU's user network (the default) or on the web network "
+                         "(net=web)")
     return list(files)
 
 

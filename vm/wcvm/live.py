@@ -102,7 +102,7 @@ def run_vm(cfg):
             web.__enter__()
         peers = Peers(cfg.nics, work)
         command = qemu_command(cfg, disk, vars_copy, qmp_path, peers.sockets, peers.qmp,
-                               web.cacerts if web else None)
+                               web.cacerts if web else None, served_folder(cfg.web_files, work))
         proc = subprocess.Popen(web.inside(command) if web else command, stdin=subprocess.PIPE,
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         deadline = start + cfg.timeout
@@ -238,6 +238,17 @@ def run_vm(cfg):
         if web:
             web.__exit__(None, None, None)
         shutil.rmtree(work, ignore_errors=True)
+
+
+def served_folder(files, work):
+    """A folder of the files a user network serves (links to them), or "" without any."""
+    if not files:
+        return ""
+    folder = os.path.join(work, "served")
+    os.makedirs(folder, exist_ok=True)
+    for local in files:
+        os.symlink(os.path.abspath(local), os.path.join(folder, os.path.basename(local)))
+    return folder
 
 
 class Peers:

@@ -6,6 +6,7 @@ group per firmware.
 The boots run one after the other by default, so that no model's figures carry another boot's load;
 --jobs 2 runs two at a time (the verdicts hold under that load, the figures are slower, and iPXE's
 virtio ROM stops in its bursts more often: an explained cell, below)."""
+import hashlib
 import json
 import os
 import re
@@ -20,6 +21,7 @@ from .firmware import WITHOUT_IPV6
 from .firmware import take_options as take_firmware_options
 from .junit import take_junit, write_matrix_junit
 from .live import run_vm
+from .qemu import USER_WEB_SERVER
 from .report import call_blocks
 
 # A model's boot takes 15 to 30 s; one that takes this long, or prints nothing for this long (a
@@ -37,7 +39,29 @@ CALLS = [
     ("NicSpeedTest", "-test=NicSpeedTest", None, ""),
     ("IRQTest", "-test=IRQTest", r"Interrupt Number (\d+)", "IRQ {}"),
     ("ping6test", "-test=ping6test", r"round trip min/avg/max \d+/(\d+)/\d+ us", "{} us"),
+    ("downloadtest", "-test=downloadtest -url=http://{server}/{file} -sha256={sha256}", r"speed is (\d+) Mbit/s",
+     "{} Mbit/s"),
 ]
+
+# The file the download row fetches from the run's own web server on the user network: a few MiB
+# of bytes that are the same every run, made once.
+DOWNLOAD_FILE, DOWNLOAD_BYTES = "matrix.bin", 4 * 1024 * 1024
+
+
+def download_file():
+    """The download row's file under build/matrix (made once) and its SHA-256."""
+    path = os.path.join(ROOT, "build", "matrix", DOWNLOAD_FILE)
+    if not os.path.exists(path) or os.path.getsize(path) != DOWNLOAD_BYTES:
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        block, data = b"wirecheck matrix", bytearray()
+        while len(data) < DOWNLOAD_BYTES:
+            block = hashlib.sha256(block).digest()
+            data += block
+        with open(path + ".partial", "wb") as f:
+            f.write(data[:DOWNLOAD_BYTES])
+        os.replace(path + ".partial", path)
+    with open(path, "rb") as f:
+        return path, hashlib.sha256(f.read()).hexdigest()
 
 # Bursts at the defaults, the same boot: every call must give its figure, passed or not (a burst the
 # firmware pushes back on must still complete). Not run where one burst is already a firmware fault
@@ -53,7 +77,8 @@ ROWS = [test for test, *_ in CALLS] + [SPEED_ROW]
 # The calls that need no address go first: the firmware's DHCP, started as the VM boots, gets its
 # lease meanwhile instead of holding up pingtest. The bursts go last: iPXE's pcnet ROM sends nothing
 # more after one, and the ping tests would then fail for it.
-RUN_ORDER = sorted(CALLS, key=lambda call: {"pingtest": 1, "interactivenetworktest": 1, "SpeedTest": 2}.get(call[0], 0))
+RUN_ORDER = sorted(CALLS, key=lambda call: {"pingtest": 1, "interactivenetworktest": 1, "downloadtest": 1,
+                                             "SpeedTest": 2}.get(call[0], 0))
 
 PCNET = ("iPXE's pcnet ROM puts 15 frames on the wire and then sends nothing more: the managed network "
          "runs out of transmit buffers (Transmit: Out of Resources) and stays so however long the "
@@ -159,9 +184,11 @@ def run_model(model, work, firmware=None, bursts=SPEED_CALLS):
     where it stopped."""
     last = os.path.join(work, model)
     repeats = 0 if (model, "SpeedTest") in EXPLAINED else bursts
-    calls = [options for _, options, *_ in RUN_ORDER] + ["-test=SpeedTest"] * repeats
+    served, sha256 = download_file()
+    calls = [options.format(server=USER_WEB_SERVER, file=DOWNLOAD_FILE, sha256=sha256)
+             for _, options, *_ in RUN_ORDER] + ["-test=SpeedTest"] * repeats
     run, stopped = _boot(model, VmConfig(calls=calls, nics=[Nic(model=model)], last_dir=last, timeout=MODEL_TIMEOUT,
-                                         silence=MODEL_SILENCE, firmware=firmware))
+                                         silence=MODEL_SILENCE, firmware=firmware, web_files=[served]))
     if run is None:
         return {test: _no_answer(stopped) for test, *_ in RUN_ORDER + [(SPEED_ROW,)]}
     blocks = call_blocks(run.log)

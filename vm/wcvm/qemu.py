@@ -2,6 +2,7 @@
 hub, and the monitor socket."""
 import os
 import shutil
+import sys
 
 from .arch import ARCHES, DEFAULT_ARCH
 from .config import NIC_MODELS, HarnessError
@@ -61,7 +62,23 @@ def web_tap(index):
     return f"web{index}"
 
 
-def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None, peer_monitors=None, cacerts=None):
+# Where a user network's guest finds the run's served files: http://USER_WEB_SERVER/NAME.
+USER_WEB_SERVER = "10.0.2.100"
+
+
+def guest_forward(folder):
+    """The user network's forward of USER_WEB_SERVER:80 to a web server of the run's own for one
+    connection at a time, its standard input and output the connection (commas doubled, as QEMU's
+    option syntax wants)."""
+    if not folder:
+        return ""
+    vm_dir = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+    command = f"env PYTHONPATH={vm_dir} {sys.executable} -m wcvm.badserver --stdio {folder}"
+    return f",guestfwd=tcp:{USER_WEB_SERVER}:80-cmd:" + command.replace(",", ",,")
+
+
+def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None, peer_monitors=None, cacerts=None,
+                 served=""):
     firmware = cfg.firmware
     cmd = machine_words(firmware, cfg.secure_boot, vars_copy) + list(ARCHES[firmware.arch].quiet_boot)
     cmd += ["-drive", f"if=none,id=d0,format=raw,file={disk}" + (",readonly=on" if cfg.write_protected else "")]
@@ -79,7 +96,8 @@ def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None, peer_monitor
             # The project's scripted peer is the whole network, on a Unix socket: nothing leaves the machine.
             cmd += ["-netdev", f"stream,id={netdev},server=off,addr.type=unix,addr.path={peer_sockets[index]}"]
         elif nic.network:
-            cmd += ["-netdev", f"user,id={netdev},restrict=on"]
+            # restrict=on leaves the guest no way out but the explicit forward of the served files.
+            cmd += ["-netdev", f"user,id={netdev},restrict=on" + guest_forward(served)]
         else:
             # A hub of its own with nothing else on it: link up, no DHCP server, no way out.
             cmd += ["-netdev", f"hubport,id={netdev},hubid={10 + index}"]
