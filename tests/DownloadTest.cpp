@@ -240,8 +240,11 @@ bool DownloadRun::Resolve(EFI_HANDLE Nic) {
              url_.Host);
     break;
   case LookupEnd::NoAnswer:
-    LogPrint(u"No answer from the DNS server %d.%d.%d.%d (%d server(s) known) for %s in %d s.\r\n", s[0],
-             s[1], s[2], s[3], r.Servers, url_.Host, o_.Timeout);
+    // EDK2's DNS client drops a name error that carries nothing after the question (no SOA record, as
+    // some servers send it for their local names) and asks again: such a name reads as unanswered.
+    LogPrint(u"No answer from the DNS server %d.%d.%d.%d (%d server(s) known) for %s in %d ms; a name error "
+             u"without an SOA record also ends so, as the firmware's DNS client drops it.\r\n",
+             s[0], s[1], s[2], s[3], r.Servers, url_.Host, r.Microseconds / 1000);
     break;
   case LookupEnd::Failed:
     LogPrint(u"The lookup of %s failed (%r).\r\n", url_.Host, r.Status);

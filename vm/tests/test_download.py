@@ -9,8 +9,7 @@ import re
 import tempfile
 import unittest
 
-import wcvm  # noqa: E402 (vmtest puts the runner on the path)
-from vmtest import boot  # noqa: F401 (puts the runner on the path)
+from vmtest import wcvm
 from wcvm.web import LIMIT_BYTES, UNTRUSTED_NAME, UNTRUSTED_PORT, WEB_NAME  # noqa: E402
 
 SIZE = 8 * 1024 * 1024
@@ -36,7 +35,7 @@ class ReceivePath(unittest.TestCase):
             "missing": f"-test=downloadtest -url={url}/missing.bin",
             "cut": f"-test=downloadtest -url={url}:8080/cut/image.bin",
             "stall": f"-test=downloadtest -url={url}:8080/stall/image.bin -timeout=3",
-            "limited": f"-test=downloadtest -url={url}/limited/small.bin",
+            "limited": f"-test=downloadtest -url={url}/limited/image.bin",
             "unknown name": "-test=downloadtest -url=http://nosuch.wirecheck.test/image.bin",
             "https": f"-test=downloadtest -url=https://{WEB_NAME}/small.bin",
             "untrusted": f"-test=downloadtest -url=https://{UNTRUSTED_NAME}:{UNTRUSTED_PORT}/small.bin",

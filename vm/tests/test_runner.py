@@ -37,7 +37,7 @@ class ArgumentsTest(unittest.TestCase):
         values = {"--nic": "e1000", "--smbios": "1,family=x", "--var": "A=b", "--file": "a=b",
                   "--script": "s", "--call": "-version", "--lang": "fra", "--ui": "console", "--timeout": "9",
                   "--json": "r.json", "--junit": "r.xml", "--firmware": "edk2-2020.11", "--ipxe": "2025",
-                  "--arch": "aarch64"}
+                  "--arch": "aarch64", "--serve": "f.bin"}
         self.assertEqual(option_names(parser, True), set(values))
         for option, value in values.items():
             for words in ([option, value], [f"{option}={value}"]):

@@ -90,7 +90,7 @@ def run_parser():
     parser.add_argument("--serve", action="append", default=[], metavar="FILE",
                         help="a file served to the VM: on QEMU's user network as http://10.0.2.100/NAME (also "
                              "/cut/NAME and /stall/NAME, which fail halfway); on the web network (net=web, needs "
-                             "root) as http://files.wirecheck.test/NAME, https://..., /limited/NAME at 1 MiB/s "
+                             "root) as http://files.wirecheck.test/NAME, https://..., /limited/NAME at 512 KiB/s "
                              "and on port 8080 /cut/NAME and /stall/NAME")
     parser.add_argument("--call", action="append", default=[], metavar="OPTIONS",
                         help="one manager call with this option string (repeatable)")
