@@ -63,11 +63,17 @@ class StdioConnection:
         return os.fdopen(os.dup(0 if "r" in mode else 1), mode, buffering=0 if "w" in mode else -1)
 
     def sendall(self, data):
-        os.write(1, data)
+        view = memoryview(data)
+        while view:
+            view = view[os.write(1, view):]
 
 
 def main(argv):
     if argv[0] == "--stdio":
+        # QEMU hands the connection over as standard error too: nothing may be logged into it.
+        quiet = os.open(os.devnull, os.O_WRONLY)
+        os.dup2(quiet, 2)
+        sys.stderr = open(os.devnull, "w")
         handler(argv[1])(StdioConnection(), ("10.0.2.100", 0), None)
         return
     address, port, root = argv[0], int(argv[1]), argv[2]
