@@ -7,9 +7,21 @@
 #include <string>
 #include <vector>
 
+#include "base/Sha256.h"
 #include "fakes/FakeNetwork.h"
 #include "uefi/protocol/Dns4.h"
 #include "uefi/protocol/Http.h"
+
+// The SHA-256 of a body as -sha256 takes it.
+inline std::u16string DigestText(const std::string& Body) {
+  Sha256 h;
+  h.Update(Body.data(), Body.size());
+  UINT8 d[kSha256Bytes];
+  h.Final(d);
+  CHAR16 text[kSha256HexChars + 1];
+  FormatSha256Hex(d, text);
+  return std::u16string(text);
+}
 
 // Whether the firmware's position of an answer's status is one of 300 or more.
 bool HttpStatusIsError(EFI_HTTP_STATUS_CODE Code);

@@ -14,18 +14,14 @@
 #include "report/TestRun.h"
 #include "support/Clock.h"
 #include "tests/DownloadJudge.h"
+#include "tests/ChoiceOptions.h"
 #include "tests/NicSteps.h"
 
 EFI_STATUS DownloadTest(UINTN* Result, UINTN* ErrorCode);
 
 namespace {
 
-struct DownloadOptions {
-  UINT64 Retries = 0;
-  UINT64 Index = 1;
-  bool IndexGiven = false;
-  const CHAR16* DevicePath = nullptr;
-  bool DevicePathGiven = false;
+struct DownloadOptions : NicChoiceOptions {
   const CHAR16* Url = nullptr;
   const CHAR16* Sha256 = nullptr;
   UINT64 MinSpeed = 0;
@@ -33,34 +29,7 @@ struct DownloadOptions {
 };
 
 constexpr auto kOptions = DeclareOptions<DownloadOptions>(
-    OptionField<DownloadOptions>({.Name = u"-retries",
-                                  .Description = u"Number of retries in case of failure.",
-                                  .Type = OPTION_TYPE_INTEGER,
-                                  .Default = u"0",
-                                  .Low = u"0",
-                                  .High = u"5"},
-                                 [](DownloadOptions& o, const OptionRead& v) { return Store(o.Retries, v); }),
-    OptionField<DownloadOptions>({.Name = u"-index",
-                                  .Description =
-                                      u"Index of network card to test, default is 1. This option is "
-                                      u"mutually exclusive from DevicePath option.",
-                                  .Type = OPTION_TYPE_INTEGER,
-                                  .Default = u"1",
-                                  .Low = u"1",
-                                  .High = u"128"},
-                                 [](DownloadOptions& o, const OptionRead& v) {
-                                   o.IndexGiven = v.Given;
-                                   return Store(o.Index, v);
-                                 }),
-    OptionField<DownloadOptions>({.Name = u"-devicepath",
-                                  .Description =
-                                      u"DevicePath of Network controller to be tested. This option is "
-                                      u"mutually exclusive from Index option.",
-                                  .Type = OPTION_TYPE_STRING},
-                                 [](DownloadOptions& o, const OptionRead& v) {
-                                   o.DevicePathGiven = v.Given;
-                                   return Store(o.DevicePath, v);
-                                 }),
+    kChoiceRetries<DownloadOptions>, kChoiceIndex<DownloadOptions>, kChoiceDevicePath<DownloadOptions>,
     OptionField<DownloadOptions>({.Name = u"-url",
                                   .Description =
                                       u"The file to download: http://HOST[:PORT]/PATH or https://...; "
@@ -104,15 +73,6 @@ constexpr ErrorMeaning kErrors[] = {
     {kDigestMismatch, u"the file's SHA-256 digest differs from -sha256"},
     {kTooSlow, u"the receive throughput is below -MinSpeed"},
     {},
-};
-
-constexpr const CHAR16* kNoHandles[] = {u"No NIC with a network stack is found.\r\n", nullptr};
-constexpr const CHAR16* kLookupFailed[] = {u"Failed Locating MNSB Protocol!(%r)\r\n", nullptr};
-constexpr NicChoiceTexts kChoiceTexts = {
-    .NoHandles = kNoHandles,
-    .LookupFailed = kLookupFailed,
-    .Found = nullptr,
-    .NotThere = u"The NIC is not found!\r\n",
 };
 
 // The body goes through a buffer of this size per answer call: large enough that the calls' own cost
@@ -170,20 +130,17 @@ bool DownloadRun::ReadOptions() {
 }
 
 bool DownloadRun::ChooseNic(EFI_HANDLE* Nic) {
-  wc::HandleBuffer handles;
-  EFI_STATUS status = EFI_SUCCESS;
-  NicChoice choice =
-      ChooseNicSaying(kChoiceTexts, 0, o_.DevicePathGiven ? 1 : o_.Index, handles, Nic, &status);
-  if (choice == NicChoice::NoNic)
-    return End(Outcome::Failed(ERROR_CODE_NO_NIC));
-  if (choice == NicChoice::LookupFailed)
-    return End(Outcome::Failed(ERROR_CODE_SOFTWARE));
-  if (choice == NicChoice::NotThere)
-    return End(Outcome::Failed(kNoSuchNic));
-  if (!o_.DevicePathGiven || (*Nic = NicWithDevicePath(handles, o_.DevicePath)) != nullptr)
+  switch (ChooseNicByIndexOrPath(o_, Nic)) {
+  case NicChoice::Chosen:
     return true;
-  LogPrint(u"The network card you searched is not found!\r\n");
-  return End(Outcome::Failed(kNoSuchNic));
+  case NicChoice::NoNic:
+    return End(Outcome::Failed(ERROR_CODE_NO_NIC));
+  case NicChoice::NotThere:
+    return End(Outcome::Failed(kNoSuchNic));
+  case NicChoice::LookupFailed:
+    break;
+  }
+  return End(Outcome::Failed(ERROR_CODE_SOFTWARE));
 }
 
 bool DownloadRun::HasHttp(EFI_HANDLE Nic) {

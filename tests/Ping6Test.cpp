@@ -12,30 +12,20 @@
 #include "report/Output.h"
 #include "report/TestRun.h"
 #include "tests/Ipv6Wait.h"
+#include "tests/ChoiceOptions.h"
 #include "tests/NicSteps.h"
 
 EFI_STATUS Ping6Test(UINTN* Result, UINTN* ErrorCode);
 
 namespace {
 
-struct Ping6Options {
-  UINT64 Retries = 0;
+struct Ping6Options : NicChoiceOptions {
   UINT64 TestRepeats = 4;
-  UINT64 Index = 1;
-  bool IndexGiven = false;
-  const CHAR16* DevicePath = nullptr;
-  bool DevicePathGiven = false;
   const CHAR16* Target = nullptr;
 };
 
 constexpr auto kOptions = DeclareOptions<Ping6Options>(
-    OptionField<Ping6Options>({.Name = u"-retries",
-                               .Description = u"Number of retries in case of failure.",
-                               .Type = OPTION_TYPE_INTEGER,
-                               .Default = u"0",
-                               .Low = u"0",
-                               .High = u"5"},
-                              [](Ping6Options& o, const OptionRead& v) { return Store(o.Retries, v); }),
+    kChoiceRetries<Ping6Options>,
     OptionField<Ping6Options>({.Name = u"-testrepeats",
                                .Description = u"The number of echo requests, one a second.",
                                .Type = OPTION_TYPE_INTEGER,
@@ -43,26 +33,7 @@ constexpr auto kOptions = DeclareOptions<Ping6Options>(
                                .Low = u"1",
                                .High = u"50"},
                               [](Ping6Options& o, const OptionRead& v) { return Store(o.TestRepeats, v); }),
-    OptionField<Ping6Options>({.Name = u"-index",
-                               .Description = u"Index of network card to test, default is 1. This option is "
-                                              u"mutually exclusive from DevicePath option.",
-                               .Type = OPTION_TYPE_INTEGER,
-                               .Default = u"1",
-                               .Low = u"1",
-                               .High = u"128"},
-                              [](Ping6Options& o, const OptionRead& v) {
-                                o.IndexGiven = v.Given;
-                                return Store(o.Index, v);
-                              }),
-    OptionField<Ping6Options>({.Name = u"-devicepath",
-                               .Description =
-                                   u"DevicePath of Network controller to be tested. This option is "
-                                   u"mutually exclusive from Index option.",
-                               .Type = OPTION_TYPE_STRING},
-                              [](Ping6Options& o, const OptionRead& v) {
-                                o.DevicePathGiven = v.Given;
-                                return Store(o.DevicePath, v);
-                              }),
+    kChoiceIndex<Ping6Options>, kChoiceDevicePath<Ping6Options>,
     OptionField<Ping6Options>({.Name = u"-target",
                                .Description = u"IPv6 address to ping; default is the router that advertised "
                                               u"itself.",
@@ -86,15 +57,6 @@ constexpr ErrorMeaning kErrors[] = {
     {kDuplicate, u"another node holds an address of the NIC (duplicate address detected)"},
     {kEchoMissing, u"echo replies missing"},
     {},
-};
-
-constexpr const CHAR16* kNoHandles[] = {u"No NIC with a network stack is found.\r\n", nullptr};
-constexpr const CHAR16* kLookupFailed[] = {u"Failed Locating MNSB Protocol!(%r)\r\n", nullptr};
-constexpr NicChoiceTexts kChoiceTexts = {
-    .NoHandles = kNoHandles,
-    .LookupFailed = kLookupFailed,
-    .Found = nullptr,
-    .NotThere = u"The NIC is not found!\r\n",
 };
 
 // Each run's echo identifier differs from the last one's, so that a late reply of an earlier run
@@ -135,22 +97,17 @@ bool Ping6Run::ReadOptions() {
 }
 
 bool Ping6Run::ChooseNic(EFI_HANDLE* Nic) {
-  wc::HandleBuffer handles;
-  EFI_STATUS status = EFI_SUCCESS;
-  NicChoice choice =
-      ChooseNicSaying(kChoiceTexts, 0, o_.DevicePathGiven ? 1 : o_.Index, handles, Nic, &status);
-  if (choice == NicChoice::NoNic)
+  switch (ChooseNicByIndexOrPath(o_, Nic)) {
+  case NicChoice::Chosen:
+    return true;
+  case NicChoice::NoNic:
     return End(Outcome::Failed(kNoIpv6Stack));
-  if (choice == NicChoice::LookupFailed)
-    return End(Outcome::Failed(ERROR_CODE_SOFTWARE));
-  if (choice == NicChoice::NotThere)
+  case NicChoice::NotThere:
     return End(Outcome::Failed(kNoSuchNic));
-  if (!o_.DevicePathGiven)
-    return true;
-  if ((*Nic = NicWithDevicePath(handles, o_.DevicePath)) != nullptr)
-    return true;
-  LogPrint(u"The network card you searched is not found!\r\n");
-  return End(Outcome::Failed(kNoSuchNic));
+  case NicChoice::LookupFailed:
+    break;
+  }
+  return End(Outcome::Failed(ERROR_CODE_SOFTWARE));
 }
 
 bool Ping6Run::HasIpv6(EFI_HANDLE Nic) {

@@ -10,16 +10,6 @@ namespace {
 
 constexpr const char16_t* kUrl = u"-test=downloadtest -url=http://files.example/image.bin";
 
-std::u16string DigestOf(const std::string& data) {
-  Sha256 h;
-  h.Update(data.data(), data.size());
-  UINT8 d[kSha256Bytes];
-  h.Final(d);
-  CHAR16 text[kSha256HexChars + 1];
-  FormatSha256Hex(d, text);
-  return std::u16string(text);
-}
-
 struct DownloadOnFakes : ::testing::Test {
   NicWorld w;
   void SetUp() override {
@@ -35,7 +25,7 @@ struct DownloadOnFakes : ::testing::Test {
 };
 
 TEST_F(DownloadOnFakes, PassesWithTheDigestAndSaysTheFigure) {
-  auto o = Run(kUrl + (u" -sha256=" + DigestOf(w.web->body)));
+  auto o = Run(kUrl + (u" -sha256=" + DigestText(w.web->body)));
   EXPECT_EQ(o.result, TEST_RESULT_PASSED) << w.Said();
   std::string said = w.Said();
   EXPECT_NE(said.find("files.example is 10.0.2.2 (DNS server 10.0.2.3"), std::string::npos) << said;

@@ -15,7 +15,6 @@
 #include <set>
 #include <string>
 
-#include "base/Sha256.h"
 #include "ping/HttpExchange.h"
 #include "frame/Module.h"
 #include "unittests/NicWorld.h"
@@ -1116,18 +1115,6 @@ void WithWeb(NicWorld& w) {
   w.web->body = std::string(5000, 'w');
 }
 
-// The digest of WithWeb's file, as -sha256 takes it.
-std::u16string WebFileDigest() {
-  Sha256 h;
-  std::string body(5000, 'w');
-  h.Update(body.data(), body.size());
-  UINT8 d[kSha256Bytes];
-  h.Final(d);
-  CHAR16 text[kSha256HexChars + 1];
-  FormatSha256Hex(d, text);
-  return std::u16string(text);
-}
-
 // A second NIC beside the world's.
 void WithSecondNic(NicWorld& w) {
   w.second = std::make_unique<FakeNic>(w.fw, 4, 0x57);
@@ -1190,7 +1177,7 @@ const std::vector<SweepScenario>& Scenarios() {
        [](NicWorld& w) { w.ipv6.echoAnswers = false; },
        {kFailed, 0x80160807}},
       {"downloadtest/passes",
-       u"-test=downloadtest -url=http://files.example/f -sha256=" + WebFileDigest(),
+       u"-test=downloadtest -url=http://files.example/f -sha256=" + DigestText(std::string(5000, 'w')),
        WithWeb,
        {TEST_RESULT_PASSED, 0}},
       {"downloadtest/unknown name",

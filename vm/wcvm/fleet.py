@@ -24,7 +24,7 @@ from .firmware import take_options as take_firmware_options
 from .fleetreport import fleet_rows, read_text, refusal
 from .namespace import PREFIX_NAME, SERVER, SERVER6, Namespace, left_behind, remove, run as _run, shielded
 from .qemu import machine_words, rng_words
-from .servers import dnsmasq_words, make_certificates, nginx_config
+from .servers import dnsmasq_words, make_certificates, nginx_config, stop_processes
 
 UPLOAD_URL = f"http://{SERVER}/results"
 UPLOAD_URL_TLS = f"https://{SERVER}/results"
@@ -235,16 +235,8 @@ class Fleet:
 
     def __exit__(self, *exc):
         with shielded():
-            self._stop_servers()
+            stop_processes(self.processes)
         if hasattr(self, "ns"):
             self.ns.__exit__(None, None, None)
 
-    def _stop_servers(self):
-        for _, proc in self.processes:
-            if proc.poll() is None:
-                proc.terminate()
-        for _, proc in self.processes:
-            try:
-                proc.wait(5)
-            except subprocess.TimeoutExpired:
-                proc.kill()
+

@@ -50,11 +50,9 @@ def make_certificates(folder, names=(f"IP:{SERVER}",), common=SERVER, authority=
     return ca_crt, crt, key, cacerts
 
 
-def nginx_config(work, www, extra="", tls=None, ipv6=False):
-    tls_lines = "" if tls is None else \
-        f"    listen {SERVER}:443 ssl;\n    ssl_certificate {tls[0]};\n    ssl_certificate_key {tls[1]};\n"
-    listen6 = f"    listen [{SERVER6}]:80;\n" if ipv6 else ""
-    allow6 = f"        allow {SERVER6}/{PREFIX6};\n" if ipv6 else ""
+def nginx_head(work):
+    """The start of a nginx configuration of a run's own: in the foreground, its pid file and logs in
+    work (each request with its time, client, status and bytes), up to the opened http block."""
     return f"""user root;
 daemon off;
 pid {work}/nginx.pid;
@@ -63,7 +61,27 @@ events {{}}
 http {{
   log_format timed '$msec $remote_addr "$request" $status $body_bytes_sent';
   access_log {work}/nginx-access.log timed;
-  client_body_temp_path {work}/nginx-body;
+"""
+
+
+def stop_processes(processes):
+    """Stops the (name, process) pairs a run started: asked first, killed after 5 s."""
+    for _, proc in processes:
+        if proc.poll() is None:
+            proc.terminate()
+    for _, proc in processes:
+        try:
+            proc.wait(5)
+        except subprocess.TimeoutExpired:
+            proc.kill()
+
+
+def nginx_config(work, www, extra="", tls=None, ipv6=False):
+    tls_lines = "" if tls is None else \
+        f"    listen {SERVER}:443 ssl;\n    ssl_certificate {tls[0]};\n    ssl_certificate_key {tls[1]};\n"
+    listen6 = f"    listen [{SERVER6}]:80;\n" if ipv6 else ""
+    allow6 = f"        allow {SERVER6}/{PREFIX6};\n" if ipv6 else ""
+    return nginx_head(work) + f"""  client_body_temp_path {work}/nginx-body;
   types {{ application/octet-stream img; }}
   server {{
     listen {SERVER}:80;

@@ -20,7 +20,7 @@ import time
 
 from .config import HarnessError
 from .namespace import Namespace, left_behind, remove, run
-from .servers import make_certificates
+from .servers import make_certificates, nginx_head, stop_processes
 
 WEB_SERVER = "10.98.0.1"
 WEB_NAME = "files.wirecheck.test"
@@ -35,15 +35,7 @@ PREFIX_NAME = "wcweb-"
 
 
 def nginx_config(work, www, trusted, untrusted):
-    return f"""user root;
-daemon off;
-pid {work}/nginx.pid;
-error_log {work}/nginx-error.log;
-events {{}}
-http {{
-  log_format timed '$msec $remote_addr "$request" $status $body_bytes_sent';
-  access_log {work}/nginx-access.log timed;
-  sendfile on;
+    return nginx_head(work) + f"""  sendfile on;
   server {{
     listen {WEB_SERVER}:80;
     listen {WEB_SERVER}:443 ssl;
@@ -148,14 +140,7 @@ class WebNetwork:
                 shutil.copy(path, os.path.join(folder, "web-" + name))
 
     def __exit__(self, *exc):
-        for _, proc in self.processes:
-            if proc.poll() is None:
-                proc.terminate()
-        for _, proc in self.processes:
-            try:
-                proc.wait(5)
-            except subprocess.TimeoutExpired:
-                proc.kill()
+        stop_processes(self.processes)
         self.processes = []
         if self.ns is not None:
             self.ns.__exit__(None, None, None)
