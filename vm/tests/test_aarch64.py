@@ -1,7 +1,9 @@
-"""AArch64: Debian's AAVMF on QEMU's virt machine, TCG. A reduced set, three boots: every test with the
-second NIC's cable plugged in at the prompt, run as a user runs it on a firmware engineer's own build
-(the code volume alone and a short variable store, as EDK2's build writes them); two faults of the
-scripted peer; and a signed menu stick booted from USB with Secure Boot on."""
+"""AArch64: Debian's AAVMF on QEMU's virt machine, TCG. A reduced set, three boots: every test (the
+download from a file the user network serves) with the second NIC's cable plugged in at the prompt,
+run as a user runs it on a firmware engineer's own build (the code volume alone and a short variable
+store, as EDK2's build writes them); two faults of the scripted peer; and a signed menu stick booted
+from USB with Secure Boot on."""
+import hashlib
 import json
 import os
 import re
@@ -15,11 +17,14 @@ import wcvm  # noqa: E402 (vmtest puts the runner on the path)
 from wcvm.faults import run_group  # noqa: E402
 from wcvm.firmware import AARCH64_GENERATIONS, resolve, test_signing_key  # noqa: E402
 
+# A file the user network serves (http://10.0.2.100/NAME), for the download.
+SERVED = bytes(range(256)) * 4096
 CALLS = ["-test=pingtest", "-test=SpeedTest -NetworkSpeed=1", "-test=detectcable", "-test=macaddresstest",
          "-test=IRQTest", "-test=NicSpeedTest", "-test=interactivenetworktest", "-test=ping6test",
+         f"-test=downloadtest -url=http://10.0.2.100/served.bin -sha256={hashlib.sha256(SERVED).hexdigest()}",
          "-test=pingtest -index=2"]
 # The defined results: NicSpeedTest knows no emulated NIC (Unsupported), the rest pass.
-EXPECTED = [("Passed", "0x0")] * 5 + [("Failed", "0x800000FF")] + [("Passed", "0x0")] * 3
+EXPECTED = [("Passed", "0x0")] * 5 + [("Failed", "0x800000FF")] + [("Passed", "0x0")] * 4
 RESULT = re.compile(r"^RESULT result=(\w+) error=(0x[0-9A-F]+)", re.M)
 
 
@@ -40,11 +45,14 @@ def own_build(work):
 class EveryTest(unittest.TestCase):
     def test_every_test_on_an_own_build_and_the_cable_plugged_in_at_the_prompt(self):
         with tempfile.TemporaryDirectory() as work:
-            script = os.path.join(work, "script.txt")
+            script, served = os.path.join(work, "script.txt"), os.path.join(work, "served.bin")
             with open(script, "w") as f:
                 f.write("menu 1\n" + "prompt ok\n" * 3)
+            with open(served, "wb") as f:
+                f.write(SERVED)
             done = subprocess.run(RUNNER + ["--arch", "aarch64", "--firmware", own_build(work), "--nic", "virtio",
-                                            "--nic", "virtio:link=off,plug=25", "--script", script, "--"] + CALLS,
+                                            "--nic", "virtio:link=off,plug=25", "--script", script,
+                                            "--serve", served, "--"] + CALLS,
                                   capture_output=True, text=True, timeout=600, stdin=subprocess.DEVNULL)
         self.assertEqual([(m.group(1), m.group(2)) for m in RESULT.finditer(done.stdout)], EXPECTED,
                          done.stdout[-3000:] + done.stderr)
