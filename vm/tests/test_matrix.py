@@ -30,9 +30,12 @@ class CompatibilityMatrix(unittest.TestCase):
         with open(os.path.join(ROOT, "build", "matrix.json")) as f:
             matrix = json.load(f)
         self.assertEqual(set(matrix["models"]), set(suite_models()))
-        # Eight tests, the twenty bursts, detectcable, pingtest and ping6test with the cables out, a cable
+        # Nine tests, the twenty bursts, detectcable, pingtest and ping6test with the cables out, a cable
         # plugged in, and virtio's cables out beside its iPXE twin, whose driver then serves both NICs.
-        self.assertEqual(len(matrix["rows"]), 14)
+        self.assertEqual(len(matrix["rows"]), 15)
+        download = next(r for r in matrix["rows"] if r["test"] == "downloadtest")
+        self.assertTrue(all(c["verdict"] == "as defined" and c["figure"].endswith("Mbit/s")
+                            for c in download["cells"].values()), download)
         ping6 = next(r for r in matrix["rows"] if r["test"] == "ping6test")
         self.assertTrue(all(c["verdict"] == "as defined" for c in ping6["cells"].values()), ping6)
         mixed = next(r for r in matrix["rows"] if r["test"] == "detectcable, cables out, beside its iPXE twin")
