@@ -1,6 +1,7 @@
 #include "tests/ChoiceOptions.h"
 
 #include "report/Output.h"
+#include "report/Results.h"
 
 namespace {
 
@@ -15,15 +16,23 @@ constexpr NicChoiceTexts kChoiceTexts = {
 
 } // namespace
 
-NicChoice ChooseNicByIndexOrPath(const NicChoiceOptions& Options, EFI_HANDLE* Nic) {
+UINTN ChooseNicByIndexOrPath(const NicChoiceOptions& Options, UINTN NoNicCode, UINTN NotThereCode,
+                             EFI_HANDLE* Nic) {
   wc::HandleBuffer handles;
   EFI_STATUS status = EFI_SUCCESS;
-  NicChoice choice =
-      ChooseNicSaying(kChoiceTexts, 0, Options.DevicePathGiven ? 1 : Options.Index, handles, Nic, &status);
-  if (choice != NicChoice::Chosen || !Options.DevicePathGiven)
-    return choice;
-  if ((*Nic = NicWithDevicePath(handles, Options.DevicePath)) != nullptr)
-    return NicChoice::Chosen;
+  switch (
+      ChooseNicSaying(kChoiceTexts, 0, Options.DevicePathGiven ? 1 : Options.Index, handles, Nic, &status)) {
+  case NicChoice::NoNic:
+    return NoNicCode;
+  case NicChoice::NotThere:
+    return NotThereCode;
+  case NicChoice::LookupFailed:
+    return ERROR_CODE_SOFTWARE;
+  case NicChoice::Chosen:
+    break;
+  }
+  if (!Options.DevicePathGiven || (*Nic = NicWithDevicePath(handles, Options.DevicePath)) != nullptr)
+    return ERROR_CODE_NONE;
   LogPrint(u"The network card you searched is not found!\r\n");
-  return NicChoice::NotThere;
+  return NotThereCode;
 }

@@ -46,5 +46,8 @@ inline constexpr OptionDecl<O> kChoiceDevicePath = OptionField<O>(
     });
 
 // The chosen NIC among the managed-network handles, by -devicepath when given, otherwise by -index;
-// NotThere when neither names one (logged).
-NicChoice ChooseNicByIndexOrPath(const NicChoiceOptions& Options, EFI_HANDLE* Nic);
+// NotThere when neither names one (logged). The error code of a choice that failed: the test's own for
+// no NIC at all and for a NIC that is not there, ERROR_CODE_SOFTWARE for a failed lookup;
+// ERROR_CODE_NONE when the NIC was chosen.
+UINTN ChooseNicByIndexOrPath(const NicChoiceOptions& Options, UINTN NoNicCode, UINTN NotThereCode,
+                             EFI_HANDLE* Nic);

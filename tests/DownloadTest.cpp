@@ -130,17 +130,8 @@ bool DownloadRun::ReadOptions() {
 }
 
 bool DownloadRun::ChooseNic(EFI_HANDLE* Nic) {
-  switch (ChooseNicByIndexOrPath(o_, Nic)) {
-  case NicChoice::Chosen:
-    return true;
-  case NicChoice::NoNic:
-    return End(Outcome::Failed(ERROR_CODE_NO_NIC));
-  case NicChoice::NotThere:
-    return End(Outcome::Failed(kNoSuchNic));
-  case NicChoice::LookupFailed:
-    break;
-  }
-  return End(Outcome::Failed(ERROR_CODE_SOFTWARE));
+  UINTN code = ChooseNicByIndexOrPath(o_, ERROR_CODE_NO_NIC, kNoSuchNic, Nic);
+  return code == ERROR_CODE_NONE || End(Outcome::Failed(code));
 }
 
 bool DownloadRun::HasHttp(EFI_HANDLE Nic) {

@@ -97,17 +97,8 @@ bool Ping6Run::ReadOptions() {
 }
 
 bool Ping6Run::ChooseNic(EFI_HANDLE* Nic) {
-  switch (ChooseNicByIndexOrPath(o_, Nic)) {
-  case NicChoice::Chosen:
-    return true;
-  case NicChoice::NoNic:
-    return End(Outcome::Failed(kNoIpv6Stack));
-  case NicChoice::NotThere:
-    return End(Outcome::Failed(kNoSuchNic));
-  case NicChoice::LookupFailed:
-    break;
-  }
-  return End(Outcome::Failed(ERROR_CODE_SOFTWARE));
+  UINTN code = ChooseNicByIndexOrPath(o_, kNoIpv6Stack, kNoSuchNic, Nic);
+  return code == ERROR_CODE_NONE || End(Outcome::Failed(code));
 }
 
 bool Ping6Run::HasIpv6(EFI_HANDLE Nic) {
