@@ -121,6 +121,10 @@ bool DownloadRun::ReadOptions() {
     ErrorPrint(u"Not an http:// or https:// URL with a host: %s\r\n", o_.Url);
     return End(Outcome::Failed(ERROR_CODE_INVALID_OPTIONS));
   }
+  if (url_.Ipv6) {
+    ErrorPrint(u"A server by its IPv6 address is not yet supported by this test: %s\r\n", o_.Url);
+    return End(Outcome::Failed(ERROR_CODE_INVALID_OPTIONS));
+  }
   checkDigest_ = o_.Sha256 != nullptr && o_.Sha256[0] != 0;
   if (checkDigest_ && !ParseSha256Hex(o_.Sha256, digest_)) {
     ErrorPrint(u"-sha256 takes 64 hexadecimal digits: %s\r\n", o_.Sha256);
@@ -274,10 +278,6 @@ bool DownloadRun::Attempt(Attempts& Attempts) {
   }
   if (!Attempts.Advance(Attempts.Share() / 8))
     return false;
-  if (url_.Ipv6) {
-    LogPrint(u"IPv6 servers are not yet supported by this test.\r\n");
-    return End(Outcome::Failed(ERROR_CODE_INVALID_OPTIONS));
-  }
   if (!BringUpIpv4(nic))
     return failCode_ == kNoAddress;
   if (!Attempts.Advance(Attempts.Share() / 8))
