@@ -1,4 +1,4 @@
-"""./wirecheck matrix: the eight tests on every NIC model, one boot per model, as a table of results,
+"""./wirecheck matrix: the nine tests on every NIC model, one boot per model, as a table of results,
 error codes and the figure that matters for each test; then the cable-out rows, a second boot per
 model with the cables unplugged; on one firmware or on every generation (--firmware all), a column
 group per firmware.
