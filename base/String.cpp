@@ -184,3 +184,12 @@ BOOLEAN UnicodeToAscii(CHAR8* Destination, UINTN DestinationSize, const CHAR16* 
   Destination[i] = 0;
   return TRUE;
 }
+
+void AsciiStrCopyCut(CHAR8* Destination, UINTN DestinationSize, const CHAR8* Source) {
+  if (DestinationSize == 0)
+    return;
+  UINTN n = 0;
+  for (; Source[n] != 0 && n + 1 < DestinationSize; ++n)
+    Destination[n] = Source[n];
+  Destination[n] = 0;
+}

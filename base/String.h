@@ -44,5 +44,7 @@ const CHAR16* StrFindChar(const CHAR16* s, CHAR16 c);
 CHAR16* StrFindLastChar(CHAR16* s, CHAR16 c);
 
 UINTN AsciiStrLen(const CHAR8* s);
+// Copies an ASCII text, cut to the buffer (DestinationSize bytes, terminator included).
+void AsciiStrCopyCut(CHAR8* Destination, UINTN DestinationSize, const CHAR8* Source);
 BOOLEAN AsciiToUnicode(CHAR16* Destination, UINTN DestinationSize, const CHAR8* Source);
 BOOLEAN UnicodeToAscii(CHAR8* Destination, UINTN DestinationSize, const CHAR16* Source);

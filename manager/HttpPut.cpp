@@ -20,14 +20,6 @@ bool Fits(UINTN written, UINTN size) {
   return written + 1 < size / sizeof(CHAR16);
 }
 
-// Copies an ASCII text, cut to the buffer.
-void CopyAscii(CHAR8* out, UINTN size, const CHAR8* in) {
-  UINTN n = 0;
-  for (; in[n] != 0 && n + 1 < size; ++n)
-    out[n] = in[n];
-  out[n] = 0;
-}
-
 } // namespace
 
 bool FormatSystemUuid(const UINT8 (&Uuid)[16], CHAR16* Out, UINTN OutSize) {
@@ -114,8 +106,8 @@ PutOutcome HttpPut(EFI_HANDLE Service, const CHAR16* Url, const CHAR8* ContentTy
     return outcome;
   }
   CopyMem(sent->Body, Body, Size);
-  CopyAscii(sent->Host, sizeof(sent->Host), host);
-  CopyAscii(sent->Type, sizeof(sent->Type), ContentType);
+  AsciiStrCopyCut(sent->Host, sizeof(sent->Host), host);
+  AsciiStrCopyCut(sent->Type, sizeof(sent->Type), ContentType);
   CHAR16 digits[24];
   SPrint(digits, sizeof(digits), u"%d", Size);
   UnicodeToAscii(sent->Length, sizeof(sent->Length), digits);

@@ -66,13 +66,6 @@ void CopyCut(CHAR8* out, UINTN size, const CHAR8* in) {
   out[n] = 0;
 }
 
-void CopyAscii(CHAR8* out, UINTN size, const CHAR8* in) {
-  UINTN n = 0;
-  for (; in[n] != 0 && n + 1 < size; ++n)
-    out[n] = in[n];
-  out[n] = 0;
-}
-
 // The answer's half of the exchange, made once and used for every call: the headers' call first,
 // then one call per piece of the body into the same buffer.
 class AnswerCalls {
@@ -130,7 +123,7 @@ EFI_STATUS SendRequest(EFI_HTTP_PROTOCOL* http, const CHAR16* url, const CHAR8* 
   e->Url = StrDuplicate(url);
   if (e->Url == nullptr)
     return EFI_OUT_OF_RESOURCES;
-  CopyAscii(e->Host, sizeof(e->Host), host);
+  AsciiStrCopyCut(e->Host, sizeof(e->Host), host);
   const CHAR8* names[] = {"Host", "User-Agent", "Accept"};
   const CHAR8* values[] = {e->Host, "Wirecheck/1.1", "*/*"};
   for (UINTN i = 0; i < 3; ++i)
