@@ -8,6 +8,12 @@
 
 namespace {
 
+// EDK2's managed network takes in one frame per poll, and its TCP completes a receive as soon as a
+// segment is there: a piece asked for at once is one segment, at the cost of a whole answer call
+// each. Polling first lets the segments gather in the connection's buffer (two megabytes in EDK2),
+// and one call then takes them all: on QEMU's virtio NIC, 45,000 calls for 64 MiB become 2,000.
+constexpr UINTN kPollsBetweenCalls = 32;
+
 constexpr CHAR8 ToLowerAscii(CHAR8 c) {
   return c >= 'A' && c <= 'Z' ? CHAR8(c - 'A' + 'a') : c;
 }
@@ -81,7 +87,9 @@ public:
       return status;
     e_->Body = AllocatePool(ChunkBytes);
     chunk_ = ChunkBytes;
-    return e_->Body == nullptr ? EFI_OUT_OF_RESOURCES : EFI_SUCCESS;
+    if (e_->Body == nullptr)
+      return EFI_OUT_OF_RESOURCES;
+    return timer_.Create(EVT_TIMER);
   }
   // One call: the headers' (Headers true) or a piece of the body's. The exchange is gone (null)
   // when the firmware kept a token it would not give back.
@@ -100,7 +108,10 @@ public:
     e_->Message.Data.Response = Headers ? &e_->Response : nullptr;
     e_->Message.BodyLength = chunk_;
     e_->Message.Body = e_->Body;
-    return AwaitHttpExchange(http_, e_, false, TimeoutMs);
+    if (!Headers)
+      for (UINTN i = 0; i < kPollsBetweenCalls; ++i)
+        http_->Poll(http_);
+    return AwaitHttpExchange(http_, e_, false, TimeoutMs, nullptr, timer_.Get());
   }
   bool Gone() const { return e_ == nullptr; }
   const EFI_HTTP_MESSAGE& Message() const { return e_->Message; }
@@ -110,6 +121,7 @@ public:
 private:
   EFI_HTTP_PROTOCOL* http_;
   HttpExchange* e_ = nullptr;
+  wc::EventOwner timer_; // goes before the exchange: a token's wait never outlives it
   UINTN chunk_ = 0;
 };
 
@@ -227,16 +239,21 @@ DownloadResult HttpDownload(EFI_HANDLE Service, const DownloadSettings& Settings
   if (Sink.Answer != nullptr)
     Sink.Answer(Sink.Context, r.Headers);
   UINTN piece = calls.Message().BodyLength;
+  UINT64 sinkTicks = 0;
   for (;;) {
     if (piece > 0) {
       UINT64 now = ReadTimeStampCounter();
       if (r.FirstTicks == 0) {
         r.FirstTicks = now;
         r.FirstBytes = piece;
+      } else {
+        r.SinkTicks += sinkTicks; // the previous piece's, which ran before this stamp
       }
       r.LastTicks = now;
       r.Received += piece;
-      if (Sink.Piece != nullptr && !Sink.Piece(Sink.Context, calls.Body(), piece, r.Received)) {
+      bool more = Sink.Piece == nullptr || Sink.Piece(Sink.Context, calls.Body(), piece, r.Received);
+      sinkTicks = ReadTimeStampCounter() - now;
+      if (!more) {
         r.End = DownloadEnd::Stopped;
         return r;
       }

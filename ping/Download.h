@@ -57,6 +57,7 @@ struct DownloadResult {
   UINT64 FirstTicks = 0;  // the counter when the first piece of the body arrived (0: none)
   UINT64 LastTicks = 0;   // ... and the last
   UINT64 AnswerCalls = 0; // answer calls made for the body
+  UINT64 SinkTicks = 0;   // of LastTicks - FirstTicks, the ticks in the sink: the rest is the firmware's
 };
 
 DownloadResult HttpDownload(EFI_HANDLE Service, const DownloadSettings& Settings, const DownloadSink& Sink);

@@ -144,23 +144,26 @@ void FreeHttpExchange(HttpExchange* e) {
 }
 
 EFI_STATUS AwaitHttpExchange(EFI_HTTP_PROTOCOL* Http, HttpExchange*& Exchange, bool Request, UINT32 TimeoutMs,
-                             const WaitBound* Bound) {
+                             const WaitBound* Bound, EFI_EVENT Timer) {
   EFI_STATUS status =
       Request ? Http->Request(Http, &Exchange->Token) : Http->Response(Http, &Exchange->Token);
   if (EFI_ERROR(status)) {
     Exchange->Token.Status = status; // never queued
     return status;
   }
-  wc::EventOwner timer;
-  status = timer.Create(EVT_TIMER);
+  wc::EventOwner own;
+  if (Timer == nullptr) {
+    status = own.Create(EVT_TIMER);
+    Timer = own.Get();
+  }
   if (EFI_ERROR(status) ||
-      EFI_ERROR(status = gBS->SetTimer(timer.Get(), TimerRelative, UINT64(TimeoutMs) * 10000))) {
+      EFI_ERROR(status = gBS->SetTimer(Timer, TimerRelative, UINT64(TimeoutMs) * 10000))) {
     Withdraw(Http, Exchange);
     return status;
   }
   while (Exchange->Token.Status == EFI_NOT_READY) {
     Http->Poll(Http);
-    bool over = gBS->CheckEvent(timer.Get()) == EFI_SUCCESS || (Bound != nullptr && Bound->Over());
+    bool over = gBS->CheckEvent(Timer) == EFI_SUCCESS || (Bound != nullptr && Bound->Over());
     if (over && Exchange->Token.Status == EFI_NOT_READY) {
       Withdraw(Http, Exchange);
       return EFI_TIMEOUT;

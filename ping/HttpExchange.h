@@ -79,9 +79,10 @@ void FreeHttpExchange(HttpExchange* Exchange);
 // Sends the request (Request true) or asks for the answer, then polls the child until the token
 // completes, TimeoutMs pass or the bound is over (EFI_TIMEOUT). A token still pending is cancelled;
 // one the firmware will not give back is left to it with its exchange, which Exchange then no longer
-// names (null).
+// names (null). Timer, when given, is a timer event of the caller's that the wait sets again, which
+// spares a call per piece of a long body the creation of one of its own.
 EFI_STATUS AwaitHttpExchange(EFI_HTTP_PROTOCOL* Http, HttpExchange*& Exchange, bool Request, UINT32 TimeoutMs,
-                             const WaitBound* Bound = nullptr);
+                             const WaitBound* Bound = nullptr, EFI_EVENT Timer = nullptr);
 
 // Frees the exchanges left to the firmware whose token has since completed; how many are still left.
 void ReleaseFinishedExchanges();

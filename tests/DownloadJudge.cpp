@@ -124,6 +124,7 @@ DownloadVerdict JudgeDownload(const DownloadResult& Result, const UrlParts& Url,
       v.Milliseconds = us / 1000;
       v.Mbps = perSecond / 131072; // x 8 / 2^20
       v.KibPerSecond = perSecond / 1024;
+      v.SinkMilliseconds = Result.SinkTicks < ticks ? Result.SinkTicks / (Frequency / 1000) : v.Milliseconds;
     }
   }
   switch (Result.End) {
@@ -211,10 +212,13 @@ void SayDownload(const DownloadResult& Result, const DownloadVerdict& Verdict, c
     LogPrint(u", server %a", h.Server);
   LogPrint(u"\r\n");
   LogPrint(u"Received %ld bytes in %ld answer call(s)\r\n", Result.Received, Result.AnswerCalls + 1);
-  if (Verdict.Timed)
+  if (Verdict.Timed) {
     LogPrint(u"Received %ld bytes using %ld ms, speed is %ld Mbit/s (%ld KiB/s)\r\n",
              Result.Received - Result.FirstBytes, Verdict.Milliseconds, Verdict.Mbps, Verdict.KibPerSecond);
-  else
+    // Where the time went: the module's own work on the pieces, the rest in the firmware's receive.
+    LogPrint(u"Of those ms, %ld went to the digest and the progress, the rest to the firmware's receive.\r\n",
+             Verdict.SinkMilliseconds);
+  } else
     LogPrint(u"The transfer was too short to time.\r\n");
   if (Result.End == DownloadEnd::Stalled)
     LogPrint(u"The transfer stalled: no byte for %d s after %ld bytes.\r\n", TimeoutSeconds, Result.Received);

@@ -40,7 +40,8 @@ struct DownloadVerdict {
   bool Timed = false;           // the transfer lasted long enough to time
   UINT64 Milliseconds = 0;      // first to last byte
   UINT64 KibPerSecond = 0;
-  UINT64 Mbps = 0; // Mbit/s of 2^20 bits, as the speed test counts
+  UINT64 Mbps = 0;             // Mbit/s of 2^20 bits, as the speed test counts
+  UINT64 SinkMilliseconds = 0; // of Milliseconds, the module's own work on the pieces
   bool DigestChecked = false;
 };
 

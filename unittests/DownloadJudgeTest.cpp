@@ -143,6 +143,12 @@ TEST(DownloadVerdicts, EachEndHasItsCode) {
   EXPECT_TRUE(v.Timed);
   EXPECT_EQ(v.Mbps, 255u);
   EXPECT_EQ(v.Milliseconds, 2000u);
+  // The module's own share of those 2 s, and never more than all of them.
+  done.SinkTicks = hz / 4;
+  EXPECT_EQ(JudgeDownload(done, http, &got, got, 0, hz).SinkMilliseconds, 250u);
+  done.SinkTicks = 5 * hz;
+  EXPECT_EQ(JudgeDownload(done, http, &got, got, 0, hz).SinkMilliseconds, 2000u);
+  done.SinkTicks = 0;
   EXPECT_EQ(JudgeDownload(done, http, &other, got, 0, hz).Code, kDigestMismatch);
   EXPECT_EQ(JudgeDownload(done, http, nullptr, got, 256, hz).Code, kTooSlow);
   EXPECT_EQ(JudgeDownload(done, http, nullptr, got, 255, hz).Code, ERROR_CODE_NONE);
