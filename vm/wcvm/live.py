@@ -26,6 +26,8 @@ from .report import test_name
 WAITING_LINES = ("Press a key to continue, ESC to abort.", "Choose an item with its number, ESC to cancel.")
 # VexRun's menu waits for a key after each of these lines, in the manager's language.
 WAITING_PREFIX = "FRONT hint="
+# The lines of a quiet boot's serial log that its error quotes.
+SERIAL_TAIL = 25
 
 
 def _question(serial):
@@ -228,7 +230,10 @@ def run_vm(cfg):
             # The calls that finished before the VM stopped answering are kept (the manager writes its
             # files through after every call).
             what = f"printed nothing for {cfg.silence} s" if silent else f"did not finish within {cfg.timeout} s"
-            raise HarnessError(f"the VM {what} (serial log in {last_dir})", run)
+            # The serial log's end goes with the error: a suite run removes its folders, and where
+            # the firmware stopped is the one thing to know of a boot that went quiet.
+            tail = "\n".join("  | " + line for line in serial.rstrip().splitlines()[-SERIAL_TAIL:])
+            raise HarnessError(f"the VM {what} (serial log in {last_dir}); it ended:\n{tail}", run)
         if proc.returncode != 0:
             raise HarnessError(f"QEMU failed ({proc.returncode}): {err.decode(errors='replace').strip()}")
         if "VEXRUN END" not in output:

@@ -243,7 +243,7 @@ def _boot(model, cfg):
         return run_vm(cfg), ""
     except HarnessError as e:
         print(f"wirecheck matrix: {model}: {e}", file=sys.stderr, flush=True)
-        return e.partial, str(e)
+        return e.partial, str(e).splitlines()[0]  # the cell takes the reason, not the quoted log
 
 
 def _cell(run, index, stopped, flags=None, lines=(), pattern=None, shape="{}"):
