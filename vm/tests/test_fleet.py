@@ -1,6 +1,7 @@
 """A fleet boots the image from the network and every machine's results land on the web server: the
 fleet command as a data centre runs it, the faults of the server's side (HTTPS among them) in one
 fleet, and Secure Boot over the network. Needs root for the fleet's network namespace."""
+import hashlib
 import json
 import os
 import re
@@ -51,19 +52,26 @@ def altered(make, name):
 @unittest.skipUnless(os.geteuid() == 0, "the fleet's network namespace needs root")
 class Fleet(unittest.TestCase):
     def test_three_machines_boot_over_ipv6_each_with_its_results_under_its_uuid(self):
-        # HTTP boot over IPv6, uploads to the server's IPv6 address; pingtest still has DHCPv4. (The
+        # HTTP boot over IPv6, uploads to the server's IPv6 address; pingtest still has DHCPv4, and
+        # every machine fetches its "image" from the same server, named SERVER in the call. (The
         # other fleets of this file boot over IPv4.)
-        calls = CALLS + ["-test=ping6test"]
         with tempfile.TemporaryDirectory() as work:
+            image = os.path.join(work, "image.bin")
+            with open(image, "wb") as f:
+                f.write(os.urandom(4 << 20))
+            with open(image, "rb") as f:
+                digest = hashlib.sha256(f.read()).hexdigest()
+            calls = CALLS + ["-test=ping6test", f"-test=downloadtest -url=http://SERVER/image.bin -sha256={digest}"]
             junit = os.path.join(work, "fleet.xml")
-            done = subprocess.run(RUNNER + ["fleet", "3", "--ipv6", "--junit", junit, "--"] + calls,
+            done = subprocess.run(RUNNER + ["fleet", "3", "--ipv6", "--serve", image, "--junit", junit, "--"] + calls,
                                   capture_output=True, text=True, timeout=600)
             self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+            self.assertIn(f"serving {image} as http://{fleet.SERVER}/image.bin", done.stdout)
             # Read with a JUnit parser (Debian's python3-junitparser, for the system's Python).
             parsed = subprocess.run(["/usr/bin/python3", "-c", JUNIT_READER, junit], capture_output=True, text=True,
                                     timeout=60)
             self.assertEqual(parsed.returncode, 0, parsed.stderr)
-            self.assertEqual(parsed.stdout.split(), ["9", "9"])
+            self.assertEqual(parsed.stdout.split(), ["12", "12"])
         where = re.search(r"results in (\S+)/results/;", done.stdout).group(1)
         machines = sorted(os.listdir(os.path.join(where, "results")))
         self.assertEqual(len(machines), 3)
@@ -76,17 +84,19 @@ class Fleet(unittest.TestCase):
                 text = f.read()
             # The machine names itself inside the results: UUID, serial number, first NIC's MAC.
             self.assertRegex(text, rf"MACHINE uuid={uuid} serial=WC\d+ mac=52:54:00:99:00:0[123]")
-            self.assertEqual(text.count("RESULT result=Passed"), 3)
+            self.assertEqual(text.count("RESULT result=Passed"), 4)
             with open(os.path.join(folder, "results.json")) as f:
                 report = json.load(f)
             self.assertEqual(report["machine"]["uuid"], uuid)
-            self.assertEqual([c["result"] for c in report["cases"]], ["Passed"] * 3)
+            self.assertEqual([c["result"] for c in report["cases"]], ["Passed"] * 4)
         # The image came over IPv6, and so did every result.
         with open(os.path.join(os.path.dirname(where), "nginx-access.log")) as f:
             requests = [line.split() for line in f]
         self.assertTrue(any(r[1].startswith("fd99::") and r[3] == "/stick.img" for r in requests))
         puts = [r for r in requests if r[2] == '"PUT']
         self.assertTrue(puts and all(r[1].startswith("fd99::") for r in puts), puts[:3])
+        fetched = {r[1] for r in requests if r[3] == "/image.bin" and r[5] == "200"}
+        self.assertEqual(len(fetched), 3, requests)
         self.assertLessEqual(os.path.getsize(os.path.join(where, "stick.img")), IMAGE_SIZE)
 
     def test_the_server_side_faults_lose_nothing(self):
@@ -142,6 +152,7 @@ class Arguments(unittest.TestCase):
                  (["fleet", "0", "--", "-test=pingtest"], "give 1 to 64 machines"),
                  (["fleet", "2", "--sign", "k.pem", "--", "-version"], "--sign KEY and --cert CERT go together"),
                  (["fleet", "2", "--ipxe", "2025", "--", "-version"], "--ipxe does not apply to the fleet"),
+                 (["fleet", "2", "--serve", "/nonexistent/image.bin", "--", "-version"], "no such file"),
                  (["image", "x.img", "--", "-version", ""], "an empty option string is no call"),
                  (["image", "x.img", "--upload", "ftp://10.0.0.1/r", "-version"], "give an http:// or https:// URL"),
                  (["image", "x.img", "--upload", "http://10.0.0.1/a b", "-version"], "without spaces")]

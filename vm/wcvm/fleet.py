@@ -133,7 +133,7 @@ class Fleet:
     """The namespace, the servers and the machines of one fleet run; `with Fleet(...) as f: f.boot()`."""
 
     def __init__(self, machines, calls, firmware=None, secure=False, sign=None, images=None, nginx_extra="",
-                 servers=(), work=None, https=False, script="", ipv6=False):
+                 servers=(), work=None, https=False, script="", ipv6=False, served=()):
         self.machines, self.calls, self.secure, self.https = machines, calls, secure, https
         self.ipv6 = ipv6  # HTTP boot over IPv6, and uploads to the server's IPv6 address
         self.script = script  # answers on the stick (with no calls: the technician's menu, scripted)
@@ -142,6 +142,7 @@ class Fleet:
         self.images = images or {}  # name -> function(path) that makes it, beside stick.img
         self.nginx_extra = nginx_extra
         self.servers = servers  # further programs to start in the namespace (a slow server, say)
+        self.served = served  # the user's files, under the server's root by their names (--serve)
         os.makedirs(FLEET_DIR, exist_ok=True)
         self.work = work or tempfile.mkdtemp(prefix=time.strftime("%Y%m%d-%H%M%S-"), dir=FLEET_DIR)
         self.www = os.path.join(self.work, "www")
@@ -164,6 +165,8 @@ class Fleet:
                     arch=self.firmware.arch)
         for name, make in self.images.items():
             make(os.path.join(self.www, name))
+        for path in self.served:
+            os.symlink(os.path.abspath(path), os.path.join(self.www, os.path.basename(path)))
         for name in left_behind():
             remove(name)
             print(f"fleet: removed the namespace {name} that a killed run left behind", flush=True)

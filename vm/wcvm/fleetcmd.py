@@ -13,6 +13,7 @@ from .config import HarnessError
 from .firmware import take_options as take_firmware_options
 from .firmware import test_signing_key
 from .fleet import FLEET_DIR, Fleet, machines_for
+from .namespace import SERVER
 from .fleetreport import print_table, write_junit
 
 
@@ -31,6 +32,9 @@ def parser():
     p.add_argument("--ipv6", action="store_true",
                    help="HTTP boot over IPv6: dnsmasq advertises a router and gives addresses and the image's "
                         "URL by DHCPv6; the machines upload to the server's IPv6 address")
+    p.add_argument("--serve", action="append", default=[], metavar="FILE",
+                   help=f"the server also serves FILE, as http://{SERVER}/NAME (a call's URL may say SERVER "
+                        f"for the address): for downloadtest, the machines' image, say")
     # --firmware NAME|CODE[,VARS] and --no-rng are taken as run takes them (before this parser).
     p.add_argument("--junit", metavar="FILE", help="default: build/fleet/fleet.xml")
     return p
@@ -54,7 +58,9 @@ def main(argv):
         args = parser().parse_args(argv)
     except SystemExit as e:
         return 2 if e.code else 0
-    calls = args.call + calls
+    # SERVER in a URL stands for the fleet's server, whose address the user need not know.
+    calls = [c.replace("://SERVER/", f"://{SERVER}/").replace("://SERVER:", f"://{SERVER}:")
+             for c in args.call + calls]
 
     def terminated(*_):
         raise KeyboardInterrupt  # so that the namespace and everything in it go, as on Ctrl-C
@@ -69,6 +75,13 @@ def main(argv):
             raise ValueError("--ipv6 uploads over HTTP: the fleet's certificate names the server's IPv4 address")
         if bool(args.sign) != bool(args.cert):
             raise ValueError("--sign KEY and --cert CERT go together")
+        for path in args.serve:
+            if not os.path.isfile(path):
+                raise ValueError(f"--serve {path}: no such file")
+            if os.path.basename(path) in ("stick.img", "results"):
+                raise ValueError(f"--serve {path}: the fleet's own {os.path.basename(path)} has that name")
+        if len({os.path.basename(p) for p in args.serve}) != len(args.serve):
+            raise ValueError("--serve: two files of the same name")
         if os.geteuid() != 0:
             raise HarnessError("./wirecheck fleet makes a network namespace, which needs root: run it as root "
                                "or with sudo")
@@ -79,8 +92,10 @@ def main(argv):
             if args.secure_boot and not sign:
                 sign = test_signing_key(keys)
             fleet = Fleet(machines, calls, firmware=firmware, secure=args.secure_boot,
-                          sign=sign, https=args.https, ipv6=args.ipv6)
+                          sign=sign, https=args.https, ipv6=args.ipv6, served=args.serve)
             print(f"fleet: {args.count} machine(s), {len(calls)} call(s) each; files in {fleet.work}", flush=True)
+            for path in args.serve:
+                print(f"fleet: serving {path} as http://{SERVER}/{os.path.basename(path)}", flush=True)
             with fleet:
                 fleet.boot()
                 rows = fleet.rows()
