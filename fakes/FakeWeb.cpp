@@ -99,6 +99,7 @@ EFI_STATUS EFIAPI HttpConfigure(EFI_HTTP_PROTOCOL*, EFI_HTTP_CONFIG_DATA* config
     return EFI_DEVICE_ERROR;
   W().served = 0;
   W().requested = false;
+  W().overIpv6 = config->LocalAddressIsIPv6;
   return EFI_SUCCESS;
 }
 

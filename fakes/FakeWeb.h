@@ -49,6 +49,7 @@ struct FakeWeb {
 
   // What the module did.
   std::vector<std::string> requestedUrls, lookedUp;
+  bool overIpv6 = false; // the last configuration of a child was IPv6's
   UINTN cancels = 0;
   UINTN LiveChildren() const { return http.children.size() + dns.children.size(); }
   bool TokenPending() const { return pending != nullptr; }

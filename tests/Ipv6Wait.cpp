@@ -3,6 +3,7 @@
 #include "base/Globals.h"
 #include "base/Ipv6Text.h"
 #include "base/Owners.h"
+#include "nic/NicAccess.h"
 #include "report/Output.h"
 
 namespace {
@@ -216,5 +217,39 @@ Ipv6Readiness WaitForIpv6(EFI_HANDLE Nic, const EFI_MAC_ADDRESS& Mac, bool Targe
         watch.Poll(Picture->Seen);
       gBS->Stall(10000);
     }
+  }
+}
+
+void SayIpv6Readiness(Ipv6Readiness Readiness, const NeighborClaim& Claim) {
+  CHAR16 text[kIpv6TextChars];
+  CHAR16 mac[18];
+  switch (Readiness) {
+  case Ipv6Readiness::Duplicate:
+    FormatIpv6Address(Claim.Address, text, sizeof(text));
+    FormatMacText(Claim.Mac, mac, sizeof(mac));
+    LogPrint(u"Duplicate address: %s is held by the node with MAC address %s.\r\n", text, mac);
+    break;
+  case Ipv6Readiness::NoLinkLocal:
+    LogPrint(u"The firmware's IPv6 has no link-local address on this NIC.\r\n");
+    break;
+  case Ipv6Readiness::NoRouter:
+    LogPrint(u"No router advertisement in %d s, and the firmware knows no default router.\r\n",
+             kRouterWaitSeconds);
+    break;
+  case Ipv6Readiness::NotDefaultRouter:
+    LogPrint(u"The router advertises a router lifetime of 0: it is not a default router.\r\n");
+    break;
+  case Ipv6Readiness::Dhcp6Unanswered:
+    LogPrint(u"The router sets the managed flag (M), and no address came by DHCPv6 in %d s.\r\n",
+             kIpv6WaitSeconds);
+    break;
+  case Ipv6Readiness::SlaacMissing:
+    LogPrint(
+        u"The router advertises a prefix for SLAAC, and the firmware formed no address from it in %d s.\r\n",
+        kIpv6WaitSeconds);
+    break;
+  case Ipv6Readiness::Waiting:
+  case Ipv6Readiness::Ready:
+    break;
   }
 }

@@ -38,6 +38,9 @@ const CHAR16* Ipv6Origin(const Ipv6Picture& Picture, const EFI_IPv6_ADDRESS& Add
 // The addresses, router and prefixes in the log.
 void SayIpv6Picture(const Ipv6Picture& Picture);
 
+// What was missing, in the log (nothing for Ready and Waiting).
+void SayIpv6Readiness(Ipv6Readiness Readiness, const NeighborClaim& Claim);
+
 // Progress during the wait: called once a second with the seconds gone; FALSE ends the wait (the
 // operator answered).
 struct Ipv6WaitProgress {

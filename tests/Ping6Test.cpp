@@ -127,33 +127,18 @@ bool Ping6Run::HasIpv6(EFI_HANDLE Nic) {
 }
 
 UINTN Ping6Run::VerdictCode(Ipv6Readiness Readiness, const NeighborClaim& Claim) {
-  CHAR16 text[kIpv6TextChars];
-  CHAR16 mac[18];
+  SayIpv6Readiness(Readiness, Claim);
   switch (Readiness) {
   case Ipv6Readiness::Duplicate:
-    FormatIpv6Address(Claim.Address, text, sizeof(text));
-    FormatMacText(Claim.Mac, mac, sizeof(mac));
-    LogPrint(u"Duplicate address: %s is held by the node with MAC address %s.\r\n", text, mac);
     return kDuplicate;
   case Ipv6Readiness::NoLinkLocal:
-    LogPrint(u"The firmware's IPv6 has no link-local address on this NIC.\r\n");
+  case Ipv6Readiness::SlaacMissing:
     return kNoIpv6Stack;
   case Ipv6Readiness::NoRouter:
-    LogPrint(u"No router advertisement in %d s, and the firmware knows no default router.\r\n",
-             kRouterWaitSeconds);
-    return kNoRouter;
   case Ipv6Readiness::NotDefaultRouter:
-    LogPrint(u"The router advertises a router lifetime of 0: it is not a default router.\r\n");
     return kNoRouter;
   case Ipv6Readiness::Dhcp6Unanswered:
-    LogPrint(u"The router sets the managed flag (M), and no address came by DHCPv6 in %d s.\r\n",
-             kIpv6WaitSeconds);
     return kDhcp6Unanswered;
-  case Ipv6Readiness::SlaacMissing:
-    LogPrint(
-        u"The router advertises a prefix for SLAAC, and the firmware formed no address from it in %d s.\r\n",
-        kIpv6WaitSeconds);
-    return kNoIpv6Stack;
   case Ipv6Readiness::Waiting:
   case Ipv6Readiness::Ready:
     break;

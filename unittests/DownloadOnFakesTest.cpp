@@ -38,6 +38,18 @@ TEST_F(DownloadOnFakes, PassesWithTheDigestAndSaysTheFigure) {
   EXPECT_EQ(w.web->lookedUp.size(), 1u);
 }
 
+TEST_F(DownloadOnFakes, AServerByItsIpv6AddressIsReachedOverIpv6) {
+  auto o = Run(u"-test=downloadtest -url=http://[fec0::2]/image.bin");
+  EXPECT_EQ(o.result, TEST_RESULT_PASSED) << w.Said();
+  EXPECT_TRUE(w.web->overIpv6);
+  EXPECT_TRUE(w.web->lookedUp.empty());
+  // Without a router the NIC has no address to reach it from.
+  w.ipv6.router = false;
+  o = Run(u"-test=downloadtest -url=http://[fec0::2]/image.bin");
+  EXPECT_EQ(o.error, 0x80160904u) << w.Said();
+  EXPECT_NE(w.Said().find("No router advertisement"), std::string::npos) << w.Said();
+}
+
 TEST_F(DownloadOnFakes, EachTroubleHasItsCode) {
   struct Case {
     const char* what;

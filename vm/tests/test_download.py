@@ -2,7 +2,7 @@
 dnsmasq, nginx and a server that fails on purpose; needs root), every fault of the receive path a
 call: a missing file, a server that closes or stops halfway, a rate-limited server, an unknown name,
 HTTPS with a certificate authority the firmware trusts and one it does not, a wrong digest and a
-speed below the minimum."""
+speed below the minimum; and a server by its IPv6 address."""
 import hashlib
 import os
 import re
@@ -10,7 +10,7 @@ import tempfile
 import unittest
 
 from vmtest import wcvm
-from wcvm.web import LIMIT_BYTES, UNTRUSTED_NAME, UNTRUSTED_PORT, WEB_NAME  # noqa: E402
+from wcvm.web import LIMIT_BYTES, UNTRUSTED_NAME, UNTRUSTED_PORT, WEB_NAME, WEB_SERVER6  # noqa: E402
 
 SIZE = 8 * 1024 * 1024
 LIMITED_SIZE = 4 * 1024 * 1024
@@ -41,6 +41,7 @@ class ReceivePath(unittest.TestCase):
             "untrusted": f"-test=downloadtest -url=https://{UNTRUSTED_NAME}:{UNTRUSTED_PORT}/small.bin",
             "wrong digest": f"-test=downloadtest -url={url}/small.bin -sha256={'0' * 64}",
             "too slow": f"-test=downloadtest -url={url}/small.bin -MinSpeed=99999",
+            "ipv6": f"-test=downloadtest -url=http://[{WEB_SERVER6}]/small.bin",
         }
         cls.run_ = wcvm.run_vm(wcvm.VmConfig(calls=list(cls.calls.values()), nics=[wcvm.Nic.parse("virtio:net=web")],
                                              web_files=[big, small], timeout=600, silence=120))
@@ -71,6 +72,10 @@ class ReceivePath(unittest.TestCase):
 
     def test_https_through_the_firmware_tls_with_the_run_authority(self):
         self.assertEqual(self.verdict("https"), ("Passed", 0), "\n".join(self.blocks["https"]))
+
+    def test_a_server_by_its_ipv6_address_over_the_address_slaac_gave(self):
+        self.assertEqual(self.verdict("ipv6"), ("Passed", 0), "\n".join(self.blocks["ipv6"]))
+        self.assertRegex("\n".join(self.blocks["ipv6"]), r"fd98::[0-9a-f:]+.*SLAAC")
 
     def test_a_rate_limited_server_gives_its_limit_within_ten_percent(self):
         self.assertEqual(self.verdict("limited"), ("Passed", 0), "\n".join(self.blocks["limited"]))

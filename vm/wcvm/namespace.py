@@ -74,10 +74,11 @@ def left_behind(prefix=PREFIX_NAME):
 
 class Namespace:
     """`with Namespace(name, taps) as ns:`; ns.inside(words) runs a command in it. With ipv6 the bridge
-    also has SERVER6 (without duplicate-address detection, so that the servers can bind it at once)."""
+    also has address6 (without duplicate-address detection, so that the servers can bind it at once)."""
 
-    def __init__(self, name, taps, ipv6=False, address=SERVER, what="the fleet"):
+    def __init__(self, name, taps, ipv6=False, address=SERVER, what="the fleet", address6=SERVER6):
         self.name, self.taps, self.ipv6, self.address, self.what = name, taps, ipv6, address, what
+        self.address6 = address6
 
     def __enter__(self):
         made = run(["ip", "netns", "add", self.name])
@@ -88,7 +89,7 @@ class Namespace:
             steps = [["ip", "link", "set", "lo", "up"], ["ip", "link", "add", "br0", "type", "bridge"],
                      ["ip", "addr", "add", f"{self.address}/{PREFIX}", "dev", "br0"], ["ip", "link", "set", "br0", "up"]]
             if self.ipv6:
-                steps.append(["ip", "-6", "addr", "add", f"{SERVER6}/{PREFIX6}", "dev", "br0", "nodad"])
+                steps.append(["ip", "-6", "addr", "add", f"{self.address6}/{PREFIX6}", "dev", "br0", "nodad"])
             for tap in self.taps:
                 steps += [["ip", "tuntap", "add", tap, "mode", "tap"], ["ip", "link", "set", tap, "master", "br0"],
                           ["ip", "link", "set", tap, "up"]]

@@ -9,6 +9,7 @@ inside the namespace; everything stops and the namespace goes however the run en
 Where the files are, as the download test's -url takes them:
 
     http://files.wirecheck.test/NAME            https://files.wirecheck.test/NAME
+    http://[fd98::1]/NAME                       (over IPv6: the bridge's router advertisement gives SLAAC)
     http://files.wirecheck.test/limited/NAME    http://files.wirecheck.test:8080/cut/NAME (/stall/NAME)
     https://untrusted.wirecheck.test:8443/NAME  (a certificate from an authority the firmware does not trust)
 """
@@ -23,6 +24,7 @@ from .namespace import Namespace, left_behind, remove, run
 from .servers import make_certificates, nginx_head, stop_processes
 
 WEB_SERVER = "10.98.0.1"
+WEB_SERVER6 = "fd98::1"  # the same servers over IPv6; the router advertisement gives a prefix for SLAAC
 WEB_NAME = "files.wirecheck.test"
 UNTRUSTED_NAME = "untrusted.wirecheck.test"
 WEB_DOMAIN = "wirecheck.test"
@@ -32,12 +34,16 @@ BAD_PORT, UNTRUSTED_PORT = 8080, 8443
 LIMIT = "512k"
 LIMIT_BYTES = 512 * 1024
 PREFIX_NAME = "wcweb-"
+# What an iPXE that the firmware booted over HTTP (VmConfig.netboot) fetches and runs next: iPXE's
+# DHCP request carries the user class "iPXE", the firmware's the vendor class "HTTPClient".
+NETBOOT_SCRIPT = "netboot.ipxe"
 
 
 def nginx_config(work, www, trusted, untrusted):
     return nginx_head(work) + f"""  sendfile on;
   server {{
     listen {WEB_SERVER}:80;
+    listen [{WEB_SERVER6}]:80;
     listen {WEB_SERVER}:443 ssl;
     ssl_certificate {trusted[0]};
     ssl_certificate_key {trusted[1]};
@@ -57,7 +63,7 @@ def nginx_config(work, www, trusted, untrusted):
 """
 
 
-def dnsmasq_words(work):
+def dnsmasq_words(work, netboot=""):
     # Authoritative for the run's domain, as a site's own DNS server is: a name that does not exist
     # gets a name error with the zone's SOA record, which EDK2's DNS client needs to take it (it drops
     # one that carries nothing after the question, and then waits for an answer that never comes).
@@ -66,16 +72,21 @@ def dnsmasq_words(work):
             f"--auth-server=ns.{WEB_DOMAIN},br0", f"--host-record={WEB_NAME},{WEB_SERVER}",
             f"--host-record={UNTRUSTED_NAME},{WEB_SERVER}",
             f"--dhcp-range={WEB_SERVER[:-1]}100,{WEB_SERVER[:-1]}200,1h", "--log-queries", "--log-dhcp",
+            "--enable-ra", f"--dhcp-range={WEB_SERVER6[:-1]},ra-only,64,1h",
             f"--log-facility={work}/dnsmasq.log", f"--pid-file={work}/dnsmasq.pid",
-            f"--dhcp-leasefile={work}/dnsmasq.leases", "--conf-file=/dev/null"]
+            f"--dhcp-leasefile={work}/dnsmasq.leases", "--conf-file=/dev/null"] + ([
+                "--dhcp-vendorclass=set:http,HTTPClient", "--dhcp-option-force=tag:http,60,HTTPClient",
+                "--dhcp-userclass=set:ipxe,iPXE", f"--dhcp-boot=tag:ipxe,http://{WEB_SERVER}/{NETBOOT_SCRIPT}",
+                f"--dhcp-boot=tag:http,tag:!ipxe,http://{WEB_SERVER}/{netboot}"] if netboot else [])
 
 
 class WebNetwork:
     """`with WebNetwork(taps, files, work) as web:` then web.inside(qemu words); web.cacerts is the
     firmware's trusted authority (for fw_cfg)."""
 
-    def __init__(self, taps, files, work):
+    def __init__(self, taps, files, work, netboot=""):
         self.taps, self.files, self.work = taps, files, os.path.join(work, "web")
+        self.netboot = os.path.basename(netboot)
         self.www = os.path.join(self.work, "www")
         self.processes, self.ns = [], None
 
@@ -96,14 +107,15 @@ class WebNetwork:
         for name in left_behind(PREFIX_NAME):
             remove(name)
         self.ns = Namespace(f"{PREFIX_NAME}{os.getpid()}-{os.path.basename(os.path.dirname(self.work))[-6:]}",
-                            self.taps, address=WEB_SERVER, what="a run with a web network (net=web)")
+                            self.taps, address=WEB_SERVER, what="a run with a web network (net=web)",
+                            ipv6=True, address6=WEB_SERVER6)
         self.ns.__enter__()
         try:
             conf = os.path.join(self.work, "nginx.conf")
             with open(conf, "w") as f:
                 f.write(nginx_config(self.work, self.www, (crt, key), (ucrt, ukey)))
             self.start("nginx", [shutil.which("nginx") or "/usr/sbin/nginx", "-c", conf])
-            self.start("dnsmasq", [shutil.which("dnsmasq") or "/usr/sbin/dnsmasq"] + dnsmasq_words(self.work))
+            self.start("dnsmasq", [shutil.which("dnsmasq") or "/usr/sbin/dnsmasq"] + dnsmasq_words(self.work, self.netboot))
             self.start("badserver", [sys.executable, "-m", "wcvm.badserver", WEB_SERVER, str(BAD_PORT), self.www],
                        env=dict(os.environ, PYTHONPATH=os.path.dirname(os.path.dirname(os.path.abspath(__file__)))))
             self.wait_for(80, BAD_PORT, UNTRUSTED_PORT)
