@@ -211,6 +211,10 @@ class VmConfig:
     last_dir: str = ""  # where the run's files land (default LAST_DIR); runs side by side need their own
     firmware: object = None  # a firmware.Firmware; None: Debian 12's OVMF and iPXE ROMs, with a random-number generator
     web_files: list = field(default_factory=list)  # files the web network serves (NICs with net=web)
+    # The first web NIC boots this file of web_files over the firmware's HTTP boot before the disk
+    # (an iPXE among them is handed web.NETBOOT_SCRIPT); the boot ends when the VM powers off, no
+    # manager call expected.
+    netboot: str = ""
 
 
 @dataclass

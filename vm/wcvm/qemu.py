@@ -4,7 +4,7 @@ import os
 import shutil
 import sys
 
-from .arch import ARCHES, DEFAULT_ARCH
+from .arch import ARCHES, DEFAULT_ARCH, NO_PXE
 from .config import NIC_MODELS, HarnessError
 from .firmware import secure_build
 
@@ -86,7 +86,9 @@ def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None, peer_monitor
         # As a technician's stick meets a real machine: a USB mass-storage device on an XHCI controller.
         cmd += ["-device", "qemu-xhci,id=xhci", "-device", "usb-storage,bus=xhci.0,drive=d0,bootindex=0"]
     else:
-        cmd += ["-device", "virtio-blk-pci,drive=d0,bootindex=0"]
+        cmd += ["-device", "virtio-blk-pci,drive=d0,bootindex=" + ("1" if cfg.netboot else "0")]
+    if cfg.netboot:
+        cmd += list(NO_PXE)  # straight to HTTP boot: PXE would wait for an offer with a boot file first
     for index, nic in enumerate(cfg.nics):
         netdev = f"n{index}"
         if nic.web:
@@ -114,6 +116,8 @@ def qemu_command(cfg, disk, vars_copy, qmp_path, peer_sockets=None, peer_monitor
             device += ",romfile=" + rom
         if nic.mac:
             device += f",mac={nic.mac}"
+        if cfg.netboot and nic.web and not any(n.web for n in cfg.nics[:index]):
+            device += ",bootindex=0"
         cmd += ["-device", device]
     cmd += rng_words(firmware)
     if cacerts:
