@@ -104,8 +104,11 @@ constexpr AdviceRow kRows[] = {
     {0x80160902, u"0x80160902", u"downloadtest",
      u"the NIC asked for by `-index` or `-devicepath` does not exist", u"as 0x80160104"},
     {0x80160903, u"0x80160903", u"downloadtest", u"no link after six checks", u"as 0x80160107"},
-    {0x80160904, u"0x80160904", u"downloadtest", u"the NIC got no IP address within 60 s",
-     u"as 0x80160101: the DHCP server of the port's network"},
+    {0x80160904, u"0x80160904", u"downloadtest",
+     u"the NIC got no IP address within 60 s (for a server by its IPv6 address: none from its router within "
+     u"30 s)",
+     u"as 0x80160101: the DHCP server of the port's network; for IPv6, as 0x80160804 and 0x80160805: the log "
+     u"says what was missing"},
     {0x80160905, u"0x80160905", u"downloadtest", u"the server's name did not resolve",
      u"the log says which: no DNS server came with the DHCP lease (the DHCP server's DNS option), the DNS "
      u"server answered that the name does not exist (a typing error, a missing record), or no DNS server "
