@@ -206,7 +206,56 @@ EFI_STATUS EFIAPI DestroyHttpChild(EFI_SERVICE_BINDING_PROTOCOL* self, EFI_HANDL
   return EFI_SUCCESS;
 }
 
+// ---- hash ----
+
+EFI_STATUS EFIAPI HashInit(const EFI_HASH2_PROTOCOL*, const EFI_GUID* algorithm) {
+  if (F().Fail())
+    return EFI_DEVICE_ERROR;
+  if (algorithm == nullptr || std::memcmp(algorithm, &EFI_HASH_ALGORITHM_SHA256_GUID, sizeof(EFI_GUID)) != 0)
+    return EFI_UNSUPPORTED;
+  W().hashChild.state.Reset();
+  W().hashChild.started = true;
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI HashUpdate(const EFI_HASH2_PROTOCOL*, const UINT8* data, UINTN size) {
+  if (F().Fail())
+    return EFI_DEVICE_ERROR;
+  if (!W().hashChild.started)
+    return EFI_NOT_READY;
+  if (EFI_ERROR(W().hashUpdate))
+    return W().hashUpdate;
+  ++W().hashUpdates;
+  W().hashChild.state.Update(data, size);
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI HashFinal(const EFI_HASH2_PROTOCOL*, EFI_HASH2_OUTPUT* out) {
+  if (F().Fail())
+    return EFI_DEVICE_ERROR;
+  if (!W().hashChild.started || out == nullptr)
+    return EFI_NOT_READY;
+  W().hashChild.state.Final(reinterpret_cast<UINT8(&)[kSha256Bytes]>(out->Sha256Hash));
+  W().hashChild.started = false;
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI DestroyHashChild(EFI_SERVICE_BINDING_PROTOCOL* self, EFI_HANDLE child) {
+  auto* b = reinterpret_cast<FakeBinding*>(self);
+  if (std::erase(b->children, child) == 0)
+    return EFI_INVALID_PARAMETER;
+  W().hashChild.started = false;
+  F().RemoveHandle(child);
+  return EFI_SUCCESS;
+}
+
 } // namespace
+
+void FakeWeb::OfferHash2() {
+  hashChild.p = {nullptr, nullptr, HashInit, HashUpdate, HashFinal};
+  hash = {{FakeCreateChild, DestroyHashChild}, &nic, EFI_HASH2_PROTOCOL_GUID, &hashChild.p, {}};
+  nic.fw.AddProtocol(nic.handle, EFI_HASH2_SERVICE_BINDING_PROTOCOL_GUID, &hash.sb);
+}
 
 bool HttpStatusIsError(EFI_HTTP_STATUS_CODE code) {
   return code >= 10 && code < sizeof(kHttpStatusCodes) / sizeof(kHttpStatusCodes[0]);
@@ -227,7 +276,10 @@ FakeWeb::~FakeWeb() {
     nic.fw.RemoveHandle(child);
   for (EFI_HANDLE child : dns.children)
     nic.fw.RemoveHandle(child);
-  std::erase_if(nic.fw.protocols,
-                [&](const FakeFirmware::Installed& p) { return p.iface == &http.sb || p.iface == &dns.sb; });
+  for (EFI_HANDLE child : hash.children)
+    nic.fw.RemoveHandle(child);
+  std::erase_if(nic.fw.protocols, [&](const FakeFirmware::Installed& p) {
+    return p.iface == &http.sb || p.iface == &dns.sb || p.iface == &hash.sb;
+  });
   current = nullptr;
 }

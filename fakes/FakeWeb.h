@@ -10,6 +10,7 @@
 #include "base/Sha256.h"
 #include "fakes/FakeNetwork.h"
 #include "uefi/protocol/Dns4.h"
+#include "uefi/protocol/Hash2.h"
 #include "uefi/protocol/Http.h"
 
 // The SHA-256 of a body as -sha256 takes it.
@@ -47,15 +48,25 @@ struct FakeWeb {
   size_t closeAfter = SIZE_MAX; // after this many body bytes the connection ends (Connection Closed)
   UINT64 pieceTime = 1000;      // virtual time one piece takes (100 ns units)
 
+  // The firmware's hash protocol (EFI_HASH2), which computes with the module's own SHA-256.
+  void OfferHash2();
+  EFI_STATUS hashUpdate = EFI_SUCCESS; // what HashUpdate returns (after the sweep's own failures)
+
   // What the module did.
   std::vector<std::string> requestedUrls, lookedUp;
   bool overIpv6 = false; // the last configuration of a child was IPv6's
   UINTN cancels = 0;
-  UINTN LiveChildren() const { return http.children.size() + dns.children.size(); }
+  UINTN hashUpdates = 0;
+  UINTN LiveChildren() const { return http.children.size() + dns.children.size() + hash.children.size(); }
   bool TokenPending() const { return pending != nullptr; }
 
   // Inner state.
-  FakeBinding http{}, dns{};
+  FakeBinding http{}, dns{}, hash{};
+  struct HashInstance {
+    EFI_HASH2_PROTOCOL p;
+    Sha256 state;
+    bool started;
+  } hashChild{};
   struct HttpInstance {
     EFI_HTTP_PROTOCOL p;
     FakeWeb* web;

@@ -4,6 +4,7 @@
 #pragma once
 #include "uefi/protocol/Dhcp4.h"
 #include "uefi/protocol/Dns4.h"
+#include "uefi/protocol/Hash2.h"
 #include "uefi/protocol/Ip4.h"
 #include "uefi/protocol/Ip6.h"
 #include "uefi/protocol/ManagedNetwork.h"
@@ -131,11 +132,24 @@ template <> struct ServiceKindOf<EFI_DNS4_PROTOCOL> {
   };
 };
 
+template <> struct ServiceKindOf<EFI_HASH2_PROTOCOL> {
+  static constexpr ServiceKind kKind = {
+      .Binding = &EFI_HASH2_SERVICE_BINDING_PROTOCOL_GUID,
+      .Protocol = &EFI_HASH2_PROTOCOL_GUID,
+      .Held = true,
+      .BindingFailed = u"Failed to open the firmware's hash service binding (%r)\r\n",
+      .CreateFailed = u"The firmware's hash service binding made no child\r\n",
+      .ProtocolFailed = u"The hash child's protocol could not be opened\r\n",
+      .RebindFailed = u"Failed to open the hash service binding again to destroy its child\r\n",
+  };
+};
+
 using MnpChild = ServiceChild<EFI_MANAGED_NETWORK_PROTOCOL>;
 using Ip6Child = ServiceChild<EFI_IP6_PROTOCOL>;
 using Ip4Child = ServiceChild<EFI_IP4_PROTOCOL>;
 using Dhcp4Child = ServiceChild<EFI_DHCP4_PROTOCOL>;
 using Dns4Child = ServiceChild<EFI_DNS4_PROTOCOL>;
+using Hash2Child = ServiceChild<EFI_HASH2_PROTOCOL>;
 
 // The readers: what a NIC's simple-network mode says, through a short-lived managed-network child.
 EFI_STATUS ReadNicAddress(EFI_HANDLE NicHandle, NicAddr* Address);

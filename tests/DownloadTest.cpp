@@ -3,11 +3,11 @@
 // Content-Length, the digest when one is given, and the receive throughput from the first byte to
 // the last.
 #include "base/Globals.h"
-#include "base/Sha256.h"
 #include "base/String.h"
 #include "nic/FirmwareTraits.h"
 #include "options/Declared.h"
 #include "ping/BringUp.h"
+#include "ping/Digest.h"
 #include "ping/NameLookup.h"
 #include "report/Attempts.h"
 #include "report/Output.h"
@@ -105,7 +105,7 @@ private:
   bool checkDigest_ = false;
   FirmwareTraits firmware_ = kAssumedFirmware;
   UINTN failCode_ = kTransferBroken;
-  Sha256 hash_;
+  DownloadDigest hash_; // only with -sha256
   Attempts* attempts_ = nullptr;
   UINT64 expected_ = 0;
   UINTN given_ = 0;   // progress points given to the transfer
@@ -255,7 +255,7 @@ bool DownloadRun::Resolve(EFI_HANDLE Nic) {
 
 bool DownloadRun::Piece(const UINT8* Data, UINTN Size, UINT64 Total) {
   if (checkDigest_)
-    hash_.Update(Data, Size);
+    hash_.Update(Data, Size); // a failure shows at the end
   if (expected_ == 0)
     return true;
   // Half of the attempt's share follows the bytes; a log line at each quarter of the file.
@@ -274,7 +274,12 @@ bool DownloadRun::Piece(const UINT8* Data, UINTN Size, UINT64 Total) {
 }
 
 bool DownloadRun::Fetch(EFI_HANDLE Nic, Attempts& Attempts) {
-  hash_.Reset();
+  if (checkDigest_) {
+    hash_.Begin();
+    LogPrint(hash_.ByFirmware()
+                 ? u"SHA-256 by the firmware's hash protocol (EFI_HASH2_PROTOCOL)\r\n"
+                 : u"SHA-256 by the module's own code (the firmware has no hash protocol for it)\r\n");
+  }
   attempts_ = &Attempts;
   expected_ = 0;
   given_ = 0;
@@ -297,12 +302,15 @@ bool DownloadRun::Fetch(EFI_HANDLE Nic, Attempts& Attempts) {
   DownloadResult r = HttpDownload(Nic, settings, sink);
   if (r.End == DownloadEnd::Stopped)
     return false;
-  UINT8 got[kSha256Bytes];
-  hash_.Final(got);
-  const UINT8(*wanted)[kSha256Bytes] = checkDigest_ ? &digest_ : nullptr;
+  UINT8 got[kSha256Bytes] = {};
+  bool hashed = !checkDigest_ || hash_.Final(got);
+  if (!hashed)
+    LogPrint(u"The firmware's hash protocol failed (%r): the digest cannot be checked.\r\n", hash_.Status());
+  const UINT8(*wanted)[kSha256Bytes] = checkDigest_ && hashed ? &digest_ : nullptr;
   DownloadVerdict v = JudgeDownload(r, url_, wanted, got, o_.MinSpeed, TimeStampCounterFrequency());
   SayDownload(r, v, url_, wanted, got, o_.MinSpeed, o_.Timeout);
-  if (v.Code == ERROR_CODE_SOFTWARE)
+  // A transfer that failed says so; one that arrived whole with its digest lost is the module's failure.
+  if (v.Code == ERROR_CODE_SOFTWARE || (v.Code == ERROR_CODE_NONE && !hashed))
     return End(Outcome::Failed(ERROR_CODE_SOFTWARE));
   if (v.Code == ERROR_CODE_NONE)
     Attempts.Pass();

@@ -38,6 +38,26 @@ TEST_F(DownloadOnFakes, PassesWithTheDigestAndSaysTheFigure) {
   EXPECT_EQ(w.web->lookedUp.size(), 1u);
 }
 
+TEST_F(DownloadOnFakes, TheFirmwaresHashIsUsedWhereItHasOne) {
+  w.web->OfferHash2();
+  auto o = Run(kUrl + (u" -sha256=" + DigestText(w.web->body)));
+  EXPECT_EQ(o.result, TEST_RESULT_PASSED) << w.Said();
+  EXPECT_NE(w.Said().find("SHA-256 by the firmware's hash protocol"), std::string::npos) << w.Said();
+  EXPECT_GT(w.web->hashUpdates, 0u);
+  o = Run(kUrl + (u" -sha256=" + std::u16string(64, u'0')));
+  EXPECT_EQ(o.error, 0x8016090Au) << w.Said();
+  // A hash that fails half way: the file came whole, the digest is lost.
+  w.web->hashUpdate = EFI_DEVICE_ERROR;
+  o = Run(kUrl + (u" -sha256=" + DigestText(w.web->body)));
+  EXPECT_EQ(o.error, ERROR_CODE_SOFTWARE) << w.Said();
+  EXPECT_NE(w.Said().find("hash protocol failed (Device Error)"), std::string::npos) << w.Said();
+  // Without -sha256 no child is made.
+  w.web->hashUpdates = 0;
+  o = Run(kUrl);
+  EXPECT_EQ(o.result, TEST_RESULT_PASSED);
+  EXPECT_EQ(w.web->hashUpdates, 0u);
+}
+
 TEST_F(DownloadOnFakes, AServerByItsIpv6AddressIsReachedOverIpv6) {
   auto o = Run(u"-test=downloadtest -url=http://[fec0::2]/image.bin");
   EXPECT_EQ(o.result, TEST_RESULT_PASSED) << w.Said();

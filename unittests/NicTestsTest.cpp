@@ -1180,6 +1180,13 @@ const std::vector<SweepScenario>& Scenarios() {
        u"-test=downloadtest -url=http://files.example/f -sha256=" + DigestText(std::string(5000, 'w')),
        WithWeb,
        {TEST_RESULT_PASSED, 0}},
+      {"downloadtest/firmware hash",
+       u"-test=downloadtest -url=http://10.0.2.2/f -sha256=" + DigestText(std::string(5000, 'w')),
+       [](NicWorld& w) {
+         WithWeb(w);
+         w.web->OfferHash2();
+       },
+       {TEST_RESULT_PASSED, 0}},
       {"downloadtest/IPv6 server",
        u"-test=downloadtest -url=http://[fec0::2]/f",
        WithWeb,
