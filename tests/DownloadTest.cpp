@@ -188,18 +188,8 @@ bool DownloadRun::BringUpIpv6(EFI_HANDLE Nic, Ip6AutomaticPolicy& Automatic) {
   if (!EFI_ERROR(Automatic.Apply(Nic, &switched)) && switched)
     LogPrint(u"The NIC's IPv6 policy is manual without an address: the test sets it to automatic for the "
              u"download, and back to manual at its end.\r\n");
-  // A point of progress a second, up to an eighth of the attempt's share.
-  given_ = 0;
-  Ipv6WaitProgress progress = {
-      .Report =
-          [](void* Context, UINTN) {
-            auto* run = static_cast<DownloadRun*>(Context);
-            UINTN step = run->given_ < run->attempts_->Share() / 8 ? 1 : 0;
-            run->given_ += step;
-            return run->attempts_->Advance(step);
-          },
-      .Context = this,
-  };
+  Ipv6WaitPoints points = {attempts_, attempts_->Share() / 8}; // up to an eighth of the attempt's share
+  Ipv6WaitProgress progress = points.Progress();
   Ipv6Picture picture;
   NeighborClaim claim = {};
   // A server off the link is reached from an address the router gave, never from the link-local one.

@@ -5,6 +5,7 @@
 #pragma once
 #include "nic/Ip6State.h"
 #include "ping/Ipv6Watch.h"
+#include "report/Attempts.h"
 
 enum class Ipv6Readiness : UINT8 {
   Waiting,
@@ -46,6 +47,22 @@ void SayIpv6Readiness(Ipv6Readiness Readiness, const NeighborClaim& Claim);
 struct Ipv6WaitProgress {
   bool (*Report)(void* Context, UINTN Seconds);
   void* Context;
+};
+
+// The usual progress of the wait: a point a second of an attempt's progress, up to Cap points.
+struct Ipv6WaitPoints {
+  Attempts* Of;
+  UINTN Cap;
+  UINTN Given = 0;
+  Ipv6WaitProgress Progress() {
+    return {[](void* Context, UINTN) {
+              auto* p = static_cast<Ipv6WaitPoints*>(Context);
+              UINTN step = p->Given < p->Cap ? 1 : 0;
+              p->Given += step;
+              return p->Of->Advance(step);
+            },
+            this};
+  }
 };
 
 // Waits on Nic (its MAC address in Mac): solicits a router at once and every four seconds until

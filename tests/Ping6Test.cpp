@@ -79,8 +79,6 @@ private:
   Ping6Options o_;
   EFI_IPv6_ADDRESS target_ = {};
   UINTN failCode_ = kEchoMissing;
-  Attempts* attempts_ = nullptr;
-  UINTN advanced_ = 0;
 };
 
 bool Ping6Run::ReadOptions() {
@@ -208,19 +206,8 @@ bool Ping6Run::Attempt(Attempts& Attempts) {
   EFI_MAC_ADDRESS mac = {}, permanent = {};
   if (EFI_ERROR(ReadMacAddresses(gImageHandle, nic, &mac, &permanent)))
     return End(Outcome::Failed(ERROR_CODE_SOFTWARE));
-  // Progress through the wait: a point a second up to half the attempt's share.
-  attempts_ = &Attempts;
-  advanced_ = 0;
-  Ipv6WaitProgress progress = {
-      .Report =
-          [](void* Context, UINTN) {
-            auto* run = static_cast<Ping6Run*>(Context);
-            UINTN step = run->advanced_ < run->attempts_->Share() / 2 ? 1 : 0;
-            run->advanced_ += step;
-            return run->attempts_->Advance(step);
-          },
-      .Context = this,
-  };
+  Ipv6WaitPoints points = {&Attempts, Attempts.Share() / 2}; // up to half the attempt's share
+  Ipv6WaitProgress progress = points.Progress();
   // Held to the end of the attempt: the NIC goes back to the policy it had.
   Ip6AutomaticPolicy automatic;
   bool switched = false;
