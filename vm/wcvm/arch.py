@@ -22,6 +22,9 @@ class Arch:
     # Words every boot from the disk gets: AAVMF tries PXE on every NIC before it reaches the shell,
     # where OVMF boots the disk first.
     quiet_boot: tuple = ()
+    # Processor words that give the firmware a random-number source of the processor's own, beside
+    # virtio-rng (see qemu.rng_words).
+    rng_cpu: tuple = ()
 
 
 # EDK2's PXE boot over IPv4 and IPv6 switched off (HTTP boot stays): the firmware would try it on
@@ -30,7 +33,7 @@ NO_PXE = ("-fw_cfg", "name=opt/org.tianocore/IPv4PXESupport,string=n",
           "-fw_cfg", "name=opt/org.tianocore/IPv6PXESupport,string=n")
 
 X86_64 = Arch("x86_64", EFI_DIR, "qemu-system-x86_64", ("-machine", "q35"), "BOOTX64.EFI",
-              "ovmf", "qemu-system-x86", 0, 0, "e1000")
+              "ovmf", "qemu-system-x86", 0, 0, "e1000", rng_cpu=("-cpu", "qemu64,+rdrand"))
 
 AARCH64 = Arch("aarch64", os.path.join(ROOT, "build", "efi-aarch64"), "qemu-system-aarch64",
                ("-machine", "virt", "-cpu", "cortex-a57"), "BOOTAA64.EFI", "qemu-efi-aarch64", "qemu-system-arm",

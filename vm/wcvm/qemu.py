@@ -52,10 +52,19 @@ def machine_words(firmware, secure, vars_copy, serial="stdio"):
 
 def rng_words(firmware):
     """A random-number generator, as real machines have (EDK2's network stack needs one since 2024).
-    After the NICs, so that their PCI slots are the same with and without it."""
+    After the NICs, so that their PCI slots are the same with and without it.
+
+    On x86-64 the processor has RDRAND as well, which OVMF's RngDxe (since 2024.08) serves: it is
+    installed before any PCI device is connected, so that the network stack finds it first. OVMF
+    2025.02's virtio-rng driver does not raise the TPL around its request (fixed in EDK2 in 2026,
+    "OvmfPkg/VirtioRngDxe: protect VirtioRngGetRNG against timer callbacks"): a network driver's
+    timer callback that asks for random bytes while a driver's start is waiting for the device re-enters it,
+    reuses the request's descriptor, and the first caller then waits forever for a used index the
+    device has already passed. Seen as a boot that stops in the shell's connect under load."""
     if not firmware.rng:
         return []
-    return ["-object", "rng-random,id=rng0,filename=/dev/urandom", "-device", "virtio-rng-pci,rng=rng0"]
+    return list(ARCHES[firmware.arch].rng_cpu) + ["-object", "rng-random,id=rng0,filename=/dev/urandom",
+                                                  "-device", "virtio-rng-pci,rng=rng0"]
 
 
 def web_tap(index):
