@@ -89,6 +89,12 @@ class CompatibilityMatrix(unittest.TestCase):
         for row in (matrix.CABLE_OUT, matrix.CABLE_PLUGGED, matrix.CABLE_STAYS_OUT):
             self.assertEqual(matrix.verdict(firmware, "ne2k_pci", row, blind[row]), "explained", row)
         self.assertTrue(blind[matrix.CABLE_PLUGGED].get("not_run"))
+        # pcnet's download is explained only by the stall its ROM gives, nothing else.
+        stall = {"result": "Failed", "error": 0x80160909, "status": "Success", "figure": ""}
+        self.assertEqual(matrix.verdict(firmware, "pcnet", "downloadtest", stall), "explained")
+        self.assertEqual(matrix.verdict(firmware, "e1000", "downloadtest", stall), "UNEXPECTED")
+        self.assertEqual(matrix.verdict(firmware, "pcnet", "downloadtest", {**stall, "error": 0x8016090A}),
+                         "UNEXPECTED")
 
 
 if __name__ == "__main__":
