@@ -34,8 +34,9 @@ class CompatibilityMatrix(unittest.TestCase):
         # plugged in, and virtio's cables out beside its iPXE twin, whose driver then serves both NICs.
         self.assertEqual(len(matrix["rows"]), 15)
         download = next(r for r in matrix["rows"] if r["test"] == "downloadtest")
-        self.assertTrue(all(c["verdict"] == "as defined" and c["figure"].endswith("Mbit/s")
-                            for c in download["cells"].values()), download)
+        # pcnet's ROM may stall the transfer (explained); every other model fetches the file.
+        self.assertTrue(all((c["verdict"] == "as defined" or m == "pcnet" and c["verdict"] == "explained")
+                            and c["figure"].endswith("Mbit/s") for m, c in download["cells"].items()), download)
         ping6 = next(r for r in matrix["rows"] if r["test"] == "ping6test")
         self.assertTrue(all(c["verdict"] == "as defined" for c in ping6["cells"].values()), ping6)
         mixed = next(r for r in matrix["rows"] if r["test"] == "detectcable, cables out, beside its iPXE twin")
