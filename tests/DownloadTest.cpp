@@ -5,6 +5,8 @@
 #include "base/Globals.h"
 #include "base/String.h"
 #include "nic/FirmwareTraits.h"
+#include "nic/Ip6State.h"
+#include "nic/ServiceChildren.h"
 #include "options/Declared.h"
 #include "ping/BringUp.h"
 #include "ping/Digest.h"
@@ -13,8 +15,6 @@
 #include "report/Output.h"
 #include "report/TestRun.h"
 #include "support/Clock.h"
-#include "nic/Ip6State.h"
-#include "nic/ServiceChildren.h"
 #include "tests/ChoiceOptions.h"
 #include "tests/DownloadJudge.h"
 #include "tests/Ipv6Wait.h"
@@ -172,12 +172,7 @@ bool DownloadRun::BringUpIpv4(EFI_HANDLE Nic) {
 // A server given by its IPv6 address: the NIC's addresses as its router asks for them (SLAAC or
 // DHCPv6), waited for as the IPv6 ping test waits; what is missing is the NIC's lack of an address.
 bool DownloadRun::BringUpIpv6(EFI_HANDLE Nic, Ip6AutomaticPolicy& Automatic) {
-  void* binding = nullptr;
-  void* config = nullptr;
-  if (EFI_ERROR(gBS->HandleProtocol(Nic, &EFI_IP6_SERVICE_BINDING_PROTOCOL_GUID, &binding)) ||
-      EFI_ERROR(gBS->HandleProtocol(Nic, &EFI_IP6_CONFIG_PROTOCOL_GUID, &config))) {
-    LogPrint(u"The NIC has no IPv6 service: the firmware is built without IPv6, or its IPv6 driver did not "
-             u"start on this NIC.\r\n");
+  if (!NicHasIpv6(Nic)) {
     failCode_ = kNoAddress;
     return false;
   }
@@ -270,7 +265,6 @@ bool DownloadRun::Fetch(EFI_HANDLE Nic, Attempts& Attempts) {
                  ? u"SHA-256 by the firmware's hash protocol (EFI_HASH2_PROTOCOL)\r\n"
                  : u"SHA-256 by the module's own code (the firmware has no hash protocol for it)\r\n");
   }
-  attempts_ = &Attempts;
   expected_ = 0;
   given_ = 0;
   quarter_ = 0;

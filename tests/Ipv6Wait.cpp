@@ -3,6 +3,7 @@
 #include "base/Globals.h"
 #include "base/Ipv6Text.h"
 #include "base/Owners.h"
+#include "nic/FirmwareTraits.h"
 #include "nic/NicAccess.h"
 #include "report/Output.h"
 
@@ -252,4 +253,29 @@ void SayIpv6Readiness(Ipv6Readiness Readiness, const NeighborClaim& Claim) {
   case Ipv6Readiness::Ready:
     break;
   }
+}
+
+bool NicHasIpv6(EFI_HANDLE Nic) {
+  void* binding = nullptr;
+  void* config = nullptr;
+  bool service = !EFI_ERROR(gBS->HandleProtocol(Nic, &EFI_IP6_SERVICE_BINDING_PROTOCOL_GUID, &binding));
+  bool configuration = !EFI_ERROR(gBS->HandleProtocol(Nic, &EFI_IP6_CONFIG_PROTOCOL_GUID, &config));
+  if (service && configuration)
+    return true;
+  LogPrint(u"The NIC has no %s.\r\n", service ? u"IPv6 configuration protocol"
+                                              : u"IPv6 service binding (EFI_IP6_SERVICE_BINDING_PROTOCOL)");
+  wc::HandleBuffer anywhere;
+  if (EFI_ERROR(anywhere.Locate(EFI_IP6_SERVICE_BINDING_PROTOCOL_GUID)) || anywhere.Count() == 0) {
+    StackSight sight = LookAtNetworkStack();
+    if (!sight.Rng)
+      LogPrint(u"The firmware has no random-number generator (EFI_RNG_PROTOCOL), without which EDK2's IPv6 "
+               u"driver since 2024 does not start.\r\n");
+    else
+      LogPrint(u"No NIC has an IPv6 service: the firmware is built without IPv6, or its IPv6 driver did not "
+               u"start.\r\n");
+  } else {
+    LogPrint(u"%d other NIC(s) have an IPv6 service: the IPv6 driver did not start on this one.\r\n",
+             anywhere.Count());
+  }
+  return false;
 }

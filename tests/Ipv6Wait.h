@@ -39,6 +39,10 @@ const CHAR16* Ipv6Origin(const Ipv6Picture& Picture, const EFI_IPv6_ADDRESS& Add
 // The addresses, router and prefixes in the log.
 void SayIpv6Picture(const Ipv6Picture& Picture);
 
+// Whether the NIC has the firmware's IPv6 (its service binding and configuration protocol); when not,
+// the log says what is missing and why it may be.
+bool NicHasIpv6(EFI_HANDLE Nic);
+
 // What was missing, in the log (nothing for Ready and Waiting).
 void SayIpv6Readiness(Ipv6Readiness Readiness, const NeighborClaim& Claim);
 

@@ -2,17 +2,14 @@
 // asked for (SLAAC, DHCPv6), and a target answers ICMPv6 echo through it.
 #include "base/Globals.h"
 #include "base/Ipv6Text.h"
-#include "base/Owners.h"
 #include "base/String.h"
-#include "nic/FirmwareTraits.h"
-#include "nic/NicAccess.h"
 #include "options/Declared.h"
 #include "ping/Echo6.h"
 #include "report/Attempts.h"
 #include "report/Output.h"
 #include "report/TestRun.h"
-#include "tests/Ipv6Wait.h"
 #include "tests/ChoiceOptions.h"
+#include "tests/Ipv6Wait.h"
 #include "tests/NicSteps.h"
 
 EFI_STATUS Ping6Test(UINTN* Result, UINTN* ErrorCode);
@@ -100,28 +97,7 @@ bool Ping6Run::ChooseNic(EFI_HANDLE* Nic) {
 }
 
 bool Ping6Run::HasIpv6(EFI_HANDLE Nic) {
-  void* binding = nullptr;
-  void* config = nullptr;
-  bool service = !EFI_ERROR(gBS->HandleProtocol(Nic, &EFI_IP6_SERVICE_BINDING_PROTOCOL_GUID, &binding));
-  bool configuration = !EFI_ERROR(gBS->HandleProtocol(Nic, &EFI_IP6_CONFIG_PROTOCOL_GUID, &config));
-  if (service && configuration)
-    return true;
-  LogPrint(u"The NIC has no %s.\r\n", service ? u"IPv6 configuration protocol"
-                                              : u"IPv6 service binding (EFI_IP6_SERVICE_BINDING_PROTOCOL)");
-  wc::HandleBuffer anywhere;
-  if (EFI_ERROR(anywhere.Locate(EFI_IP6_SERVICE_BINDING_PROTOCOL_GUID)) || anywhere.Count() == 0) {
-    StackSight sight = LookAtNetworkStack();
-    if (!sight.Rng)
-      LogPrint(u"The firmware has no random-number generator (EFI_RNG_PROTOCOL), without which EDK2's IPv6 "
-               u"driver since 2024 does not start.\r\n");
-    else
-      LogPrint(u"No NIC has an IPv6 service: the firmware is built without IPv6, or its IPv6 driver did not "
-               u"start.\r\n");
-  } else {
-    LogPrint(u"%d other NIC(s) have an IPv6 service: the IPv6 driver did not start on this one.\r\n",
-             anywhere.Count());
-  }
-  return End(Outcome::Failed(kNoIpv6Stack));
+  return NicHasIpv6(Nic) || End(Outcome::Failed(kNoIpv6Stack));
 }
 
 UINTN Ping6Run::VerdictCode(Ipv6Readiness Readiness, const NeighborClaim& Claim) {
