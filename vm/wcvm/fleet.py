@@ -241,5 +241,3 @@ class Fleet:
             stop_processes(self.processes)
         if hasattr(self, "ns"):
             self.ns.__exit__(None, None, None)
-
-

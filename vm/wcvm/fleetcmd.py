@@ -9,6 +9,7 @@ import sys
 import tempfile
 import time
 
+from .cli import parse_served
 from .config import HarnessError
 from .firmware import take_options as take_firmware_options
 from .firmware import test_signing_key
@@ -75,13 +76,9 @@ def main(argv):
             raise ValueError("--ipv6 uploads over HTTP: the fleet's certificate names the server's IPv4 address")
         if bool(args.sign) != bool(args.cert):
             raise ValueError("--sign KEY and --cert CERT go together")
-        for path in args.serve:
-            if not os.path.isfile(path):
-                raise ValueError(f"--serve {path}: no such file")
+        for path in parse_served(args.serve, None):
             if os.path.basename(path) in ("stick.img", "results"):
                 raise ValueError(f"--serve {path}: the fleet's own {os.path.basename(path)} has that name")
-        if len({os.path.basename(p) for p in args.serve}) != len(args.serve):
-            raise ValueError("--serve: two files of the same name")
         if os.geteuid() != 0:
             raise HarnessError("./wirecheck fleet makes a network namespace, which needs root: run it as root "
                                "or with sudo")

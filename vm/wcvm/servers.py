@@ -107,14 +107,16 @@ def nginx_config(work, www, extra="", tls=None, ipv6=False):
 # enterprise number, so the string carries four characters before the class: its own 2-byte length
 # and these four put "HTTPClient" at byte 6 (EDK2 reads neither the number nor the length).
 HTTP_CLIENT_CLASS6 = "0343HTTPClient"
+# Over IPv4 the firmware's HTTP boot asks with the vendor class "HTTPClient" and takes only an offer
+# that names it back: dnsmasq tags such a client "http" and answers with the class.
+HTTP_CLIENT_WORDS = ("--dhcp-vendorclass=set:http,HTTPClient", "--dhcp-option-force=tag:http,60,HTTPClient")
 # The file the IPv4 offer names in an IPv6 fleet: never on the server.
 IPV4_NOT_HERE = "ipv6-only-boot-over-ipv6"
 
 
 def dnsmasq_words(work, machines, ipv6=False):
     words = ["dnsmasq", "--keep-in-foreground", "--port=0", "--bind-interfaces", "--interface=br0",
-             "--except-interface=lo", f"--dhcp-range={SERVER[:-1]}100,{SERVER[:-1]}200,1h",
-             "--dhcp-vendorclass=set:http,HTTPClient", "--dhcp-option-force=tag:http,60,HTTPClient",
+             "--except-interface=lo", f"--dhcp-range={SERVER[:-1]}100,{SERVER[:-1]}200,1h", *HTTP_CLIENT_WORDS,
              "--log-dhcp", f"--log-facility={work}/dnsmasq.log", f"--pid-file={work}/dnsmasq.pid",
              "--dhcp-leasefile=" + os.path.join(work, "dnsmasq.leases"), "--conf-file=/dev/null"]
     if ipv6:

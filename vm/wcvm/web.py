@@ -21,7 +21,7 @@ import time
 
 from .config import HarnessError
 from .namespace import Namespace, left_behind, remove, run
-from .servers import make_certificates, nginx_head, stop_processes
+from .servers import HTTP_CLIENT_WORDS, make_certificates, nginx_head, stop_processes
 
 WEB_SERVER = "10.98.0.1"
 WEB_SERVER6 = "fd98::1"  # the same servers over IPv6; the router advertisement gives a prefix for SLAAC
@@ -75,8 +75,7 @@ def dnsmasq_words(work, netboot=""):
             "--enable-ra", f"--dhcp-range={WEB_SERVER6[:-1]},ra-only,64,1h",
             f"--log-facility={work}/dnsmasq.log", f"--pid-file={work}/dnsmasq.pid",
             f"--dhcp-leasefile={work}/dnsmasq.leases", "--conf-file=/dev/null"] + ([
-                "--dhcp-vendorclass=set:http,HTTPClient", "--dhcp-option-force=tag:http,60,HTTPClient",
-                "--dhcp-userclass=set:ipxe,iPXE", f"--dhcp-boot=tag:ipxe,http://{WEB_SERVER}/{NETBOOT_SCRIPT}",
+                *HTTP_CLIENT_WORDS, "--dhcp-userclass=set:ipxe,iPXE", f"--dhcp-boot=tag:ipxe,http://{WEB_SERVER}/{NETBOOT_SCRIPT}",
                 f"--dhcp-boot=tag:http,tag:!ipxe,http://{WEB_SERVER}/{netboot}"] if netboot else [])
 
 
