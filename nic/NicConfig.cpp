@@ -12,7 +12,7 @@ namespace {
 
 // The messages of one resizing read.
 struct ReadTexts {
-  const CHAR16* BeforeAllocation;
+  const CHAR16* BeforeAllocation; // null: none
   const CHAR16* AllocationFailed;
   const CHAR16* BeforeCall; // null: none
   const CHAR16* AfterCall;  // null: none; with the status
@@ -31,7 +31,8 @@ EFI_STATUS ReadResizing(EFI_IP4_CONFIG2_PROTOCOL* config, EFI_IP4_CONFIG2_DATA_T
   EFI_STATUS status = EFI_SUCCESS;
   for (;;) {
     if (status == EFI_BUFFER_TOO_SMALL) {
-      DebugLogPrint(texts.BeforeAllocation);
+      if (texts.BeforeAllocation != nullptr)
+        DebugLogPrint(texts.BeforeAllocation);
       buffer = wc::PoolPtr<UINT8>::AllocateZero(size);
       if (!buffer) {
         DebugLogPrint(texts.AllocationFailed);
@@ -241,12 +242,13 @@ EFI_STATUS SetNicConfig() {
 
 namespace {
 
-// The station address in the NIC's interface information; FALSE when it cannot be read.
+// The station address in the NIC's interface information; FALSE when it cannot be read. An address
+// wait reads it every second, so the usual resizing goes unlogged: each debug-log line is a file write
+// during which nothing polls the NIC.
 bool ReadStationAddress(EFI_IP4_CONFIG2_PROTOCOL* config, EFI_IPv4_ADDRESS* address) {
-  static constexpr ReadTexts kInfo = {u"ReadStationAddress(): resizing the interface information\r\n",
-                                      u"ReadStationAddress(): no memory for the interface information\r\n",
-                                      nullptr, nullptr,
-                                      u"ReadStationAddress(): (%r) reading the interface information\r\n"};
+  static constexpr ReadTexts kInfo = {
+      nullptr, u"ReadStationAddress(): no memory for the interface information\r\n", nullptr, nullptr,
+      u"ReadStationAddress(): (%r) reading the interface information\r\n"};
   wc::PoolPtr<UINT8> buffer;
   UINTN read = 0;
   if (EFI_ERROR(ReadResizing(config, Ip4Config2DataTypeInterfaceInfo, buffer, kInfo, EFI_OUT_OF_RESOURCES,
