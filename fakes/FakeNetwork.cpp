@@ -1,5 +1,6 @@
 #include "fakes/FakeNetwork.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "uefi/protocol/DevicePath.h"
@@ -94,6 +95,30 @@ EFI_STATUS EFIAPI SnpGetStatus(EFI_SIMPLE_NETWORK_PROTOCOL* self, UINT32* interr
     *txBuffer = nullptr;
   n.mode.MediaPresent = n.link;
   return EFI_SUCCESS;
+}
+
+// Reports the counters as a driver that keeps only the dropped frames would: every other one all ones.
+EFI_STATUS EFIAPI SnpStatistics(EFI_SIMPLE_NETWORK_PROTOCOL* self, BOOLEAN reset, UINTN* size,
+                                EFI_NETWORK_STATISTICS* table) {
+  if (F().Fail())
+    return EFI_DEVICE_ERROR;
+  FakeNic& n = NicOf(self);
+  if (!n.keepsStatistics)
+    return EFI_UNSUPPORTED;
+  if (n.mode.State != EfiSimpleNetworkInitialized)
+    return EFI_NOT_STARTED;
+  if (reset)
+    n.rxDropped = 0;
+  if (size == nullptr)
+    return table == nullptr ? EFI_SUCCESS : EFI_INVALID_PARAMETER;
+  EFI_NETWORK_STATISTICS counters;
+  std::memset(&counters, 0xFF, sizeof(counters));
+  counters.RxDroppedFrames = n.rxDropped;
+  if (table != nullptr)
+    std::memcpy(table, &counters, std::min<UINTN>(*size, sizeof(counters)));
+  bool small = *size < sizeof(counters);
+  *size = sizeof(counters);
+  return small ? EFI_BUFFER_TOO_SMALL : EFI_SUCCESS;
 }
 
 // ---- Managed network ----
@@ -227,8 +252,12 @@ EFI_STATUS EFIAPI Ip4Transmit(EFI_IP4_PROTOCOL* self, EFI_IP4_COMPLETION_TOKEN* 
   UINT16 seq = UINT16(icmp[6] | (icmp[7] << 8));
   n.pingsSent.push_back({F().now, seq});
   if (n.pingAnswers && n.unanswered.count(seq) == 0 &&
-      std::memcmp(&token->Packet.TxData->DestinationAddress, &n.server, 4) == 0)
-    n.repliesDue.push_back({F().now + n.replyDelay, seq});
+      std::memcmp(&token->Packet.TxData->DestinationAddress, &n.server, 4) == 0) {
+    if (n.droppedByNic.count(seq) != 0)
+      ++n.rxDropped;
+    else
+      n.repliesDue.push_back({F().now + n.replyDelay, seq});
+  }
   token->Status = EFI_SUCCESS;
   return EFI_SUCCESS;
 }
@@ -582,6 +611,7 @@ FakeNic::FakeNic(FakeFirmware& f, UINT8 dev, UINT8 lastMacByte) : fw(f), device(
   snp.p.Initialize = SnpInitialize;
   snp.p.Shutdown = SnpShutdown;
   snp.p.GetStatus = SnpGetStatus;
+  snp.p.Statistics = SnpStatistics;
   snp.p.Mode = &mode;
   mnp.p = {MnpGetModeData, MnpConfigure, nullptr, nullptr, MnpTransmit, nullptr, MnpCancel, MnpPoll};
   ip4.p = {Ip4GetModeData, Ip4Configure, nullptr, nullptr, Ip4Transmit, Ip4Receive, Ip4Cancel, Ip4Poll};

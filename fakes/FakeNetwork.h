@@ -53,13 +53,18 @@ struct FakeNic {
   bool link = true;
   EFI_IPv4_ADDRESS server = {{10, 0, 2, 2}};
   EFI_IPv4_ADDRESS client = {{10, 0, 2, 15}};
-  EFI_IPv4_ADDRESS gateway = {};       // the default route's gateway in the IPv4 configuration
-  UINT64 mappedAt = 0;                 // virtual time from which IPv4 has an address; ~0: never
-  UINTN dhcpTimeouts = 0;              // Start times out this many times (a silent server: many)
-  UINTN dhcpDenials = 0;               // Configure refuses this many times (another client active)
-  bool pingAnswers = true;             // the server answers echo requests
-  std::set<UINT16> unanswered;         // echo requests with these sequence numbers get no reply
-  UINT64 replyDelay = 20000;           // 2 ms
+  EFI_IPv4_ADDRESS gateway = {}; // the default route's gateway in the IPv4 configuration
+  UINT64 mappedAt = 0;           // virtual time from which IPv4 has an address; ~0: never
+  UINTN dhcpTimeouts = 0;        // Start times out this many times (a silent server: many)
+  UINTN dhcpDenials = 0;         // Configure refuses this many times (another client active)
+  bool pingAnswers = true;       // the server answers echo requests
+  std::set<UINT16> unanswered;   // echo requests with these sequence numbers get no reply
+  UINT64 replyDelay = 20000;     // 2 ms
+  // Echo replies with these sequence numbers reach the NIC and are dropped there, its receive buffers
+  // full: counted in rxDropped, which the simple network's statistics report when keepsStatistics.
+  std::set<UINT16> droppedByNic;
+  UINT64 rxDropped = 0;
+  bool keepsStatistics = true;
   UINTN config2NotReady = 0;           // GetData answers EFI_NOT_READY this many times
   EFI_STATUS policyRead = EFI_SUCCESS; // GetData for the policy: asks for a buffer, then answers this
   bool setDataNotReady = false;        // SetData takes the policy but answers EFI_NOT_READY (applied later)

@@ -23,7 +23,9 @@ constexpr AdviceRow kRows[] = {
      u"its sequence number); a \"destination unreachable\" answer, replies with another identifier and "
      u"replies from "
      u"another "
-     u"address count as no reply"},
+     u"address count as no reply. Where the log says the NIC's driver counted received frames dropped while "
+     u"the replies were awaited, the replies may have reached the machine and been lost in its receive "
+     u"buffers (a network busy with other traffic, a NIC driver with few buffers)"},
     {0x80160303, u"0x80160303", u"interactivenetworktest",
      u"the host pinged last (the gateway, or the DHCP server) did not answer three requests",
      u"as 0x80160102. A silent gateway does not show here: the test then configures the NIC by DHCP and "

@@ -4,6 +4,7 @@
 #include "base/Ipv6Text.h"
 #include "base/Owners.h"
 #include "nic/ServiceChildren.h"
+#include "ping/DroppedReplies.h"
 #include "ping/Ipv6Packets.h"
 #include "report/Output.h"
 #include "support/Clock.h"
@@ -50,9 +51,12 @@ private:
   UINT8 message_[kMessageBytes] = {};
   UINT64 sentAt_[kMaxEcho6Requests] = {};
   bool rxArmed_ = false, txPending_ = false;
+  EFI_HANDLE nic_ = nullptr;
+  DroppedReplyWatch drops_;
 };
 
 EFI_STATUS Echo6Session::Open(EFI_HANDLE Nic) {
+  nic_ = Nic;
   EFI_STATUS status = rxEvent_.CreateForToken();
   if (!EFI_ERROR(status))
     status = txEvent_.CreateForToken();
@@ -149,6 +153,7 @@ EFI_STATUS Echo6Session::Arm() {
 
 EFI_STATUS Echo6Session::Exchange(UINT32 Count) {
   TimeStampCounterPerMicrosecond(); // calibrated before the first request leaves
+  drops_.Start(nic_);
   EFI_STATUS status = Send(0);
   if (EFI_ERROR(status))
     return status;
@@ -174,6 +179,7 @@ EFI_STATUS Echo6Session::Exchange(UINT32 Count) {
         if (EFI_ERROR(status))
           return status;
       } else if (ticks >= run_->Sent + 1) {
+        drops_.SayDropped();
         return EFI_TIMEOUT;
       }
     }

@@ -6,6 +6,7 @@
 #include "nic/Dumps.h"
 #include "nic/NicConfig.h"
 #include "nic/ServiceChildren.h"
+#include "ping/DroppedReplies.h"
 #include "report/Output.h"
 #include "support/Clock.h"
 #include "support/DebugLog.h"
@@ -179,6 +180,7 @@ private:
   UINT16 baseSum_ = 0;       // the checksum of request n is derived from this sum and n
   UINT16 sequence_ = 0;
   UINT64 sendTimes_[kMaxTimedRequests] = {};
+  DroppedReplyWatch drops_;
 };
 
 // ICMP with the NIC's default address.
@@ -371,6 +373,7 @@ EFI_STATUS PingSession::TakeReceived() {
 
 EFI_STATUS PingSession::Exchange(UINT32 Count) {
   TimeStampCounterPerMicrosecond(); // calibrated before the first request leaves, not while replies arrive
+  drops_.Start(service_);
   sendTimes_[0] = ReadTimeStampCounter();
   EFI_STATUS status = ip4_->Transmit(ip4_, &txToken_);
   if (EFI_ERROR(status)) {
@@ -410,6 +413,7 @@ EFI_STATUS PingSession::Exchange(UINT32 Count) {
     }
     if (UINT32(ticks + 1 - sent) >= 2) {
       ConsolePrint(u"Receive Time Out!\r\n");
+      drops_.SayDropped();
       return EFI_TIMEOUT;
     }
   }

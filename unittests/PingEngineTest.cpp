@@ -124,6 +124,36 @@ TEST_F(PingEngineTest, PartialAnswersTimeOutOnTheFourthTick) {
   EXPECT_NEAR(Seconds(), 4.0, 0.05);
 }
 
+// A reply the NIC itself dropped, its receive buffers full, is named in the log where the NIC counts
+// such frames; the count is read, never reset, and only its growth during the run is the run's.
+TEST_F(PingEngineTest, RepliesTheNicDroppedAreNamedWhereItCountsThem) {
+  FakeManager manager;
+  VEX_MANAGER_PROTOCOL* link = &manager.protocol;
+  InitDebugLevel(nullptr, nullptr, &link);
+  const std::string said =
+      "The NIC's driver counted 1 received frames dropped while the replies were awaited";
+  nic.droppedByNic = {1};
+  nic.rxDropped = 40; // dropped before the run
+  EXPECT_EQ(Ping(3), EFI_TIMEOUT);
+  EXPECT_EQ(gEchoes.Replies, 2u);
+  EXPECT_NE(Narrow(manager.AllText()).find(said), std::string::npos);
+  EXPECT_EQ(nic.rxDropped, 41u);
+
+  manager.lines.clear(); // replies that never came: nothing dropped, nothing said
+  nic.droppedByNic.clear();
+  nic.unanswered = {0};
+  EXPECT_EQ(Ping(1), EFI_TIMEOUT);
+  EXPECT_EQ(Narrow(manager.AllText()).find("received frames dropped"), std::string::npos);
+
+  manager.lines.clear(); // a driver without statistics: the verdict alone
+  nic.unanswered.clear();
+  nic.droppedByNic = {0};
+  nic.keepsStatistics = false;
+  EXPECT_EQ(Ping(1), EFI_TIMEOUT);
+  EXPECT_EQ(Narrow(manager.AllText()).find("received frames dropped"), std::string::npos);
+  ResetOutputState();
+}
+
 TEST_F(PingEngineTest, WaitsForTheAddress) {
   nic.mappedAt = 3 * kSecond; // the firmware's own DHCP binds after three seconds
   EXPECT_EQ(Ping(0), EFI_SUCCESS);

@@ -37,7 +37,36 @@ struct EFI_SIMPLE_NETWORK_MODE {
 static_assert(offsetof(EFI_SIMPLE_NETWORK_MODE, CurrentAddress) == 40 + 16 * 32);
 static_assert(offsetof(EFI_SIMPLE_NETWORK_MODE, MediaPresent) == 40 + 19 * 32 + 4);
 
-struct EFI_NETWORK_STATISTICS;
+// The counters a NIC's driver may keep; one it does not keep reads as all ones.
+struct EFI_NETWORK_STATISTICS {
+  UINT64 RxTotalFrames;
+  UINT64 RxGoodFrames;
+  UINT64 RxUndersizeFrames;
+  UINT64 RxOversizeFrames;
+  UINT64 RxDroppedFrames; // valid frames dropped because the receive buffers were full
+  UINT64 RxUnicastFrames;
+  UINT64 RxBroadcastFrames;
+  UINT64 RxMulticastFrames;
+  UINT64 RxCrcErrorFrames;
+  UINT64 RxTotalBytes;
+  UINT64 TxTotalFrames;
+  UINT64 TxGoodFrames;
+  UINT64 TxUndersizeFrames;
+  UINT64 TxOversizeFrames;
+  UINT64 TxDroppedFrames;
+  UINT64 TxUnicastFrames;
+  UINT64 TxBroadcastFrames;
+  UINT64 TxMulticastFrames;
+  UINT64 TxCrcErrorFrames;
+  UINT64 TxTotalBytes;
+  UINT64 Collisions;
+  UINT64 UnsupportedProtocol;
+  UINT64 RxDuplicatedFrames;
+  UINT64 RxDecryptErrorFrames;
+  UINT64 TxErrorFrames;
+  UINT64 TxRetryFrames;
+};
+static_assert(sizeof(EFI_NETWORK_STATISTICS) == 26 * 8);
 
 struct EFI_SIMPLE_NETWORK_PROTOCOL {
   UINT64 Revision;
