@@ -10,6 +10,8 @@ from concurrent.futures import ThreadPoolExecutor
 import vmtest  # noqa: F401 (puts the runner on the path)
 from wcvm import faults, matrix
 from wcvm.firmware import DEFAULT_GENERATION, GENERATIONS, WITHOUT_IPV6, resolve
+from wcvm.matrixrows import IPV6_ROWS, MIXED_OUT, ROWS, SPEED_ROW
+from wcvm.matrixwhy import verdict
 
 OTHERS = [name for name in GENERATIONS if name != DEFAULT_GENERATION]
 # The model of the reduced matrix: OVMF's own virtio driver, which sees a cable go in and out; the
@@ -64,14 +66,14 @@ class ReducedSet(unittest.TestCase):
 
     def test_every_test_and_the_cable_rows_give_what_the_tests_define(self):
         # The twenty bursts run on the default generation only: SpeedTest itself is in the set.
-        for test in [row for row in matrix.ROWS if row not in (matrix.SPEED_ROW, matrix.MIXED_OUT)]:
+        for test in [row for row in ROWS if row not in (SPEED_ROW, MIXED_OUT)]:
             with self.subTest(test=test):
                 cell = self.cells[test]
                 # A generation built without IPv6 ends ping6test with its no-IPv6 code: explained.
                 allowed = ["as defined"]
-                if test in matrix.IPV6_ROWS and self.generation in WITHOUT_IPV6:
+                if test in IPV6_ROWS and self.generation in WITHOUT_IPV6:
                     allowed.append("explained")
-                self.assertIn(matrix.verdict(self.firmware, MODEL, test, cell), allowed, cell)
+                self.assertIn(verdict(self.firmware, MODEL, test, cell), allowed, cell)
 
     def test_each_fault_gives_its_defined_verdict_in_time(self):
         self.assertEqual([r for r in self.rows if not r["ok"]], [])

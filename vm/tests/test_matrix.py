@@ -51,10 +51,12 @@ class CompatibilityMatrix(unittest.TestCase):
         # No VM: the boot is what the runner hands back when the VM went silent after six bursts.
         from wcvm import HarnessError, VmRun, matrix
         from wcvm.firmware import default
+        from wcvm.matrixrows import EXPECTED, SPEED_ROW
+        from wcvm.matrixwhy import verdict
         firmware = default()
         calls = [options for _, options, *_ in matrix.RUN_ORDER] + ["-test=SpeedTest"] * 6
         log = "".join(f"CALL options='{c}'\nspeed is 700 Mbit/s\n" for c in calls)
-        results = [matrix.EXPECTED[test] for test, *_ in matrix.RUN_ORDER] + [("Passed", 0, "Success")] * 6
+        results = [EXPECTED[test] for test, *_ in matrix.RUN_ORDER] + [("Passed", 0, "Success")] * 6
         partial = VmRun(serial="", output="", log=log, results=results, files_dir="", elapsed=60)
         silent = HarnessError("the VM printed nothing for 45 s", partial)
         with tempfile.TemporaryDirectory() as work, mock.patch.object(matrix, "run_vm", side_effect=silent):
@@ -63,16 +65,18 @@ class CompatibilityMatrix(unittest.TestCase):
                 open(os.path.join(work, model, "flags", "Network1.flg"), "w").close()
                 cells = matrix.run_model(model, work, firmware)
                 for test, *_ in matrix.RUN_ORDER:
-                    self.assertEqual(matrix.verdict(firmware, model, test, cells[test]), "as defined", test)
-                burst = cells[matrix.SPEED_ROW]
+                    self.assertEqual(verdict(firmware, model, test, cells[test]), "as defined", test)
+                burst = cells[SPEED_ROW]
                 self.assertEqual((burst["calls"], burst["figures"]), (6, 6))
                 self.assertIn("then no answer: the VM printed nothing", burst["figure"])
-                self.assertEqual(matrix.verdict(firmware, model, matrix.SPEED_ROW, burst), expected, model)
+                self.assertEqual(verdict(firmware, model, SPEED_ROW, burst), expected, model)
 
     def test_a_flag_for_an_unplugged_nic_is_a_fault_unless_the_driver_is_known_blind(self):
         # No VM: both unplugged NICs reported media present, so detectcable left two flags.
         from wcvm import VmRun, matrix
         from wcvm.firmware import default
+        from wcvm.matrixrows import CABLE_OUT, CABLE_PLUGGED, CABLE_STAYS_OUT
+        from wcvm.matrixwhy import verdict
         firmware = default()
 
         def two_flags(cfg):
@@ -84,17 +88,17 @@ class CompatibilityMatrix(unittest.TestCase):
         with tempfile.TemporaryDirectory() as work, mock.patch.object(matrix, "run_vm", side_effect=two_flags):
             seeing = matrix.run_cable_model("virtio", work, firmware)
             blind = matrix.run_cable_model("ne2k_pci", work, firmware)
-        self.assertEqual(matrix.verdict(firmware, "virtio", matrix.CABLE_OUT, seeing[matrix.CABLE_OUT]), "UNEXPECTED")
-        self.assertEqual(matrix.verdict(firmware, "virtio", matrix.CABLE_STAYS_OUT, seeing[matrix.CABLE_STAYS_OUT]),
+        self.assertEqual(verdict(firmware, "virtio", CABLE_OUT, seeing[CABLE_OUT]), "UNEXPECTED")
+        self.assertEqual(verdict(firmware, "virtio", CABLE_STAYS_OUT, seeing[CABLE_STAYS_OUT]),
                          "UNEXPECTED")
-        for row in (matrix.CABLE_OUT, matrix.CABLE_PLUGGED, matrix.CABLE_STAYS_OUT):
-            self.assertEqual(matrix.verdict(firmware, "ne2k_pci", row, blind[row]), "explained", row)
-        self.assertTrue(blind[matrix.CABLE_PLUGGED].get("not_run"))
+        for row in (CABLE_OUT, CABLE_PLUGGED, CABLE_STAYS_OUT):
+            self.assertEqual(verdict(firmware, "ne2k_pci", row, blind[row]), "explained", row)
+        self.assertTrue(blind[CABLE_PLUGGED].get("not_run"))
         # pcnet's download is explained only by the stall its ROM gives, nothing else.
         stall = {"result": "Failed", "error": 0x80160909, "status": "Success", "figure": ""}
-        self.assertEqual(matrix.verdict(firmware, "pcnet", "downloadtest", stall), "explained")
-        self.assertEqual(matrix.verdict(firmware, "e1000", "downloadtest", stall), "UNEXPECTED")
-        self.assertEqual(matrix.verdict(firmware, "pcnet", "downloadtest", {**stall, "error": 0x8016090A}),
+        self.assertEqual(verdict(firmware, "pcnet", "downloadtest", stall), "explained")
+        self.assertEqual(verdict(firmware, "e1000", "downloadtest", stall), "UNEXPECTED")
+        self.assertEqual(verdict(firmware, "pcnet", "downloadtest", {**stall, "error": 0x8016090A}),
                          "UNEXPECTED")
 
 

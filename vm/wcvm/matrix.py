@@ -17,10 +17,12 @@ from concurrent.futures import ThreadPoolExecutor
 from .arch import ARCHES, X86_64
 from .arch import models as arch_models
 from .config import NIC_MODELS, ROOT, HarnessError, Nic, VmConfig, chosen, take_value
-from .firmware import WITHOUT_IPV6
 from .firmware import take_options as take_firmware_options
 from .junit import take_junit, write_matrix_junit
 from .live import run_vm
+from .matrixrows import (CABLE_CALLS, CABLE_OUT, CALLS, FLAG_FIGURE, MIXED_OUT, ROM_TWIN, ROWS, SPEED_CALLS,
+                         SPEED_ROW)
+from .matrixwhy import EXPLAINED, NO_DRIVER, NOTES, blind_to_link, explanation, verdict
 from .qemu import USER_WEB_SERVER
 from .report import call_blocks
 
@@ -28,20 +30,6 @@ from .report import call_blocks
 # call reports progress every few seconds), has stopped answering.
 MODEL_TIMEOUT = 150
 MODEL_SILENCE = 45
-
-# (row, option string, the figure that matters: a pattern over the call's lines, or None, its shape)
-CALLS = [
-    ("pingtest", "-test=pingtest", r"Reply seq 0 from [\d.]+: time (\d+) us", "{} us"),
-    ("detectcable", "-test=detectcable", None, ""),  # the flag files it leaves: FLAG_FIGURE
-    ("interactivenetworktest", "-test=interactivenetworktest", r"Remote IP Address: ([\d.]+)", "{}"),
-    ("macaddresstest", "-test=macaddresstest -debug", r"^([0-9A-F]{1,2}(?:-[0-9A-F]{1,2}){5})$", "{}"),
-    ("SpeedTest", "-test=SpeedTest -NetworkSpeed=1", r"speed is (\d+) Mbit/s", "{} Mbit/s"),
-    ("NicSpeedTest", "-test=NicSpeedTest", None, ""),
-    ("IRQTest", "-test=IRQTest", r"Interrupt Number (\d+)", "IRQ {}"),
-    ("ping6test", "-test=ping6test", r"round trip min/avg/max \d+/(\d+)/\d+ us", "{} us"),
-    ("downloadtest", "-test=downloadtest -url=http://{server}/{file} -sha256={sha256}", r"speed is (\d+) Mbit/s",
-     "{} Mbit/s"),
-]
 
 # The file the download row fetches from the run's own web server on the user network: a few MiB
 # of bytes that are the same every run, made once.
@@ -63,123 +51,18 @@ def download_file():
     with open(path, "rb") as f:
         return path, hashlib.sha256(f.read()).hexdigest()
 
-# Bursts at the defaults, the same boot: every call must give its figure, passed or not (a burst the
-# firmware pushes back on must still complete). Not run where one burst is already a firmware fault
-# the matrix explains (each would wait out the module's ten seconds of draining).
-SPEED_ROW, SPEED_CALLS = "SpeedTest x20 (defaults)", 20
 SPEED_FIGURE = re.compile(r"speed is (\d+) Mbit/s")
 
-# What the tests' definitions give on these NICs: Passed, except that no emulated NIC is in the
-# built-in rated-speed table (Unsupported, no retry).
-EXPECTED = {test: ("Passed", 0, "Success") for test, *_ in CALLS}
-EXPECTED["NicSpeedTest"] = ("Failed", 0x800000FF, "Unsupported")
-ROWS = [test for test, *_ in CALLS] + [SPEED_ROW]
 # The calls that need no address go first: the firmware's DHCP, started as the VM boots, gets its
 # lease meanwhile instead of holding up pingtest. The bursts go last: iPXE's pcnet ROM sends nothing
 # more after one, and the ping tests would then fail for it.
 RUN_ORDER = sorted(CALLS, key=lambda call: {"pingtest": 1, "interactivenetworktest": 1, "downloadtest": 1,
                                              "SpeedTest": 2}.get(call[0], 0))
 
-PCNET = ("iPXE's pcnet ROM puts 15 frames on the wire and then sends nothing more: the managed network "
-         "runs out of transmit buffers (Transmit: Out of Resources) and stays so however long the "
-         "module lets it drain; a capture of the NIC shows the 15 frames")
 
-VIRTIO_IPXE_HANG = (
-    "iPXE's virtio ROM stops for good in about one boot in three with 20 bursts (Debian's build of "
-    "January 2019: the processor loops in the ROM's own memory allocator, whose list of free blocks has "
-    "become a circle; the stack shows MnpDxe calling into the ROM, while the module only calls the "
-    "managed network's Transmit, and no frame is refused on this NIC). Debian's build of May 2025 "
-    "stops in the bursts too")
-# The iPXE builds the hang is measured on.
-HANG_ROMS = ("2019", "2025")
-
-PCNET_DOWNLOAD = (
-    "iPXE's pcnet ROM stops passing traffic after a bulk receive, with the 2019 and the 2025 build: the shell's "
-    "own http command fetches 4 MiB once and ends a second fetch in Time out, and downloadtest stalls after about "
-    "210 KB in some boots and after the whole file in others (a later call then gets no connection); TCP's "
-    "acknowledgements are frames the ROM sends, and it stops sending after 15 frames in SpeedTest")
-# Cells explained only with the code the fault gives, by (model, test).
-EXPLAINED_CODES = {("pcnet", "downloadtest"): (0x80160909, PCNET_DOWNLOAD)}
-
-# Cells where the firmware or the NIC's option ROM is at fault, with the evidence.
-EXPLAINED = {
-    ("pcnet", "SpeedTest"): PCNET,
-    ("pcnet", SPEED_ROW): "not run: " + PCNET,
-}
-# Why the other models have no column on AArch64, from the shell's drivers and pci commands there:
-# an e1000 beside a virtio NIC is listed by pci (8086:100E) with its command register 0000, and no
-# driver binds it.
-NO_DRIVER = ("the other models have no UEFI driver there: QEMU's efi-*.rom option ROMs hold x86-64 code, which "
-             "AAVMF does not start, and AAVMF's only NIC driver is VirtioNetDxe (the shell's pci command lists an "
-             "e1000 with command register 0000, and its drivers command no driver for it)")
-
-# Cells that are as defined on a processor but read differently there, by (arch, test).
-NOTES = {
-    ("aarch64", "IRQTest"): "passes with 255, \"unknown or no connection\": EDK2's PCI bus driver writes 0xFF into "
-                            "every function's interrupt line and on the virt machine no platform code writes a routed "
-                            "IRQ (the shell's pci -i shows 3C = FF, 3D = 01, INTA#); the NIC's interrupt comes from "
-                            "the device tree's interrupt-map, so the test tells nothing there beyond a nonzero line",
-}
-
-# Cells where a boot that stops answering is the option ROM's fault: the cells of the calls the boot
-# finished keep their verdicts.
-EXPLAINED_HANGS = {
-    ("virtio-ipxe", "SpeedTest"): VIRTIO_IPXE_HANG,
-    ("virtio-ipxe", SPEED_ROW): VIRTIO_IPXE_HANG,
-}
-
-
-# The cable-out boot: two NICs of the model with their cables unplugged. detectcable must write no
-# flag; pingtest on NIC 2 asks for the cable (prompt 25), which goes in then, and passes; pingtest on
-# NIC 1, whose cable stays out, ends with its no-cable code, and so does ping6test on it. The operator
-# answers every prompt.
-CABLE_OUT, CABLE_PLUGGED, CABLE_STAYS_OUT = ("detectcable, cables out", "pingtest, cable in at prompt 25",
-                                             "pingtest, cable out")
-CABLE6_STAYS_OUT = "ping6test, cable out"
-CABLE_CALLS = [(CABLE_OUT, "-test=detectcable"), (CABLE_PLUGGED, "-test=pingtest -index=2"),
-               (CABLE_STAYS_OUT, "-test=pingtest -index=1"), (CABLE6_STAYS_OUT, "-test=ping6test -index=1")]
 CABLE_SCRIPT = "prompt ok\n" * 3
-EXPECTED[CABLE_OUT] = ("Passed", 0, "Success")
-EXPECTED[CABLE_PLUGGED] = ("Passed", 0, "Success")
-EXPECTED[CABLE_STAYS_OUT] = ("Failed", 0x80160107, "Success")
-EXPECTED[CABLE6_STAYS_OUT] = ("Failed", 0x80160803, "Success")
-IPV6_ROWS = ("ping6test", CABLE6_STAYS_OUT)
-ROWS += [row for row, _ in CABLE_CALLS]
-# The flags detectcable leaves: one for the main boot's cabled NIC, none with the cables out.
-FLAGS = {"detectcable": 1, CABLE_OUT: 0}
-FLAG_FIGURE = "{} flag(s)"
-# Two NICs of one device, only one of them with iPXE's option ROM: the ROM's driver serves both (the
-# module's log names each NIC's driver), so the NIC whose own driver sees a missing cable no longer
-# does. A third boot of the cable-out rows for the models that have such a twin.
-MIXED_OUT = "detectcable, cables out, beside its iPXE twin"
-ROM_TWIN = {"virtio": "virtio-ipxe"}
-EXPECTED[MIXED_OUT] = ("Passed", 0, "Success")
-FLAGS[MIXED_OUT] = 0
-ROWS.append(MIXED_OUT)
 # A cable-out boot waits for six media checks and one DHCP exchange besides booting.
 CABLE_TIMEOUT = 150
-
-# iPXE drivers that mark the link up when they start and never look at it again, by the iPXE source
-# file that does so (virtio-net.c: "no way to test link state changes"; legacy.c, which serves
-# ne2k_pci: "legacy devices don't handle link state"; pcnet32.c and eepro100.c call netdev_link_up
-# once at probe). iPXE's SNP reports the link as MediaPresent, so with the cable out detectcable
-# writes their flags and pingtest's cable check passes: a missing cable would read as an address
-# failure after the test's 60-second wait. The matrix runs detectcable alone on them.
-_LINK_NEVER_READ = {"virtio-ipxe": "virtio-net.c", "ne2k_pci": "legacy.c", "pcnet": "pcnet32.c",
-                    **{m: "eepro100.c" for m in NIC_MODELS if NIC_MODELS[m].rom == "efi-eepro100.rom"}}
-# By the iPXE ROMs' year, as measured (./wirecheck matrix --ipxe YEAR).
-BLIND_TO_LINK = {"2019": _LINK_NEVER_READ, "2025": _LINK_NEVER_READ}
-
-
-def blind_to_link(firmware, model):
-    """Why this model's driver cannot see a missing cable under this firmware's iPXE ROMs, or ""."""
-    source = BLIND_TO_LINK.get(firmware.ipxe_name, {}).get(model)
-    if not source:
-        return ""
-    return (f"{NIC_MODELS[model].driver} of {firmware.ipxe_name} marks the link up when it starts and never "
-            f"reads it again (iPXE's {source}): its simple network reports media present with the cable out, "
-            "and so does the shell's ifconfig -l")
-
 
 def _flags(files_dir):
     flags = os.path.join(files_dir, "flags")
@@ -297,50 +180,6 @@ def _speed_cell(blocks, results, repeats, stopped):
         cell["figure"] += f", then no answer: {stopped[:60]}"
         cell["stopped"] = True
     return cell
-
-
-def explanation(firmware, model, test, cell):
-    """Why this cell is the firmware's or the option ROM's doing, or "" when nothing explains it."""
-    if cell.get("stopped"):
-        return EXPLAINED_HANGS.get((model, test), "") if firmware.ipxe_name in HANG_ROMS else ""
-    if (firmware.name, model, test) in EXPLAINED:
-        return EXPLAINED[(firmware.name, model, test)]
-    if (model, test) in EXPLAINED:
-        return EXPLAINED[(model, test)]
-    code, text = EXPLAINED_CODES.get((model, test), (None, ""))
-    if code is not None and cell.get("error") == code:
-        return text
-    if test in IPV6_ROWS and firmware.name in WITHOUT_IPV6 and cell.get("error") == 0x80160801:
-        return WITHOUT_IPV6[firmware.name]
-    blind = blind_to_link(firmware, model)
-    twin = ROM_TWIN.get(model)
-    if test == MIXED_OUT and twin and blind_to_link(firmware, twin) and cell.get("flags") == 2:
-        return (f"the option ROM of the {twin} NIC brings {NIC_MODELS[twin].driver}, which serves the {model} NIC "
-                f"too (the log names the same driver for both NICs): " + blind_to_link(firmware, twin) +
-                "; both unplugged NICs get a flag")
-    if blind and test == CABLE_OUT and cell.get("flags") == 2:
-        return blind + ": both unplugged NICs get a flag"
-    if blind and cell.get("not_run"):
-        return "not run: " + blind
-    return ""
-
-
-def _as_defined(test, cell):
-    """Whether the cell is what the tests' definitions give: a call that ran, with the expected
-    result (and flags), or all twenty bursts with their figures."""
-    if cell.get("stopped") or cell.get("not_run"):
-        return False
-    if test == SPEED_ROW:
-        return cell["calls"] == SPEED_CALLS and cell["figures"] == SPEED_CALLS
-    return (cell["result"], cell["error"], cell["status"]) == EXPECTED[test] and cell.get("flags") == FLAGS.get(test)
-
-
-def verdict(firmware, model, test, cell):
-    if cell.get("na"):
-        return "n/a"
-    if _as_defined(test, cell):
-        return "as defined"
-    return "explained" if explanation(firmware, model, test, cell) else "UNEXPECTED"
 
 
 def _jobs(argv):
