@@ -1,6 +1,8 @@
 // The module loaded on the fake firmware through its protocol, with one NIC: the world the NIC
 // tests' host tests and the failure sweep run in.
 #pragma once
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 
@@ -96,3 +98,9 @@ struct NicWorld {
   }
   std::string Said() const { return Narrow(mgr.AllText()); }
 };
+
+// The shipped message file beside the module, for the menu's and prompts' texts.
+inline void AddMessageFile(NicWorld& w) {
+  std::ifstream f(std::string(SOURCE_DIR) + "/support/Wirecheck.msg.xml", std::ios::binary);
+  w.volume.AddFile(u"\\Wirecheck.msg.xml", std::string(std::istreambuf_iterator<char>(f), {}));
+}
