@@ -16,14 +16,6 @@
 
 namespace {
 
-// How many times a text says something.
-size_t Count(const std::string& text, const std::string& what) {
-  size_t n = 0;
-  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
-    ++n;
-  return n;
-}
-
 // ---- The PCI side and the PCI tests ----
 
 TEST(Pci, RootBridgeRangesAndConfigurationReads) {

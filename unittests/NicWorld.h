@@ -104,3 +104,11 @@ inline void AddMessageFile(NicWorld& w) {
   std::ifstream f(std::string(SOURCE_DIR) + "/support/Wirecheck.msg.xml", std::ios::binary);
   w.volume.AddFile(u"\\Wirecheck.msg.xml", std::string(std::istreambuf_iterator<char>(f), {}));
 }
+
+// How many times a text says something.
+inline size_t Count(const std::string& text, const std::string& what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+    ++n;
+  return n;
+}
