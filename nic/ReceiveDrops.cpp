@@ -1,5 +1,6 @@
 #include "nic/ReceiveDrops.h"
 #include "base/Globals.h"
+#include "base/Memory.h"
 #include "base/Owners.h"
 
 bool ReadReceiveDrops(EFI_HANDLE Nic, UINT64* Dropped) {
