@@ -185,7 +185,7 @@ EFI_STATUS AskDriver(EFI_HANDLE driver, EFI_HANDLE controller, EFI_HANDLE child,
     const CHAR8* picked = kind.Pick(language, names->SupportedLanguages);
     CHAR16* found = nullptr;
     status = controller != nullptr ? names->GetControllerName(names, controller, child, picked, &found)
-                                    : names->GetDriverName(names, picked, &found);
+                                   : names->GetDriverName(names, picked, &found);
     if (EFI_ERROR(status) || found == nullptr)
       continue;
     *name = found;
