@@ -4,19 +4,16 @@
 // PciRoot(0x0)/Pci(Device,0x0)) and, as its child, the MAC-layer handle (device path ending in
 // MAC(...)) with simple network, the managed-network, IPv4 and DHCPv4 service bindings and IPv4
 // configuration 2. Behind it sits a virtual network with one DHCP server that answers pings. The
-// knobs say what the world looks like; the records say what the module did. A FakeDriver names
-// controllers through both component-name protocols, and a FakeRootBridge reads the configuration
-// space of every FakeNic through ACPI-described bus ranges. Every protocol call that can fail takes
-// part in the fake firmware's fault injection.
+// knobs say what the world looks like; the records say what the module did. Every protocol call that
+// can fail takes part in the fake firmware's fault injection. The machine around the NICs (their
+// drivers' names, the PCI root bridge, HII routing, the manager's menus) is in FakeMachine.h.
 #pragma once
 #include <set>
 #include <string>
 #include <vector>
 
 #include "fakes/FakeFirmware.h"
-#include "uefi/protocol/ComponentName.h"
 #include "uefi/protocol/Dhcp4.h"
-#include "uefi/protocol/Hii.h"
 #include "uefi/protocol/Ip4.h"
 #include "uefi/protocol/Ip4Config2.h"
 #include "uefi/protocol/ManagedNetwork.h"
@@ -131,47 +128,6 @@ struct FakeNic {
   std::vector<std::pair<EFI_IP4_CONFIG2_DATA_TYPE, EFI_EVENT>> notifies;
 
   bool HasAddress() const { return mappedAt != ~0ull && fw.now >= mappedAt; }
-};
-
-// The HII configuration router: BlockToConfig answers the request itself, RouteConfig answers
-// routeStatus (OVMF keeps no driver for the stored IPv4 configuration: EFI_NOT_FOUND).
-struct FakeHiiRouting {
-  explicit FakeHiiRouting(FakeFirmware& fw);
-  EFI_HII_CONFIG_ROUTING_PROTOCOL protocol{};
-  EFI_STATUS routeStatus = EFI_NOT_FOUND;
-  std::vector<std::u16string> routed;
-  static inline FakeHiiRouting* current = nullptr;
-};
-
-// A driver that manages a NIC's PCI function and names its MAC-layer child, through component name
-// 2 (RFC 4646 languages) and component name (ISO 639-2).
-struct FakeDriver {
-  FakeDriver(FakeFirmware& fw, FakeNic& nic, const char16_t* name);
-  EFI_HANDLE handle;
-  struct Names {
-    EFI_COMPONENT_NAME2_PROTOCOL p;
-    FakeDriver* driver;
-  } name2{}, name1{};
-  std::u16string name;
-  EFI_HANDLE controller, child;
-};
-
-// The PCI root bridge over bus 0 (one QWORD bus-range descriptor), reading every FakeNic's
-// configuration space by bus, device, function and register.
-struct FakeRootBridge {
-  FakeRootBridge(FakeFirmware& fw, std::vector<FakeNic*> nics);
-  EFI_HANDLE handle;
-  EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL protocol{};
-  std::vector<FakeNic*> nics;
-  std::vector<UINT8> descriptors;
-  static inline FakeRootBridge* current = nullptr;
-};
-
-// The manager's menu protocols: the menu answers with the item at answer (0-based), or the cancel
-// entry when answer is -1, and records what it showed.
-struct FakeMenus {
-  FakeMenus(FakeFirmware& fw, bool graphics, bool console);
-  INT64 answer = 0;
-  std::vector<std::u16string> shown; // title, text lines, items
-  static inline FakeMenus* current = nullptr;
+  // Reads its PCI configuration space as PCI I/O and the root bridge do: count items of 1 << width bytes.
+  EFI_STATUS ReadConfig(UINT32 width, UINT64 offset, UINTN count, void* buffer) const;
 };

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "fakes/FakeMachine.h"
 #include "fuzz/NicFuzzWorld.h"
 #include "nic/HiiConfig.h"
 

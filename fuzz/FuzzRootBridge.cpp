@@ -9,7 +9,7 @@
 #include <cstring>
 #include <vector>
 
-#include "fakes/FakeNetwork.h"
+#include "fakes/FakeMachine.h"
 #include "nic/Pci.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

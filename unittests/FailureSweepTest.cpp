@@ -20,7 +20,7 @@
 #include "base/Globals.h"
 #include "frame/TestModule.h"
 #include "fakes/FakeFileSystem.h"
-#include "fakes/FakeNetwork.h"
+#include "fakes/FakeMachine.h"
 #include "report/Output.h"
 #include "report/Results.h"
 #include "tests/SpeedTest.h"

@@ -8,7 +8,7 @@
 #include "unittests/NicWorld.h"
 #include "tests/TestTable.h"
 #include "base/Globals.h"
-#include "fakes/FakeNetwork.h"
+#include "fakes/FakeMachine.h"
 #include "nic/Pci.h"
 #include "report/Output.h"
 #include "report/Results.h"

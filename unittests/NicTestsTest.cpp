@@ -14,7 +14,7 @@
 #include "tests/TestTable.h"
 #include "base/Globals.h"
 #include "frame/TestModule.h"
-#include "fakes/FakeNetwork.h"
+#include "fakes/FakeMachine.h"
 #include "nic/HiiConfig.h"
 #include "nic/NicConfig.h"
 #include "nic/Inventory.h"

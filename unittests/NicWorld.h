@@ -9,7 +9,7 @@
 #include "base/Globals.h"
 #include "fakes/FakeFileSystem.h"
 #include "fakes/FakeIpv6.h"
-#include "fakes/FakeNetwork.h"
+#include "fakes/FakeMachine.h"
 #include "fakes/FakeWeb.h"
 #include "frame/CommandLine.h"
 #include "frame/Dispatch.h"
